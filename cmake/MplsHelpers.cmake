@@ -1,0 +1,75 @@
+# One way to declare every library and test target of the project.
+
+set(MPLS_SOURCE_ROOT ${CMAKE_SOURCE_DIR})
+
+# Flags shared by every target we compile. Assertion texts name source files relative to
+# the source root ("Mpls/MplsLfib"), so __FILE__ is mapped to the relative path.
+function(mpls_target_defaults target)
+  target_compile_options(${target} PRIVATE
+    -Wall -Wextra -Wpedantic -Wno-gnu-zero-variadic-macro-arguments
+    "-fmacro-prefix-map=${MPLS_SOURCE_ROOT}/=")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -Wno-pedantic)
+  endif()
+  if(MPLS_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# Every public header of `target` must compile on its own: generate one translation unit
+# per header and build them as an object library.
+function(mpls_check_headers target)
+  if(NOT MPLS_CHECK_HEADERS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "HEADERS" ${ARGN})
+  set(sources)
+  foreach(header ${ARG_HEADERS})
+    file(RELATIVE_PATH rel ${MPLS_SOURCE_ROOT} ${CMAKE_CURRENT_SOURCE_DIR}/${header})
+    string(MAKE_C_IDENTIFIER ${rel} ident)
+    set(src ${CMAKE_CURRENT_BINARY_DIR}/checkheaders/${ident}.cpp)
+    file(CONFIGURE OUTPUT ${src} CONTENT "#include \"${rel}\"\n")
+    list(APPEND sources ${src})
+  endforeach()
+  add_library(${target}_checkheaders OBJECT EXCLUDE_FROM_ALL ${sources})
+  target_link_libraries(${target}_checkheaders PRIVATE ${target})
+  mpls_target_defaults(${target}_checkheaders)
+  if(NOT TARGET checkheaders)
+    add_custom_target(checkheaders ALL)
+  endif()
+  add_dependencies(checkheaders ${target}_checkheaders)
+  # An object library only builds when something needs its objects.
+  set_target_properties(${target}_checkheaders PROPERTIES EXCLUDE_FROM_ALL OFF)
+endfunction()
+
+# mpls_add_library(NAME [SHARED|STATIC] SOURCES ... HEADERS ... PUBLIC_DEPS ... PRIVATE_DEPS ...)
+function(mpls_add_library name)
+  cmake_parse_arguments(ARG "STATIC" "" "SOURCES;HEADERS;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  if(ARG_STATIC)
+    add_library(${name} STATIC ${ARG_SOURCES} ${ARG_HEADERS})
+  else()
+    add_library(${name} SHARED ${ARG_SOURCES} ${ARG_HEADERS})
+  endif()
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${MPLS_SOURCE_ROOT}>
+    $<BUILD_INTERFACE:${MPLS_SOURCE_ROOT}/platform>)
+  target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  mpls_target_defaults(${name})
+  if(ARG_HEADERS)
+    mpls_check_headers(${name} HEADERS ${ARG_HEADERS})
+  endif()
+endfunction()
+
+# mpls_add_test(NAME SOURCES ... DEPS ...): one GoogleTest executable, its cases
+# registered with CTest one by one.
+function(mpls_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_include_directories(${name} PRIVATE ${MPLS_SOURCE_ROOT}/tests)
+  mpls_target_defaults(${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()

@@ -1,0 +1,319 @@
+// Attributes and keyed collections of entities, with the generated accessor names.
+//
+// Inside an entity class (which declares its NotifieeConst, see Kel/Entity.h):
+//
+//   KEL_ATTR(T, name, Name [, default])     scalar:  name(), nameIs(v)
+//   KEL_MAP_ATTR(K, V, name, Name)          K -> V:  name(k) (default V when absent),
+//                                           nameHas(k), names() (count), nameIter(),
+//                                           nameIs(k, v), nameDel(k) (returns the removed
+//                                           value, default V when none), nameDelAll()
+//   KEL_SET_ATTR(K, name, Name)             set:     name(k) (bool), names(), nameIter(),
+//                                           nameIs(k, bool), nameDel(k), nameDelAll()
+//   KEL_VALUE_COLL_ATTR(K, T, name, Name)   values keyed by T::key(): name(k) (default T
+//                                           when absent), names(), nameIter(), nameIs(t),
+//                                           nameCommit(const T*), nameDel(k), nameDelAll()
+//   KEL_ENTITY_COLL_ATTR(K, E, name, Name)  K -> Kel::Ptr<E>: name(k) (null when absent),
+//                                           names(), nameIter(), nameIs(k, args...) (the
+//                                           existing entity, or a new E(k, args...)),
+//                                           nameDel(k) (returns it, null when absent),
+//                                           nameDelAll()
+//
+// Every collection also has nameNotify(k) and nameNotifyQuiesced(bool). Each change is
+// announced after it is made, to NotifieeConst::onName() (scalar) or onName(k), and only
+// when something changed: writing the value already stored sends nothing. A quiesced
+// collection announces nothing. Iteration follows the storage order, not the key order.
+//
+// Inside a reactor:
+//
+//   KEL_REACTOR_COLL(K, R, name)            K -> nested notifiee/reactor R, reached by
+//                                           kelDoZombieReactors: name(k) (null when
+//                                           absent), names(), nameIter(), nameIs(k, args...)
+//                                           (a new R(args...) replacing any old one),
+//                                           nameDel(k), nameDelAll()
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
+
+#include "Kel/Entity.h"
+#include "Kel/Strep.h"
+#include "Kel/Value.h"
+
+namespace Kel {
+
+// Storage of a K -> V collection.
+template <class K, class V>
+class MapColl {
+  using Map = absl::flat_hash_map<K, V, Hasher<K>>;
+
+ public:
+  using const_iterator = typename Map::const_iterator;
+
+  const V* find(const K& k) const {
+    auto it = map_.find(k);
+    return it == map_.end() ? nullptr : &it->second;
+  }
+  const V& lookup(const K& k) const {
+    static const V kAbsent{};
+    const V* v = find(k);
+    return v ? *v : kAbsent;
+  }
+  // Stores `v` under `k`; returns false when that value was already stored.
+  bool set(const K& k, const V& v) {
+    auto [it, inserted] = map_.try_emplace(k, v);
+    if (inserted) {
+      return true;
+    }
+    if (it->second == v) {
+      return false;
+    }
+    it->second = v;
+    return true;
+  }
+  std::optional<V> erase(const K& k) {
+    auto it = map_.find(k);
+    if (it == map_.end()) {
+      return std::nullopt;
+    }
+    std::optional<V> old(std::move(it->second));
+    map_.erase(it);
+    return old;
+  }
+  std::vector<K> keys() const {
+    std::vector<K> out;
+    out.reserve(map_.size());
+    for (const auto& [k, v] : map_) {
+      out.push_back(k);
+    }
+    return out;
+  }
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  const_iterator begin() const { return map_.begin(); }
+  const_iterator end() const { return map_.end(); }
+
+ private:
+  Map map_;
+};
+
+// Storage of a set collection.
+template <class K>
+class SetColl {
+  using Set = absl::flat_hash_set<K, Hasher<K>>;
+
+ public:
+  using const_iterator = typename Set::const_iterator;
+  bool contains(const K& k) const { return set_.contains(k); }
+  bool insert(const K& k) { return set_.insert(k).second; }
+  bool erase(const K& k) { return set_.erase(k) > 0; }
+  std::vector<K> keys() const { return std::vector<K>(set_.begin(), set_.end()); }
+  size_t size() const noexcept { return set_.size(); }
+  const_iterator begin() const { return set_.begin(); }
+  const_iterator end() const { return set_.end(); }
+
+ private:
+  Set set_;
+};
+
+// Members of a reactor collection are reached by the owner's kelDoZombieReactors.
+template <class K, class R>
+class ReactorColl : public ZombieNode {
+  using Map = absl::flat_hash_map<K, std::unique_ptr<R>, Hasher<K>>;
+
+ public:
+  explicit ReactorColl(Reactor* owner) : owner_(owner) { owner_->kelChildIs(this); }
+  ~ReactorColl() { owner_->kelChildDel(this); }
+  ReactorColl(const ReactorColl&) = delete;
+  ReactorColl& operator=(const ReactorColl&) = delete;
+
+  R* find(const K& k) const {
+    auto it = map_.find(k);
+    return it == map_.end() ? nullptr : it->second.get();
+  }
+  template <class... A>
+  R* emplace(const K& k, A&&... args) {
+    auto r = std::make_unique<R>(std::forward<A>(args)...);
+    if (owner_->isZombie()) {
+      r->kelDoZombieReactors(true);
+    }
+    R* raw = r.get();
+    map_[k] = std::move(r);
+    return raw;
+  }
+  bool erase(const K& k) { return map_.erase(k) > 0; }
+  void clear() { map_.clear(); }
+  size_t size() const noexcept { return map_.size(); }
+  auto begin() const { return map_.begin(); }
+  auto end() const { return map_.end(); }
+
+  void kelDoZombieReactors(bool zombie) override {
+    for (auto& [k, r] : map_) {
+      r->kelDoZombieReactors(zombie);
+    }
+  }
+
+ private:
+  Reactor* owner_;
+  Map map_;
+};
+
+namespace internal {
+// Calls e->handleParent(parent) when the parent is held by a Ptr (an entity still being
+// constructed, or one living outside any Ptr, must not be handed out as a Ptr).
+inline void attachParent(Entity* parent, Entity* child) {
+  if (parent->kelRefCount() > 0 && child) {
+    child->handleParent(Ptr<Entity>(parent));
+  }
+}
+}  // namespace internal
+
+}  // namespace Kel
+
+#define KEL_ATTR(T, name, Name, ...)                         \
+ public:                                                     \
+  const T& name() const noexcept { return name##_; }         \
+  void name##Is(const T& v) {                                \
+    if (name##_ == v) {                                      \
+      return;                                                \
+    }                                                        \
+    name##_ = v;                                             \
+    kelNotify(&NotifieeConst::on##Name);                     \
+  }                                                          \
+                                                             \
+ private:                                                    \
+  T name##_ = ::Kel::defaultValue<T>(__VA_ARGS__);           \
+                                                             \
+ public:
+
+// The parts every keyed collection shares: count, iteration, notify, quiesce.
+#define KEL_COLL_COMMON_(K, StorageT, name, Name)                                      \
+ public:                                                                              \
+  uint32_t name##s() const noexcept { return static_cast<uint32_t>(name##_.size()); } \
+  const StorageT& name##Iter() const noexcept { return name##_; }                     \
+  void name##Notify(const K& k) const {                                               \
+    if (!name##Quiesced_) {                                                           \
+      kelNotify(&NotifieeConst::on##Name, k);                                         \
+    }                                                                                 \
+  }                                                                                   \
+  void name##NotifyQuiesced(bool quiesced) noexcept { name##Quiesced_ = quiesced; }  \
+                                                                                      \
+ private:                                                                             \
+  StorageT name##_;                                                                   \
+  bool name##Quiesced_ = false;                                                       \
+                                                                                      \
+ public:
+
+#define KEL_MAP_ATTR(K, V, name, Name)                                   \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, V>)), name, Name) \
+  const V& name(const K& k) const { return name##_.lookup(k); }          \
+  bool name##Has(const K& k) const { return name##_.find(k) != nullptr; } \
+  void name##Is(const K& k, const V& v) {                                \
+    if (name##_.set(k, v)) {                                             \
+      name##Notify(k);                                                   \
+    }                                                                    \
+  }                                                                      \
+  V name##Del(const K& k) {                                              \
+    auto old = name##_.erase(k);                                         \
+    if (!old) {                                                          \
+      return V{};                                                        \
+    }                                                                    \
+    name##Notify(k);                                                     \
+    return std::move(*old);                                              \
+  }                                                                      \
+  void name##DelAll() {                                                  \
+    for (const K& k : name##_.keys()) {                                  \
+      name##Del(k);                                                      \
+    }                                                                    \
+  }
+
+#define KEL_SET_ATTR(K, name, Name)                                  \
+  KEL_COLL_COMMON_(K, ::Kel::SetColl<K>, name, Name)                  \
+  bool name(const K& k) const { return name##_.contains(k); }        \
+  void name##Is(const K& k, bool present) {                          \
+    if (present ? name##_.insert(k) : name##_.erase(k)) {            \
+      name##Notify(k);                                               \
+    }                                                                \
+  }                                                                  \
+  void name##Del(const K& k) { name##Is(k, false); }                 \
+  void name##DelAll() {                                              \
+    for (const K& k : name##_.keys()) {                              \
+      name##Del(k);                                                  \
+    }                                                                \
+  }
+
+#define KEL_VALUE_COLL_ATTR(K, T, name, Name)                                  \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, T>)), name, Name)       \
+  const T& name(const K& k) const { return name##_.lookup(k); }                \
+  const T& name##Is(const T& v) {                                              \
+    if (name##_.set(v.key(), v)) {                                             \
+      name##Notify(v.key());                                                   \
+    }                                                                          \
+    return *name##_.find(v.key());                                             \
+  }                                                                            \
+  void name##Commit(const T* v) { name##Is(*v); }                              \
+  void name##Del(const K& k) {                                                 \
+    if (name##_.erase(k)) {                                                    \
+      name##Notify(k);                                                         \
+    }                                                                          \
+  }                                                                            \
+  void name##DelAll() {                                                        \
+    for (const K& k : name##_.keys()) {                                        \
+      name##Del(k);                                                            \
+    }                                                                          \
+  }
+
+#define KEL_ENTITY_COLL_ATTR(K, E, name, Name)                                        \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, ::Kel::Ptr<E>>)), name, Name) \
+  ::Kel::Ptr<E> name(const K& k) const { return name##_.lookup(k); }                  \
+  template <class... A>                                                               \
+  ::Kel::Ptr<E> name##Is(const K& k, A&&... args) {                                   \
+    if (const ::Kel::Ptr<E>* existing = name##_.find(k)) {                            \
+      return *existing;                                                               \
+    }                                                                                 \
+    ::Kel::Ptr<E> e = ::Kel::make<E>(k, std::forward<A>(args)...);                    \
+    name##_.set(k, e);                                                                \
+    ::Kel::internal::attachParent(this, e.get());                                     \
+    name##Notify(k);                                                                  \
+    return e;                                                                         \
+  }                                                                                   \
+  ::Kel::Ptr<E> name##Del(const K& k) {                                               \
+    auto old = name##_.erase(k);                                                      \
+    if (!old) {                                                                       \
+      return nullptr;                                                                 \
+    }                                                                                 \
+    name##Notify(k);                                                                  \
+    return std::move(*old);                                                           \
+  }                                                                                   \
+  void name##DelAll() {                                                               \
+    for (const K& k : name##_.keys()) {                                               \
+      name##Del(k);                                                                   \
+    }                                                                                 \
+  }
+
+#define KEL_REACTOR_COLL(K, R, name)                                                   \
+ public:                                                                               \
+  R* name(const K& k) const { return name##_.find(k); }                                \
+  uint32_t name##s() const noexcept { return static_cast<uint32_t>(name##_.size()); }  \
+  const KEL_PP_UNPAREN_((::Kel::ReactorColl<K, R>))& name##Iter() const noexcept {      \
+    return name##_;                                                                    \
+  }                                                                                    \
+  template <class... A>                                                                \
+  R* name##Is(const K& k, A&&... args) {                                               \
+    return name##_.emplace(k, std::forward<A>(args)...);                               \
+  }                                                                                    \
+  void name##Del(const K& k) { name##_.erase(k); }                                     \
+  void name##DelAll() { name##_.clear(); }                                             \
+                                                                                       \
+ private:                                                                              \
+  KEL_PP_UNPAREN_((::Kel::ReactorColl<K, R>)) name##_{this};                            \
+                                                                                       \
+ public:
+
+#define KEL_PP_UNPAREN_(x) KEL_PP_UNPAREN__ x
+#define KEL_PP_UNPAREN__(...) __VA_ARGS__

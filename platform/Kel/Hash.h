@@ -1,0 +1,66 @@
+// The framework's hash accumulator: started with a 32-bit seed, fed one 32-bit word at a
+// time, and finished into a 32-bit hash. Value types feed their fields in declaration
+// order (Kel::hashFeed); nothing else about the mixing is promised, only that equal word
+// sequences hash equal.
+//
+// Words are gathered in a small buffer and mixed by xxHash32 a block at a time, so the
+// hash of a typical key (a handful of words) is one xxHash32 call over the stack buffer.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+namespace Kel {
+
+class HashAccumulator {
+ public:
+  explicit HashAccumulator(uint32_t seed) noexcept : seed_(seed) {}
+
+  void add(uint32_t word) noexcept {
+    if (count_ == kBlockWords) [[unlikely]] {
+      flush();
+    }
+    words_[count_++] = word;
+  }
+
+  void add64(uint64_t word) noexcept {
+    add(static_cast<uint32_t>(word));
+    add(static_cast<uint32_t>(word >> 32));
+  }
+
+  // Feeds the length, then the bytes packed four to a word (the last word zero-padded).
+  void addBytes(std::string_view bytes) noexcept {
+    add(static_cast<uint32_t>(bytes.size()));
+    size_t i = 0;
+    for (; i + 4 <= bytes.size(); i += 4) {
+      uint32_t w;
+      std::memcpy(&w, bytes.data() + i, 4);
+      add(w);
+    }
+    if (i < bytes.size()) {
+      uint32_t w = 0;
+      std::memcpy(&w, bytes.data() + i, bytes.size() - i);
+      add(w);
+    }
+  }
+
+  uint32_t result() const noexcept { return XXH32(words_, count_ * sizeof(uint32_t), seed_); }
+
+ private:
+  static constexpr uint32_t kBlockWords = 16;
+
+  void flush() noexcept {
+    seed_ = XXH32(words_, sizeof(words_), seed_);
+    count_ = 0;
+  }
+
+  uint32_t seed_;
+  uint32_t count_ = 0;
+  uint32_t words_[kBlockWords];
+};
+
+}  // namespace Kel

@@ -1,0 +1,132 @@
+// Value types: plain records of fields, copied and compared by value.
+//
+// A value type is declared once by its ordered field list; everything else is derived
+// from that list, generically:
+//
+//   class LfibViaKey {
+//     KEL_VALUE(LfibViaKey, "Mpls::LfibViaKey",
+//               (LFib::Source, source),
+//               (LfibViaType, viaType),
+//               (uint32_t, index));
+//   };
+//
+// gives, for every field `f` of type F: the member `f_` (initialised to the field's
+// declared default: a third tuple element, else Kel::defaultValue<F>()), the getter
+// `const F& f() const` and the setter `void fIs(const F&)`; then the default constructor,
+// the constructor from all fields in field order (explicit when there is one field), the
+// constructor from text `T(Kel::Strep(text))`, `operator==` (all fields equal),
+// `operator<` (lexicographic in field order), `hash(seed)` (the fields fed to the hash
+// accumulator in order), `operator<<` and the text form (Kel::valueToStrep).
+//
+// A field type with a comma in it needs an alias. A value type that wants its own text
+// form defines kelWriteStrep/kelReadStrep (see Kel/Strep.h); one whose text constructor
+// must behave differently uses KEL_VALUE_CORE and declares that constructor itself.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+
+#include "Kel/Strep.h"
+#include "Kel/internal/Preprocessor.h"
+
+namespace Kel {
+
+// One field of a value type: the member it designates and its name in the text form.
+template <auto Member>
+struct Field {
+  static constexpr auto member = Member;
+  std::string_view name;
+};
+
+template <ValueType T>
+bool valueEqual(const T& a, const T& b) {
+  return std::apply(
+      [&](const auto&... f) {
+        return ((a.*(std::remove_cvref_t<decltype(f)>::member) ==
+                 b.*(std::remove_cvref_t<decltype(f)>::member)) &&
+                ...);
+      },
+      T::kelFields());
+}
+
+namespace internal {
+template <class F>
+int compareField(const F& x, const F& y) {
+  if (x < y) {
+    return -1;
+  }
+  return y < x ? 1 : 0;
+}
+}  // namespace internal
+
+template <ValueType T>
+bool valueLess(const T& a, const T& b) {
+  int r = 0;
+  std::apply(
+      [&](const auto&... f) {
+        ((r = r != 0 ? r
+                     : internal::compareField(a.*(std::remove_cvref_t<decltype(f)>::member),
+                                              b.*(std::remove_cvref_t<decltype(f)>::member))),
+         ...);
+      },
+      T::kelFields());
+  return r < 0;
+}
+
+// Hash functor for hash containers keyed by framework values. The 32-bit framework hash
+// is spread over 64 bits so that containers that take their control bits from the top
+// (Abseil's Swiss tables) get well-mixed bits there too.
+template <class T>
+struct Hasher {
+  size_t operator()(const T& v) const noexcept {
+    return static_cast<size_t>(static_cast<uint64_t>(hashOf(v)) * 0x9E3779B97F4A7C15ull);
+  }
+};
+
+}  // namespace Kel
+
+#define KEL_VALUE_PARAM_(ctx, f) KEL_PP_APPLY(KEL_VALUE_PARAM__, f)
+#define KEL_VALUE_PARAM__(T, n, ...) const T& n
+#define KEL_VALUE_INIT_(ctx, f) KEL_PP_APPLY(KEL_VALUE_INIT__, f)
+#define KEL_VALUE_INIT__(T, n, ...) n##_(n)
+#define KEL_VALUE_FIELD_(Type, f) KEL_PP_APPLY(KEL_VALUE_FIELD__, (Type, KEL_PP_APPLY(KEL_VALUE_UNPACK_, f)))
+#define KEL_VALUE_UNPACK_(...) __VA_ARGS__
+#define KEL_VALUE_FIELD__(Type, T, n, ...) ::Kel::Field<&Type::n##_>{#n}
+#define KEL_VALUE_ACCESSORS_(ctx, f) KEL_PP_APPLY(KEL_VALUE_ACCESSORS__, f)
+#define KEL_VALUE_ACCESSORS__(T, n, ...)          \
+  const T& n() const noexcept { return n##_; } \
+  void n##Is(const T& v) { n##_ = v; }
+#define KEL_VALUE_MEMBER_(ctx, f) KEL_PP_APPLY(KEL_VALUE_MEMBER__, f)
+#define KEL_VALUE_MEMBER__(T, n, ...) T n##_ = ::Kel::defaultValue<T>(__VA_ARGS__);
+
+// Everything but the constructor from text.
+#define KEL_VALUE_CORE(Type, QualName, ...)                                                  \
+ public:                                                                                     \
+  static constexpr ::std::string_view kelTypeName = QualName;                               \
+  Type() = default;                                                                          \
+  explicit(KEL_PP_COUNT(__VA_ARGS__) == 1)                                                   \
+      Type(KEL_PP_FOR_EACH_COMMA(KEL_VALUE_PARAM_, _, __VA_ARGS__))                          \
+      : KEL_PP_FOR_EACH_COMMA(KEL_VALUE_INIT_, _, __VA_ARGS__) {}                            \
+  KEL_PP_FOR_EACH(KEL_VALUE_ACCESSORS_, _, __VA_ARGS__)                                      \
+  static constexpr auto kelFields() {                                                        \
+    return ::std::tuple{KEL_PP_FOR_EACH_COMMA(KEL_VALUE_FIELD_, Type, __VA_ARGS__)};         \
+  }                                                                                          \
+  friend bool operator==(const Type& a, const Type& b) { return ::Kel::valueEqual(a, b); } \
+  friend bool operator<(const Type& a, const Type& b) { return ::Kel::valueLess(a, b); }   \
+  uint32_t hash(uint32_t seed = 0) const { return ::Kel::hashOf(*this, seed); }             \
+  friend ::std::ostream& operator<<(::std::ostream& os, const Type& v) {                     \
+    return os << ::Kel::valueToStrep(v);                                                     \
+  }                                                                                          \
+                                                                                             \
+ private:                                                                                    \
+  KEL_PP_FOR_EACH(KEL_VALUE_MEMBER_, _, __VA_ARGS__)                                         \
+                                                                                             \
+ public:
+
+#define KEL_VALUE(Type, QualName, ...)                 \
+  KEL_VALUE_CORE(Type, QualName, __VA_ARGS__)          \
+  explicit Type(::Kel::Strep kelStrep)                 \
+      : Type(::Kel::internal::readWhole<Type>(kelStrep.text)) {}
