@@ -6,10 +6,9 @@ set(MPLS_SOURCE_ROOT ${CMAKE_SOURCE_DIR})
 # the source root ("Mpls/MplsLfib"), so __FILE__ is mapped to the relative path.
 function(mpls_target_defaults target)
   target_compile_options(${target} PRIVATE
-    -Wall -Wextra -Wpedantic -Wno-gnu-zero-variadic-macro-arguments
-    "-fmacro-prefix-map=${MPLS_SOURCE_ROOT}/=")
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    target_compile_options(${target} PRIVATE -Wno-pedantic)
+    -Wall -Wextra "-fmacro-prefix-map=${MPLS_SOURCE_ROOT}/=")
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_compile_options(${target} PRIVATE -Wno-gnu-zero-variadic-macro-arguments)
   endif()
   if(MPLS_WERROR)
     target_compile_options(${target} PRIVATE -Werror)

@@ -8,7 +8,7 @@
 //   bool          True / False
 //   number        decimal; floating point in the shortest form that reads back exactly
 //   string        single-quoted, with \\ \' \n \r \t and \xNN escapes
-//   sequence      [a, b, c]
+//   sequence      [a, b, c] (std::vector and alikes, std::array)
 //
 // How a type takes part (checked in this order by strepWrite/strepRead/hashFeed):
 //   - it defines kelWriteStrep(StrepWriter&) const and static kelReadStrep(StrepReader&)
@@ -18,6 +18,7 @@
 //     bool, std::string or a sequence (std::vector and alikes).
 #pragma once
 
+#include <array>
 #include <charconv>
 #include <concepts>
 #include <cstdint>
@@ -173,6 +174,13 @@ concept RangeType = requires(const T& v) {
 };
 
 template <class T>
+struct IsStdArray : std::false_type {};
+template <class E, size_t N>
+struct IsStdArray<std::array<E, N>> : std::true_type {};
+template <class T>
+concept StdArray = IsStdArray<T>::value;
+
+template <class T>
 concept Sequence = requires(T& s, const T& cs) {
   typename T::value_type;
   cs.begin();
@@ -248,7 +256,7 @@ void strepWrite(StrepWriter& w, const T& v) {
     w.putDouble(static_cast<double>(v));
   } else if constexpr (std::is_same_v<T, std::string>) {
     w.putQuoted(v);
-  } else if constexpr (Sequence<T>) {
+  } else if constexpr (Sequence<T> || StdArray<T>) {
     w.put('[');
     bool first = true;
     for (const auto& e : v) {
@@ -359,6 +367,17 @@ T strepRead(StrepReader& r) {
     return static_cast<T>(r.readDouble());
   } else if constexpr (std::is_same_v<T, std::string>) {
     return r.readQuoted();
+  } else if constexpr (StdArray<T>) {
+    T a{};
+    r.expect("[");
+    for (size_t i = 0; i < a.size(); ++i) {
+      if (i) {
+        r.expect(", ");
+      }
+      a[i] = strepRead<typename T::value_type>(r);
+    }
+    r.expect("]");
+    return a;
   } else if constexpr (Sequence<T>) {
     T s{};
     r.expect("[");
@@ -402,6 +421,23 @@ void hashFeed(HashAccumulator& a, const T& v) {
     a.add64(bits);
   } else if constexpr (std::is_same_v<T, std::string>) {
     a.addBytes(v);
+  } else if constexpr (StdArray<T> && sizeof(typename T::value_type) == 1) {
+    // Bytes are packed four to a word; the size is fixed, so it is not fed.
+    size_t i = 0;
+    for (; i + 4 <= v.size(); i += 4) {
+      uint32_t w;
+      std::memcpy(&w, v.data() + i, 4);
+      a.add(w);
+    }
+    if (i < v.size()) {
+      uint32_t w = 0;
+      std::memcpy(&w, v.data() + i, v.size() - i);
+      a.add(w);
+    }
+  } else if constexpr (StdArray<T>) {
+    for (const auto& e : v) {
+      hashFeed(a, e);
+    }
   } else if constexpr (Sequence<T>) {
     a.add(static_cast<uint32_t>(v.size()));
     for (const auto& e : v) {

@@ -19,8 +19,10 @@
 // accumulator in order), `operator<<` and the text form (Kel::valueToStrep).
 //
 // A field type with a comma in it needs an alias. A value type that wants its own text
-// form defines kelWriteStrep/kelReadStrep (see Kel/Strep.h); one whose text constructor
-// must behave differently uses KEL_VALUE_CORE and declares that constructor itself.
+// form defines kelWriteStrep/kelReadStrep (see Kel/Strep.h). Two smaller forms leave
+// more to the type: KEL_VALUE_CORE (no constructor from text; the type declares its own,
+// or KEL_VALUE_STREP_CTOR) and KEL_VALUE_BASE (getters and the derived operations only:
+// no setters and no constructor but the default one, for types that keep an invariant).
 #pragma once
 
 #include <cstdint>
@@ -95,22 +97,23 @@ struct Hasher {
 #define KEL_VALUE_FIELD_(Type, f) KEL_PP_APPLY(KEL_VALUE_FIELD__, (Type, KEL_PP_APPLY(KEL_VALUE_UNPACK_, f)))
 #define KEL_VALUE_UNPACK_(...) __VA_ARGS__
 #define KEL_VALUE_FIELD__(Type, T, n, ...) ::Kel::Field<&Type::n##_>{#n}
-#define KEL_VALUE_ACCESSORS_(ctx, f) KEL_PP_APPLY(KEL_VALUE_ACCESSORS__, f)
-#define KEL_VALUE_ACCESSORS__(T, n, ...)          \
-  const T& n() const noexcept { return n##_; } \
+#define KEL_VALUE_GETTER_(ctx, f) KEL_PP_APPLY(KEL_VALUE_GETTER__, f)
+#define KEL_VALUE_GETTER__(T, n, ...) \
+  const T& n() const noexcept { return n##_; }
+#define KEL_VALUE_SETTER_(ctx, f) KEL_PP_APPLY(KEL_VALUE_SETTER__, f)
+#define KEL_VALUE_SETTER__(T, n, ...) \
   void n##Is(const T& v) { n##_ = v; }
 #define KEL_VALUE_MEMBER_(ctx, f) KEL_PP_APPLY(KEL_VALUE_MEMBER__, f)
 #define KEL_VALUE_MEMBER__(T, n, ...) T n##_ = ::Kel::defaultValue<T>(__VA_ARGS__);
 
-// Everything but the constructor from text.
-#define KEL_VALUE_CORE(Type, QualName, ...)                                                  \
+// Fields, getters and the derived operations; no setter and no constructor but the
+// default one. For types that keep an invariant (a masked prefix, a bounded string): they
+// write their own constructors and mutators.
+#define KEL_VALUE_BASE(Type, QualName, ...)                                                  \
  public:                                                                                     \
   static constexpr ::std::string_view kelTypeName = QualName;                               \
   Type() = default;                                                                          \
-  explicit(KEL_PP_COUNT(__VA_ARGS__) == 1)                                                   \
-      Type(KEL_PP_FOR_EACH_COMMA(KEL_VALUE_PARAM_, _, __VA_ARGS__))                          \
-      : KEL_PP_FOR_EACH_COMMA(KEL_VALUE_INIT_, _, __VA_ARGS__) {}                            \
-  KEL_PP_FOR_EACH(KEL_VALUE_ACCESSORS_, _, __VA_ARGS__)                                      \
+  KEL_PP_FOR_EACH(KEL_VALUE_GETTER_, _, __VA_ARGS__)                                         \
   static constexpr auto kelFields() {                                                        \
     return ::std::tuple{KEL_PP_FOR_EACH_COMMA(KEL_VALUE_FIELD_, Type, __VA_ARGS__)};         \
   }                                                                                          \
@@ -126,7 +129,20 @@ struct Hasher {
                                                                                              \
  public:
 
-#define KEL_VALUE(Type, QualName, ...)                 \
-  KEL_VALUE_CORE(Type, QualName, __VA_ARGS__)          \
-  explicit Type(::Kel::Strep kelStrep)                 \
+// KEL_VALUE_BASE, the setters and the constructor from all fields; no constructor from
+// text.
+#define KEL_VALUE_CORE(Type, QualName, ...)                         \
+  KEL_VALUE_BASE(Type, QualName, __VA_ARGS__)                       \
+  KEL_PP_FOR_EACH(KEL_VALUE_SETTER_, _, __VA_ARGS__)                \
+  explicit(KEL_PP_COUNT(__VA_ARGS__) == 1)                          \
+      Type(KEL_PP_FOR_EACH_COMMA(KEL_VALUE_PARAM_, _, __VA_ARGS__)) \
+      : KEL_PP_FOR_EACH_COMMA(KEL_VALUE_INIT_, _, __VA_ARGS__) {}
+
+// The constructor from text of a value type: Type(Kel::Strep(text)).
+#define KEL_VALUE_STREP_CTOR(Type)     \
+  explicit Type(::Kel::Strep kelStrep) \
       : Type(::Kel::internal::readWhole<Type>(kelStrep.text)) {}
+
+#define KEL_VALUE(Type, QualName, ...)        \
+  KEL_VALUE_CORE(Type, QualName, __VA_ARGS__) \
+  KEL_VALUE_STREP_CTOR(Type)

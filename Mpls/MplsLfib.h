@@ -1,0 +1,391 @@
+// The elements of the MPLS label forwarding table (LFIB): the nine via types (each says
+// where and how a labelled packet leaves), the via set (the vias of one type that a
+// route uses, with an optional backup set), the route (an incoming label bound to a via
+// set), their hardware-status records, the 802.1Q-tag-to-VLAN maps that VLAN-aware EVPN
+// vias name, and the local LFIB information entity.
+//
+// The LFIB is three layers that name each other by key: a route names a via set by
+// LfibViaSetKey, a via set lists its vias by LfibViaKey, and each via lives in the
+// collection of its via type.
+//
+// All elements are value types (Kel/Value.h): equality, ordering, hash and text form come
+// from their field lists. Each element has key() and pondString(), the one-line text of
+// dumps: "[<key's text form>] " followed by the element's data. The via set, the MPLS via
+// and the IP lookup via have compact binary forms for the shared-memory tables (below);
+// the other elements are stored as they are (trivially copyable).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <type_traits>
+
+#include "Kel/Collection.h"
+#include "Kel/Entity.h"
+#include "Kel/Enum.h"
+#include "Kel/FixedArray.h"
+#include "Kel/FlagSet.h"
+#include "Kel/Range.h"
+#include "Kel/Value.h"
+#include "Mpls/LfibViaKey.h"
+#include "Mpls/LfibViaSetKey.h"
+#include "types/Bridging/VlanId.h"
+#include "types/L3/VrfName.h"
+#include "types/Mpls/MplsTypes.h"
+#include "types/Netbase/IntfId.h"
+#include "types/Netbase/IpGenAddr.h"
+#include "types/Netbase/MplsLabelAction.h"
+#include "types/Netbase/UnboundedMplsLabelOperation.h"
+#include "types/Pond/Fib/FecId.h"
+
+namespace Mpls {
+
+// True for the via types whose via sets follow the EVPN rules (at most one via, routes
+// with metric 0): 3 to 8, the IP lookup and VLAN vias included. False for every other
+// value, those without a name too.
+constexpr bool isEvpnViaType(LfibViaType viaType) noexcept {
+  return viaType >= viaTypeIpLookup && viaType <= viaTypeEvpnVlanAwareFlood;
+}
+
+// The index of a via within a via set: a via set holds at most 128 vias.
+KEL_RANGE(LfibViaIndexRange, "Mpls::LfibViaIndexRange", uint8_t, 0, 127);
+// The index of a byte in the IP lookup via's VRF name buffer (a name and its zero byte).
+KEL_RANGE(LfibVrfNameIndexRange, "Mpls::LfibVrfNameIndexRange", uint8_t, 0, 100);
+
+// burnPrimaryVias: a marker the writer may set on a via set; stored, compared and
+// printed, never acted on here.
+KEL_FLAGS(LfibViaSetFlags, "Mpls::LfibViaSetFlags", (burnPrimaryVias, 0));
+
+// The domain in which via set indices are counted for one source: (viaType, viaSetType).
+class LfibViaSetKeyIndexDomain {
+ public:
+  KEL_VALUE(LfibViaSetKeyIndexDomain, "Mpls::LfibViaIndexAllocator::ViaSetKeyIndexDomain",
+            (LfibViaType, viaType),
+            (LfibViaSetType, viaSetType));
+};
+
+// ---------------------------------------------------------------------------------------
+// Vias.
+
+// Via type 1: swap, push or pop towards an IP next hop.
+//
+// Binary form: key, nextHop and labelAction as they are in memory (36 bytes), the label
+// operation in its own binary form, then intf (8), payloadType (4), skipEgressAcl (1),
+// ttlMode (4) and weight (4): 57 bytes plus the label operation's length.
+class LfibMplsVia {
+ public:
+  KEL_VALUE(LfibMplsVia, "Mpls::LfibMplsVia",
+            (LfibViaKey, key),
+            (Netbase::IpGenAddr, nextHop),
+            (Netbase::MplsLabelAction, labelAction),
+            (Netbase::UnboundedMplsLabelOperation, labelStack),
+            (Netbase::IntfId, intf),
+            (PayloadType, payloadType),
+            (bool, skipEgressAcl),
+            (TtlMode, ttlMode),
+            (uint32_t, weight));
+
+  LfibMplsVia(const LfibViaKey& key, const Netbase::IpGenAddr& nextHop,
+              Netbase::MplsLabelAction labelAction,
+              const Netbase::UnboundedMplsLabelOperation& labelStack, bool skipEgressAcl)
+      : key_(key),
+        nextHop_(nextHop),
+        labelAction_(labelAction),
+        labelStack_(labelStack),
+        skipEgressAcl_(skipEgressAcl) {}
+
+  std::string pondString() const;
+
+  static constexpr uint32_t kFixedLen = 57;
+  uint32_t serializeLen() const noexcept { return kFixedLen + labelStack_.serializeLen(); }
+  uint32_t serialize(uint8_t* out) const;
+  // Reads the record at `in` (`len` bytes available) into this via; returns its length.
+  // Throws Kel::SizeError when the record runs past `len`.
+  uint32_t deserialize(const uint8_t* in, size_t len);
+  static uint32_t deserializeLen(const uint8_t* in, size_t len);
+};
+
+// Via type 2: into a pseudowire.
+class LfibPwVia {
+ public:
+  KEL_VALUE(LfibPwVia, "Mpls::LfibPwVia",
+            (LfibViaKey, key),
+            (Netbase::IntfId, legacyPwIntfId),
+            (Netbase::IntfId, pwIntfId),
+            (bool, controlWordPresent),
+            (PwType, pwType),
+            (bool, flowLabelPresent));
+
+  LfibPwVia(const LfibViaKey& key, const Netbase::IntfId& intfId) : key_(key), pwIntfId_(intfId) {}
+
+  std::string pondString() const;
+};
+
+using LfibVrfNameBuffer = Kel::FixedArray<uint8_t, 101, LfibVrfNameIndexRange>;
+
+// Via type 3: pop and look the payload up in a VRF. The VRF name is kept as its bytes
+// followed by one zero byte, so a name has at most 100 bytes.
+//
+// Binary form: the key (12 bytes), payloadType (4), then the name buffer in the fixed
+// array's binary form (a 7-byte head and its bytes): 23 bytes plus the buffer's count.
+class LfibIpLookupVia {
+ public:
+  KEL_VALUE(LfibIpLookupVia, "Mpls::LfibIpLookupVia",
+            (LfibViaKey, key),
+            (PayloadType, payloadType),
+            (LfibVrfNameBuffer, vrfNameBuffer));
+  KEL_ARRAY_ACCESSORS(LfibVrfNameBuffer, vrfNameBuffer)
+
+  LfibIpLookupVia(const LfibViaKey& key, const L3::VrfName& vrfName, PayloadType payloadType);
+
+  // Stores the name's bytes followed by one zero byte.
+  void vrfNameIs(const L3::VrfName& name);
+  // The bytes up to the first zero byte; an empty name when the buffer is empty. A buffer
+  // of 101 bytes with no zero byte raises Kel::RangeException
+  // "VrfName::value::bytes > VrfName::maxLength not allowed".
+  L3::VrfName vrfName() const;
+
+  std::string pondString() const;
+
+  static constexpr uint32_t kFixedLen = 16;
+  uint32_t serializeLen() const noexcept { return kFixedLen + vrfNameBuffer_.serializeLen(); }
+  uint32_t serialize(uint8_t* out) const;
+  uint32_t deserialize(const uint8_t* in, size_t len);
+  static uint32_t deserializeLen(const uint8_t* in, size_t len);
+};
+
+// Via type 4: deliver into a VLAN.
+class LfibVlanVia {
+ public:
+  KEL_VALUE(LfibVlanVia, "Mpls::LfibVlanVia",
+            (LfibViaKey, key),
+            (Bridging::VlanId, vlanId),
+            (LfibFlag, flag));
+  std::string pondString() const;
+};
+
+// The key of an 802.1Q-tag-to-VLAN map (LfibDot1qTagToVlan).
+class LfibDot1qTagToVlanKey {
+ public:
+  KEL_VALUE(LfibDot1qTagToVlanKey, "Mpls::LfibDot1qTagToVlanKey",
+            (LFib::Source, source),
+            (uint32_t, index));
+};
+
+// Via type 5: VLAN-aware EVPN delivery through a tag-to-VLAN map.
+class LfibEvpnVlanAwareVia {
+ public:
+  KEL_VALUE(LfibEvpnVlanAwareVia, "Mpls::LfibEvpnVlanAwareVia",
+            (LfibViaKey, key),
+            (LfibDot1qTagToVlanKey, dot1qTagToVlanKey),
+            (LfibFlag, flag));
+  std::string pondString() const;
+};
+
+// Via type 6: EVPN Ethernet-segment filtering (split horizon) on an interface.
+class LfibEvpnEthernetSegmentFilterVia {
+ public:
+  KEL_VALUE(LfibEvpnEthernetSegmentFilterVia, "Mpls::LfibEvpnEthernetSegmentFilterVia",
+            (LfibViaKey, key),
+            (Netbase::IntfId, intfId));
+  std::string pondString() const;
+};
+
+// Via type 7: EVPN flooding into a VLAN.
+class LfibEvpnVlanFloodVia {
+ public:
+  KEL_VALUE(LfibEvpnVlanFloodVia, "Mpls::LfibEvpnVlanFloodVia",
+            (LfibViaKey, key),
+            (Bridging::VlanId, vlanId),
+            (LfibFlag, flag));
+  std::string pondString() const;
+};
+
+// Via type 8: VLAN-aware EVPN flooding through a tag-to-VLAN map.
+class LfibEvpnVlanAwareFloodVia {
+ public:
+  KEL_VALUE(LfibEvpnVlanAwareFloodVia, "Mpls::LfibEvpnVlanAwareFloodVia",
+            (LfibViaKey, key),
+            (LfibDot1qTagToVlanKey, dot1qTagToVlanKey),
+            (LfibFlag, flag));
+  std::string pondString() const;
+};
+
+// Via type 10: an external FEC of the platform's forwarding tables.
+class LfibExtFecVia {
+ public:
+  KEL_VALUE(LfibExtFecVia, "Mpls::LfibExtFecVia",
+            (LfibViaKey, key),
+            (Pond::Fib::FecId, fecId),
+            (Netbase::MplsLabelAction, labelAction),
+            (PayloadType, payloadType));
+  std::string pondString() const;
+};
+
+// ---------------------------------------------------------------------------------------
+// Via sets and routes.
+
+using LfibViaKeyArray = Kel::FixedArray<LfibViaKey, 128, LfibViaIndexRange>;
+
+// The vias of a route, all of the key's via type, in a sparse array of up to 128 slots
+// (the fixed-array rules: the count is one more than the highest slot in use; an empty
+// slot holds the empty via key).
+//
+// Binary form, host byte order, no padding but where shown:
+//   0 key (16: source, index, viaType, viaSetType)   16 backupViaSetKey (16)
+//   32 isUsableAsPrimaryVia (1)   33 padding (3, not written)   36 flags (4)
+//   40 resetFailoverState (1)     41 padding (3, not written)   44 count (4)
+//   48 the via keys of slots 0 to count-1 (12 each: source, viaType, index)
+// 48 bytes for an empty set, 1584 for a full one.
+class LfibViaSet {
+ public:
+  KEL_VALUE(LfibViaSet, "Mpls::LfibViaSet",
+            (LfibViaSetKey, key),
+            (LfibViaSetKey, backupViaSetKey),
+            (bool, isUsableAsPrimaryVia),
+            (LfibViaSetFlags, flags),
+            (bool, resetFailoverState),
+            (LfibViaKeyArray, viaKey));
+  KEL_ARRAY_ACCESSORS(LfibViaKeyArray, viaKey)
+
+  // An empty set.
+  explicit LfibViaSet(const LfibViaSetKey& key) : key_(key) {}
+
+  // "[<key>] <via type name>": a via set's dump line shows neither its backup key, its
+  // flags nor its vias.
+  std::string pondString() const;
+
+  static constexpr uint32_t kHeadLen = 48;
+  static constexpr uint32_t kViaKeyLen = 12;
+  static constexpr uint32_t kMaxLen = kHeadLen + kViaKeyLen * LfibViaKeyArray::capacity;
+  uint32_t serializeLen() const noexcept { return kHeadLen + kViaKeyLen * viaKey_.count(); }
+  uint32_t serialize(uint8_t* out) const;
+  // Reads the record at `in` (`len` bytes available); returns its length. A count above
+  // 128 raises Kel::SizeError "expected size <= 128, instead got N. Buffer is at address:
+  // ... with contents: ...", a record longer than `len` Kel::SizeError as well.
+  uint32_t deserialize(const uint8_t* in, size_t len);
+  static uint32_t deserializeLen(const uint8_t* in, size_t len);
+};
+
+// An LFIB route: an incoming label bound to a via set. The metric must be 0 when the via
+// set's via type is an EVPN one.
+class LfibRoute {
+ public:
+  KEL_VALUE(LfibRoute, "Mpls::LfibRoute",
+            (RouteKey, key),
+            (LfibViaSetKey, viaSetKey),
+            (LFib::Source, source),
+            (FwdEqvClass, fec),
+            (RouteMetric, metric));
+  // "[<key>] <viaSetKey> <source> <fec> <metric>", each in its text form.
+  std::string pondString() const;
+};
+
+// ---------------------------------------------------------------------------------------
+// Hardware status.
+
+KEL_ENUM(LfibViaSetHwStatus, "Mpls::LfibViaSetHwStatus",
+         (viaSetUnprogrammed, 0),
+         (viaSetUsingPrimaryVias, 1),
+         (viaSetUsingBackupVias, 2));
+
+KEL_ENUM(LfibHwProgrammingReturnCode, "Mpls::LfibHwProgrammingReturnCode",
+         (unprogrammed, 0),
+         (programmed, 1),
+         (routeNotProgrammed, 2),
+         (adjacencyNotProgrammed, 3),
+         (conflict, 4));
+
+// A route that is not (fully) programmed in hardware, and why.
+class RouteInfo {
+ public:
+  KEL_VALUE(RouteInfo, "Mpls::RouteInfo",
+            (RouteKey, key),
+            (LfibHwProgrammingReturnCode, status));
+  std::string pondString() const;
+};
+
+// The hardware state of a via set.
+class LfibViaSetInfo {
+ public:
+  KEL_VALUE(LfibViaSetInfo, "Mpls::LfibViaSetInfo",
+            (LfibViaSetKey, key),
+            (LfibViaSetHwStatus, status));
+  std::string pondString() const;
+};
+
+// ---------------------------------------------------------------------------------------
+// 802.1Q-tag-to-VLAN maps.
+
+// One (map, tag) entry of a tag-to-VLAN map in flat form, as the shared table holds it.
+class LfibDot1qTagToVlanCompositeKey {
+ public:
+  KEL_VALUE(LfibDot1qTagToVlanCompositeKey, "Mpls::LfibDot1qTagToVlanCompositeKey",
+            (LfibDot1qTagToVlanKey, dot1qTagToVlanKey),
+            (Bridging::VlanId, dot1qTag));
+};
+
+class LfibDot1qTagToVlanComposite {
+ public:
+  KEL_VALUE(LfibDot1qTagToVlanComposite, "Mpls::LfibDot1qTagToVlanComposite",
+            (LfibDot1qTagToVlanCompositeKey, key),
+            (Bridging::VlanIdOrNone, localVlan));
+  std::string pondString() const;
+};
+
+// A map from the 802.1Q tag of a VLAN-aware EVPN packet to the local VLAN, named by its
+// key from LfibEvpnVlanAwareVia and LfibEvpnVlanAwareFloodVia.
+//
+// Single-threaded: used on the reactor thread of the agent that owns it.
+class LfibDot1qTagToVlan : public Kel::Entity {
+ public:
+  using Ptr = Kel::Ptr<LfibDot1qTagToVlan>;
+  using PtrConst = Kel::PtrConst<LfibDot1qTagToVlan>;
+
+  class NotifieeConst : public Kel::NotifieeOf<LfibDot1qTagToVlan> {
+   public:
+    // A tag was added, changed or removed.
+    virtual void onDot1qTagToVlanId(const Bridging::VlanId& tag) { (void)tag; }
+  };
+
+  explicit LfibDot1qTagToVlan(const LfibDot1qTagToVlanKey& key) : key_(key) {}
+  const LfibDot1qTagToVlanKey& key() const noexcept { return key_; }
+
+  // dot1qTagToVlanIdIs(tag, vlan) sends nothing when the tag already maps to that VLAN.
+  KEL_MAP_ATTR(Bridging::VlanId, Bridging::VlanIdOrNone, dot1qTagToVlanId, Dot1qTagToVlanId)
+
+ private:
+  const LfibDot1qTagToVlanKey key_;
+};
+
+Kel::Ptr<LfibDot1qTagToVlan> lfibDot1qTagToVlanFactory(const LfibDot1qTagToVlanKey& key);
+
+// ---------------------------------------------------------------------------------------
+// Local LFIB information.
+
+// systemLfibReady: whether the system's LFIB is ready; readers see each change once.
+class LocalLfibInfo : public Kel::Entity {
+ public:
+  class NotifieeConst : public Kel::NotifieeOf<LocalLfibInfo> {
+   public:
+    virtual void onSystemLfibReady() {}
+  };
+
+  KEL_ATTR(bool, systemLfibReady, SystemLfibReady, false)
+};
+
+Kel::Ptr<LocalLfibInfo> localLfibInfoFactory();
+
+// Rows stored as they are in the shared tables must be plain bytes.
+static_assert(std::is_trivially_copyable_v<LfibPwVia>);
+static_assert(std::is_trivially_copyable_v<LfibVlanVia>);
+static_assert(std::is_trivially_copyable_v<LfibEvpnVlanAwareVia>);
+static_assert(std::is_trivially_copyable_v<LfibEvpnEthernetSegmentFilterVia>);
+static_assert(std::is_trivially_copyable_v<LfibEvpnVlanFloodVia>);
+static_assert(std::is_trivially_copyable_v<LfibEvpnVlanAwareFloodVia>);
+static_assert(std::is_trivially_copyable_v<LfibExtFecVia>);
+static_assert(std::is_trivially_copyable_v<LfibRoute>);
+static_assert(std::is_trivially_copyable_v<RouteInfo>);
+static_assert(std::is_trivially_copyable_v<LfibViaSetInfo>);
+static_assert(std::is_trivially_copyable_v<LfibDot1qTagToVlanComposite>);
+
+}  // namespace Mpls

@@ -1,0 +1,29 @@
+// Bridging::VlanId, an 802.1Q VLAN identifier (the 12-bit VID: 0 to 4095), and
+// Bridging::VlanIdOrNone, a usable VLAN (1 to 4094) or none (0). Both are range types:
+// an out-of-range value raises Kel::RangeException; the text form is the decimal value.
+#pragma once
+
+#include <cstdint>
+
+#include "Kel/Range.h"
+
+namespace Bridging {
+
+KEL_RANGE(VlanId, "Bridging::VlanId", uint16_t, 0, 4095);
+
+class VlanIdOrNone : public Kel::Range<VlanIdOrNone, uint16_t> {
+ public:
+  using Range::Range;
+  static constexpr std::string_view kelRangeName = "VlanIdOrNone";
+  static constexpr std::string_view kelTypeName = "Bridging::VlanIdOrNone";
+  static constexpr std::string_view kelMaxName = "max";
+  static constexpr uint16_t kelMin = 0;
+  static constexpr uint16_t kelMax = 4094;
+  static constexpr uint16_t min = 0;
+  static constexpr uint16_t max = 4094;
+
+  static constexpr VlanIdOrNone none() noexcept { return VlanIdOrNone(); }
+  constexpr bool isNone() const noexcept { return value() == 0; }
+};
+
+}  // namespace Bridging
