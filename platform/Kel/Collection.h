@@ -10,14 +10,17 @@
 //   KEL_SET_ATTR(K, name, Name)             set:     name(k) (bool), names(), nameIter(),
 //                                           nameIs(k, bool), nameDel(k), nameDelAll()
 //   KEL_VALUE_COLL_ATTR(K, T, name, Name)   values keyed by T::key(): name(k) (default T
-//                                           when absent), names(), nameIter(), nameIs(t),
-//                                           nameCommit(const T*), nameDel(k), nameDelAll()
+//                                           when absent), names(), nameIter(), nameIs(t)
+//                                           (returns the stored value: the default one if
+//                                           a handler removed it), nameCommit(const T*),
+//                                           nameDel(k), nameDelAll()
 //   KEL_ENTITY_COLL_ATTR(K, E, name, Name)  K -> Kel::Ptr<E>: name(k) (null when absent),
 //                                           names(), nameIter(), nameIs(k, args...) (the
 //                                           existing entity, or a new E(k, args...)),
 //                                           nameDel(k) (returns it, null when absent),
 //                                           nameDelAll()
 //
+// An absent element reads as Kel::defaultValue<V>() (an enumeration's first enumerator).
 // Every collection also has nameNotify(k) and nameNotifyQuiesced(bool). Each change is
 // announced after it is made, to NotifieeConst::onName() (scalar) or onName(k), and only
 // when something changed: writing the value already stored sends nothing. A quiesced
@@ -60,7 +63,7 @@ class MapColl {
     return it == map_.end() ? nullptr : &it->second;
   }
   const V& lookup(const K& k) const {
-    static const V kAbsent{};
+    static const V kAbsent = defaultValue<V>();
     const V* v = find(k);
     return v ? *v : kAbsent;
   }
@@ -221,7 +224,7 @@ inline void attachParent(Entity* parent, Entity* child) {
   V name##Del(const K& k) {                                              \
     auto old = name##_.erase(k);                                         \
     if (!old) {                                                          \
-      return V{};                                                        \
+      return ::Kel::defaultValue<V>();                                   \
     }                                                                    \
     name##Notify(k);                                                     \
     return std::move(*old);                                              \
@@ -254,7 +257,8 @@ inline void attachParent(Entity* parent, Entity* child) {
     if (name##_.set(v.key(), v)) {                                             \
       name##Notify(v.key());                                                   \
     }                                                                          \
-    return *name##_.find(v.key());                                             \
+    /* a handler may have removed it again */                                  \
+    return name##_.lookup(v.key());                                            \
   }                                                                            \
   void name##Commit(const T* v) { name##Is(*v); }                              \
   void name##Del(const K& k) {                                                 \

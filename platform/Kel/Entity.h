@@ -93,6 +93,9 @@ class Entity : public RefCounted {
   // N is the entity's NotifieeConst type; every notifiee of this entity is one.
   template <class N, class... P, class... A>
   void kelNotify(void (N::*handler)(P...), const A&... args) const {
+    // A handler may detach the last notifiee that holds this entity: keep it alive until
+    // the delivery ends (unless it lives outside any Ptr).
+    PtrConst<Entity> keep(kelRefCount() ? this : nullptr);
     notifiees_.forEach([&](NotifieeBase* n) {
       auto* typed = static_cast<N*>(n);
       if (typed->hasNotificationActive()) {
@@ -169,12 +172,18 @@ class Reactor : public Entity, public ZombieNode {
   bool zombie_ = false;
 };
 
-// A notifiee nested in a reactor: registered with its owner for kelDoZombieReactors.
+// A notifiee nested in a reactor: registered with its owner for kelDoZombieReactors, and
+// a zombie from the start when its owner is one.
 //   class KelLocalLfibInfo : public Kel::Nested<LocalLfibInfo::NotifieeConst> { ... };
 template <class NotifieeT>
 class Nested : public NotifieeT {
  public:
-  explicit Nested(Reactor* owner) : owner_(owner) { owner_->kelChildIs(this); }
+  explicit Nested(Reactor* owner) : owner_(owner) {
+    owner_->kelChildIs(this);
+    if (owner_->isZombie()) {
+      this->kelDoZombieReactors(true);
+    }
+  }
   ~Nested() override { owner_->kelChildDel(this); }
   Reactor* owner() const noexcept { return owner_; }
 

@@ -3,7 +3,7 @@
 //
 // Rules (shared by every array attribute):
 //   - set(i, e) at or beyond the count raises the count to i + 1; slots in between hold
-//     the default element;
+//     the default element (Kel::defaultValue<T>(): an enumeration's first enumerator);
 //   - del(i) returns the removed element (a default element when i is at or beyond the
 //     count). Deleting in the middle resets that slot and moves nothing; deleting the last
 //     slot lowers the count and then drops every default element that is now last;
@@ -39,6 +39,8 @@ class FixedArray {
   using const_iterator = const T*;
   static constexpr uint32_t capacity = N;
 
+  FixedArray() { slots_.fill(defaultElement()); }
+
   uint32_t count() const noexcept { return count_; }
   bool empty() const noexcept { return count_ == 0; }
 
@@ -56,13 +58,13 @@ class FixedArray {
   T del(Index i) {
     uint32_t idx = i.value();
     if (idx >= count_) {
-      return T{};
+      return defaultElement();
     }
     T removed = slots_[idx];
-    slots_[idx] = T{};
+    slots_[idx] = defaultElement();
     if (idx + 1 == count_) {
       --count_;
-      while (count_ > 0 && slots_[count_ - 1] == T{}) {
+      while (count_ > 0 && slots_[count_ - 1] == defaultElement()) {
         --count_;
       }
     }
@@ -72,7 +74,7 @@ class FixedArray {
 
   void delAll() {
     for (uint32_t i = 0; i < count_; ++i) {
-      slots_[i] = T{};
+      slots_[i] = defaultElement();
     }
     count_ = 0;
   }
@@ -187,8 +189,13 @@ class FixedArray {
   }
 
  private:
+  static const T& defaultElement() {
+    static const T d = defaultValue<T>();
+    return d;
+  }
+
   uint32_t count_ = 0;
-  std::array<T, N> slots_{};
+  std::array<T, N> slots_;
 };
 
 }  // namespace Kel

@@ -4,14 +4,16 @@
 //
 // declares the value type LfibViaSetFlags with, per flag, `burnPrimaryVias()` and
 // `burnPrimaryViasIs(bool)`, plus `value()` (the word). Constructing one from an integer
-// keeps only the bits of defined flags; an integer with a bit above the highest defined
-// flag raises Kel::EnumSetRangeException
+// (of any width) keeps only the bits of defined flags; a negative integer or one with a
+// bit above the highest defined flag raises Kel::EnumSetRangeException
 // ("LfibViaSetFlags::value > LfibViaSetFlags::max not allowed"): nothing is silently
 // truncated. The text form reads and writes each flag as a boolean attribute:
 // "Value('Mpls::LfibViaSetFlags', ** {'burnPrimaryVias': False})".
 #pragma once
 
+#include <concepts>
 #include <cstdint>
+#include <utility>
 #include <iterator>
 #include <ostream>
 #include <string_view>
@@ -86,7 +88,8 @@ class FlagSet {
   constexpr void set(uint32_t bit, bool on) noexcept {
     bits_ = on ? (bits_ | (1u << bit)) : (bits_ & ~(1u << bit));
   }
-  static constexpr uint32_t checked(uint32_t v) {
+  template <std::integral I>
+  static constexpr uint32_t checked(I v) {
     uint32_t defined = 0;
     uint32_t highest = 0;
     for (const FlagInfo& f : Derived::kelFlags) {
@@ -94,10 +97,10 @@ class FlagSet {
       highest = f.bit > highest ? f.bit : highest;
     }
     uint64_t limit = (uint64_t{2} << highest) - 1;
-    if (v > limit) {
+    if (std::cmp_less(v, 0) || std::cmp_greater(v, limit)) {
       internal::throwFlagSetRange(Derived::kelRangeName);
     }
-    return v & defined;
+    return static_cast<uint32_t>(v) & defined;
   }
 
   uint32_t bits_ = 0;
@@ -120,7 +123,10 @@ class FlagSet {
     static constexpr ::Kel::FlagInfo kelFlags[] = {                                      \
         KEL_PP_FOR_EACH_COMMA(KEL_FLAGS_INFO_, _, __VA_ARGS__)};                          \
     constexpr Name() noexcept = default;                                                 \
-    constexpr explicit Name(uint32_t v) { bits_ = checked(v); }                          \
+    template <::std::integral I>                                                         \
+    constexpr explicit Name(I v) {                                                       \
+      bits_ = checked(v);                                                                \
+    }                                                                                    \
     KEL_PP_FOR_EACH(KEL_FLAGS_ACCESSORS_, _, __VA_ARGS__)                                \
     friend class ::Kel::FlagSet<Name>;                                                   \
   }

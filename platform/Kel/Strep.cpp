@@ -66,6 +66,9 @@ uint64_t StrepReader::readUnsigned() {
   if (begin == end || *begin < '0' || *begin > '9') {
     fail("an unsigned number");
   }
+  if (*begin == '0' && begin + 1 != end && begin[1] >= '0' && begin[1] <= '9') {
+    fail("a number without leading zeros");
+  }
   auto r = std::from_chars(begin, end, v);
   if (r.ec != std::errc()) {
     fail("an unsigned number below 2^64");
@@ -80,6 +83,10 @@ int64_t StrepReader::readSigned() {
   auto end = text_.data() + text_.size();
   if (begin == end || !(*begin == '-' || (*begin >= '0' && *begin <= '9'))) {
     fail("a number");
+  }
+  const char* digits = *begin == '-' ? begin + 1 : begin;
+  if (digits + 1 < end && digits[0] == '0' && digits[1] >= '0' && digits[1] <= '9') {
+    fail("a number without leading zeros");
   }
   auto r = std::from_chars(begin, end, v);
   if (r.ec != std::errc()) {
@@ -173,6 +180,10 @@ std::string StrepReader::readQuoted() {
 }
 
 namespace internal {
+
+void throwIntegerRange(std::string_view text, int64_t min, uint64_t max) {
+  throw RangeException(fmt::format("{} is outside {}..{}", text, min, max));
+}
 
 void throwEnumName(const EnumInfo& info, std::string_view name) {
   throw RangeException(fmt::format("'{}' is not a name of {}", name, info.typeName));

@@ -317,23 +317,26 @@ T readValue(StrepReader& r) {
   return v;
 }
 
+[[noreturn]] void throwIntegerRange(std::string_view text, int64_t min, uint64_t max);
+
+// A number that does not fit its field is out of range (Kel::RangeException), like a
+// range type's value, so that the reader names the field.
 template <class I>
 I readInteger(StrepReader& r) {
-  if constexpr (std::is_signed_v<I>) {
-    auto pos = r.position();
+  constexpr auto lo = std::numeric_limits<I>::min();
+  constexpr auto hi = std::numeric_limits<I>::max();
+  if (r.peek() == '-') {
     int64_t v = r.readSigned();
-    if (v < std::numeric_limits<I>::min() || v > std::numeric_limits<I>::max()) {
-      r.failAt(pos, "a number that fits its field");
-    }
-    return static_cast<I>(v);
-  } else {
-    auto pos = r.position();
-    uint64_t v = r.readUnsigned();
-    if (v > std::numeric_limits<I>::max()) {
-      r.failAt(pos, "a number that fits its field");
+    if (std::cmp_less(v, lo)) {
+      throwIntegerRange(std::to_string(v), lo, hi);
     }
     return static_cast<I>(v);
   }
+  uint64_t v = r.readUnsigned();
+  if (std::cmp_greater(v, hi)) {
+    throwIntegerRange(std::to_string(v), lo, hi);
+  }
+  return static_cast<I>(v);
 }
 
 }  // namespace internal
@@ -357,8 +360,12 @@ T strepRead(StrepReader& r) {
     }
     return static_cast<T>(e->value);
   } else if constexpr (RangeType<T>) {
-    using Rep = std::remove_cvref_t<decltype(std::declval<T>().value())>;
-    return T(internal::readInteger<Rep>(r));
+    // Read wide, so that the range check (not the width of the value) refuses "256" for a
+    // range of 8 bits.
+    if (r.peek() == '-') {
+      return T(r.readSigned());
+    }
+    return T(r.readUnsigned());
   } else if constexpr (std::is_same_v<T, bool>) {
     return r.readBool();
   } else if constexpr (std::is_integral_v<T>) {

@@ -58,6 +58,9 @@ std::vector<TraceRule> parseTraceConfig(std::string_view config) {
     }
     rule.pattern = name;
     std::string_view levels = entry.substr(slash + 1);
+    if (levels.empty()) {
+      bad("missing levels");
+    }
     if (levels == "*") {
       rule.levels = 0x3ff;
     } else {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <ostream>
 #include <vector>
 
 #include <absl/container/flat_hash_set.h>
@@ -45,6 +46,9 @@ class ValueSet {
   }
 
   friend bool operator==(const ValueSet& a, const ValueSet& b) { return a.set_ == b.set_; }
+  friend std::ostream& operator<<(std::ostream& os, const ValueSet& s) {
+    return os << valueToStrep(s);
+  }
   friend bool operator<(const ValueSet& a, const ValueSet& b) {
     auto x = a.sorted();
     auto y = b.sorted();

@@ -63,8 +63,12 @@ const IntfKind* kindOf(IntfType type) {
   return nullptr;
 }
 
-// Reads a decimal number at `pos`; nullopt when there is none or it does not fit 32 bits.
+// Reads a decimal number at `pos`; nullopt when there is none, it has a leading zero or
+// it does not fit 32 bits.
 std::optional<uint32_t> number(std::string_view s, size_t& pos) {
+  if (pos + 1 < s.size() && s[pos] == '0' && s[pos + 1] >= '0' && s[pos + 1] <= '9') {
+    return std::nullopt;
+  }
   uint32_t v = 0;
   auto r = std::from_chars(s.data() + pos, s.data() + s.size(), v);
   if (r.ec != std::errc() || r.ptr == s.data() + pos) {

@@ -32,7 +32,7 @@ std::string parse(std::string_view text, IpGenPrefix& out) {
   }
   std::string_view lenText = text.substr(slash + 1);
   uint32_t len = 0;
-  if (lenText.empty() || lenText.size() > 3) {
+  if (lenText.empty() || lenText.size() > 3 || (lenText.size() > 1 && lenText[0] == '0')) {
     return "invalid length";
   }
   for (char c : lenText) {
@@ -57,7 +57,7 @@ IpGenPrefix::IpGenPrefix(const IpGenAddr& addr, uint32_t len) {
   if (len > addr.maxLen()) {
     throw Kel::RangeException("IpGenPrefix::len > IpGenPrefix::maxLen not allowed");
   }
-  addr_ = IpGenAddr(addr.af(), masked(addr.addr(), len));
+  addr_ = IpGenAddr::fromBytes(addr.af(), masked(addr.addr(), len));
   len_ = static_cast<uint8_t>(len);
 }
 

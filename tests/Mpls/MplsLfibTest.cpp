@@ -1,0 +1,283 @@
+#include "Mpls/MplsLfib.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using namespace Mpls;
+using Netbase::IntfId;
+using Netbase::IpGenAddr;
+using Netbase::UnboundedMplsLabelOperation;
+
+LfibViaKey mplsViaKey(uint32_t index) { return LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, index); }
+
+LfibViaSetKey mplsViaSetKey(uint32_t index) {
+  return LfibViaSetKey(LFib::sourceStatic, index, viaTypeMplsIp, viaSetTypeDefault);
+}
+
+std::string rangeError(auto&& f) {
+  try {
+    f();
+  } catch (const Kel::RangeException& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
+  LfibViaKey a(LFib::sourceStatic, viaTypeMplsIp, 1);
+  LfibViaKey b(LFib::sourceLdp, viaTypeMplsIp, 1);
+  EXPECT_NE(a, b);
+  EXPECT_NE(a.hash(0), b.hash(0));  // one source apart: the hash sees every field
+  EXPECT_LT(a, b);                  // source first
+  EXPECT_LT(LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 0xFFFFFFFF),
+            LfibViaKey(LFib::sourceStatic, viaTypeMplsPseudowire, 0));
+  // Via set keys order by index before via type.
+  EXPECT_LT(LfibViaSetKey(LFib::sourceStatic, 1, viaTypeExternalFec, viaSetTypeDefault),
+            LfibViaSetKey(LFib::sourceStatic, 2, viaTypeMplsIp, viaSetTypeDefault));
+  // Enumerations compare as signed 32-bit numbers.
+  EXPECT_LT(LfibViaKey(LFib::sourceStatic, static_cast<LfibViaType>(-1), 0),
+            LfibViaKey(LFib::sourceStatic, viaTypeMplsUnknown, 0));
+
+  const bool expected[] = {false, false, false, true, true, true, true, true, true, false, false, false};
+  for (int32_t t = 0; t <= 11; ++t) {
+    EXPECT_EQ(isEvpnViaType(static_cast<LfibViaType>(t)), expected[t]) << t;
+  }
+  EXPECT_FALSE(isEvpnViaType(static_cast<LfibViaType>(12)));
+  EXPECT_FALSE(isEvpnViaType(static_cast<LfibViaType>(0xFFFFFFFF)));
+}
+
+TEST(LfibKeys, RangesAndFlags) {
+  EXPECT_EQ(LfibViaIndexRange(127).value(), 127);
+  EXPECT_EQ(rangeError([] { LfibViaIndexRange r(128); }),
+            "LfibViaIndexRange::value < LfibViaIndexRange::min or > LfibViaIndexRange::max not "
+            "allowed");
+  EXPECT_EQ(rangeError([] { LfibViaIndexRange r(-1); }),
+            rangeError([] { LfibViaIndexRange r(128); }));
+  EXPECT_EQ((LfibViaIndexRange(127) + 1).value(), 128);  // `+` is not checked
+  EXPECT_EQ(LfibVrfNameIndexRange(100).value(), 100);
+  EXPECT_EQ(rangeError([] { LfibVrfNameIndexRange r(101); }),
+            "LfibVrfNameIndexRange::value < LfibVrfNameIndexRange::min or > "
+            "LfibVrfNameIndexRange::max not allowed");
+
+  EXPECT_TRUE(LfibViaSetFlags(1).burnPrimaryVias());
+  EXPECT_FALSE(LfibViaSetFlags(0).burnPrimaryVias());
+  EXPECT_THROW(LfibViaSetFlags(2), Kel::EnumSetRangeException);
+  EXPECT_EQ(rangeError([] { LfibViaSetFlags f(2); }),
+            "LfibViaSetFlags::value > LfibViaSetFlags::max not allowed");
+  LfibViaSetFlags f;
+  f.burnPrimaryViasIs(true);
+  EXPECT_EQ(f, LfibViaSetFlags(1));
+}
+
+TEST(LfibViaSet, SparseViaKeyArray) {
+  LfibViaSet set(mplsViaSetKey(1));
+  set.viaKeyIs(5, mplsViaKey(5));
+  EXPECT_EQ(set.viaKeys(), 6u);
+  for (uint32_t i = 0; i < 5; ++i) {
+    EXPECT_EQ(set.viaKey(i), LfibViaKey());
+  }
+  set.viaKeyIs(2, mplsViaKey(2));
+  EXPECT_EQ(set.viaKeyDel(2), mplsViaKey(2));  // the middle: reset, nothing moves
+  EXPECT_EQ(set.viaKeys(), 6u);
+  EXPECT_EQ(set.viaKeyDel(5), mplsViaKey(5));  // the last: trailing empty slots go too
+  EXPECT_EQ(set.viaKeys(), 0u);
+  EXPECT_EQ(set.viaKeyDel(7), LfibViaKey());
+  EXPECT_EQ(set, LfibViaSet(mplsViaSetKey(1)));
+  EXPECT_THROW(set.viaKeyIs(128, mplsViaKey(1)), Kel::RangeException);
+
+  // Equality looks at the slots in use only.
+  LfibViaSet a(mplsViaSetKey(1));
+  LfibViaSet b(mplsViaSetKey(1));
+  a.viaKeyIs(3, mplsViaKey(3));
+  a.viaKeyDel(3);
+  EXPECT_EQ(a, b);
+  b.viaKeyIs(0, mplsViaKey(1));
+  EXPECT_NE(a, b);
+}
+
+TEST(LfibViaSet, BinaryForm) {
+  uint8_t buf[LfibViaSet::kMaxLen + 16];
+  LfibViaSet empty(mplsViaSetKey(1));
+  EXPECT_EQ(empty.serializeLen(), 48u);
+  EXPECT_EQ(empty.serialize(buf), 48u);
+
+  LfibViaSet full(LfibViaSetKey(LFib::sourceBgpLu, 7, viaTypeMplsIp, viaSetTypeUcmp));
+  full.backupViaSetKeyIs(mplsViaSetKey(99));
+  full.isUsableAsPrimaryViaIs(true);
+  full.flagsIs(LfibViaSetFlags(1));
+  full.resetFailoverStateIs(true);
+  for (uint32_t i = 0; i < 128; ++i) {
+    full.viaKeyIs(i, LfibViaKey(LFib::sourceBgpLu, viaTypeMplsIp, 1000 + i));
+  }
+  std::memset(buf, 0xAA, sizeof(buf));
+  ASSERT_EQ(full.serialize(buf), 1584u);
+  EXPECT_EQ(LfibViaSet::deserializeLen(buf, 1584), 1584u);
+  // The layout other processes read: key, backup key, flags and the count at fixed offsets.
+  uint32_t word;
+  std::memcpy(&word, buf + 4, 4);
+  EXPECT_EQ(word, 7u);  // key.index stands second
+  EXPECT_EQ(buf[32], 1);
+  EXPECT_EQ(buf[33], 0xAA);  // padding is not written
+  std::memcpy(&word, buf + 36, 4);
+  EXPECT_EQ(word, 1u);
+  std::memcpy(&word, buf + 44, 4);
+  EXPECT_EQ(word, 128u);
+  std::memcpy(&word, buf + 48 + 12 * 127 + 8, 4);
+  EXPECT_EQ(word, 1127u);  // the last via key's index
+
+  LfibViaSet back;
+  EXPECT_EQ(back.deserialize(buf, 1584), 1584u);
+  EXPECT_EQ(back, full);
+
+  // A count above 128 is the size error, with the record's address and contents.
+  uint32_t bad = 129;
+  std::memcpy(buf + 44, &bad, 4);
+  try {
+    back.deserialize(buf, sizeof(buf));
+    ADD_FAILURE() << "accepted a count of 129";
+  } catch (const Kel::SizeError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with(
+        "expected size <= 128, instead got 129. Buffer is at address: 0x"))
+        << e.what();
+  }
+  EXPECT_EQ(back, full);  // untouched by the failed read
+  // A record that runs past the bytes given is refused, never read.
+  uint32_t two = 2;
+  std::memcpy(buf + 44, &two, 4);
+  EXPECT_THROW(back.deserialize(buf, 48 + 12), Kel::SizeError);
+  EXPECT_THROW(back.deserialize(buf, 47), Kel::SizeError);
+}
+
+TEST(LfibMplsVia, BinaryForm) {
+  uint8_t buf[512];
+  LfibMplsVia pop(mplsViaKey(1), IpGenAddr("10.0.0.1"), Netbase::labelActionPop,
+                  UnboundedMplsLabelOperation(), false);
+  UnboundedMplsLabelOperation emptyStack;
+  EXPECT_EQ(pop.serializeLen(), 57u + emptyStack.serializeLen());
+  EXPECT_EQ(pop.serialize(buf), pop.serializeLen());
+
+  LfibMplsVia push(mplsViaKey(2), IpGenAddr("2001:db8::2"), Netbase::labelActionPush,
+                   UnboundedMplsLabelOperation(Netbase::labelActionPush, {300, 301, 302}), true);
+  push.intfIs(IntfId("Ethernet3/1"));
+  push.payloadTypeIs(payloadTypeIpv6);
+  push.ttlModeIs(ttlModePipe);
+  push.weightIs(7);
+  uint32_t len = push.serialize(buf);
+  EXPECT_EQ(len, 57u + 4 + 3 * 4);
+  EXPECT_EQ(LfibMplsVia::deserializeLen(buf, len), len);
+  LfibMplsVia back;
+  EXPECT_EQ(back.deserialize(buf, len), len);
+  EXPECT_EQ(back, push);
+  for (size_t cut : {size_t{0}, size_t{35}, size_t{40}, size_t{len - 1}}) {
+    EXPECT_THROW(back.deserialize(buf, cut), Kel::SizeError) << cut;
+  }
+  EXPECT_EQ(back, push);
+}
+
+TEST(LfibIpLookupVia, VrfNameBufferAndBinaryForm) {
+  LfibViaKey key(LFib::sourceBgp, viaTypeIpLookup, 3);
+  LfibIpLookupVia red(key, L3::VrfName("red"), payloadTypeIpv4);
+  EXPECT_EQ(red.vrfName(), L3::VrfName("red"));
+  EXPECT_EQ(red.vrfNameBuffers(), 4u);  // the name and its zero byte
+  EXPECT_EQ(red.vrfNameBuffer(3), 0);
+
+  std::string longest(100, 'x');
+  LfibIpLookupVia full(key, L3::VrfName(longest), payloadTypeIpv6);
+  EXPECT_EQ(full.vrfName().stringValue(), longest);
+  EXPECT_EQ(full.vrfNameBuffers(), 101u);
+  EXPECT_THROW(L3::VrfName(std::string(101, 'x')), Kel::RangeException);
+  // A buffer of 101 name bytes (no zero byte) does not make a name.
+  full.vrfNameBufferIs(100, 'y');
+  EXPECT_EQ(rangeError([&] { full.vrfName(); }),
+            "VrfName::value::bytes > VrfName::maxLength not allowed");
+  EXPECT_EQ(LfibIpLookupVia().vrfName(), L3::VrfName());
+
+  uint8_t buf[256];
+  EXPECT_EQ(red.serializeLen(), 23u + 4);
+  ASSERT_EQ(red.serialize(buf), 27u);
+  LfibIpLookupVia back;
+  EXPECT_EQ(back.deserialize(buf, 27), 27u);
+  EXPECT_EQ(back, red);
+  EXPECT_THROW(back.deserialize(buf, 26), Kel::SizeError);
+  buf[16] = 102;  // the buffer's count, above its capacity
+  EXPECT_THROW(back.deserialize(buf, sizeof(buf)), Kel::SizeError);
+}
+
+TEST(LfibElements, DumpLines) {
+  LfibViaSetKey setKey(LFib::sourceLdp, 4, viaTypeMplsIp, viaSetTypeEcmp);
+  LfibRoute route(RouteKey(100), setKey, LFib::sourceLdp,
+                  FwdEqvClass(Netbase::IpGenPrefix("10.0.0.0/8")), 3);
+  EXPECT_EQ(route.pondString(),
+            "[Value('Mpls::RouteKey', ** {'label': 100})] "
+            "Value('Mpls::LfibViaSetKey', ** {'source': sourceLdp, 'index': 4, 'viaType': "
+            "viaTypeMplsIp, 'viaSetType': viaSetTypeEcmp}) sourceLdp "
+            "Value('Mpls::FwdEqvClass', ** {'fecType': fecTypePrefix, 'prefix': 10.0.0.0/8}) 3");
+  LfibViaSet set(setKey);
+  set.viaKeyIs(0, mplsViaKey(1));
+  set.backupViaSetKeyIs(setKey);
+  EXPECT_EQ(set.pondString(), "[" + Kel::valueToStrep(setKey) + "] viaTypeMplsIp");
+
+  LfibMplsVia swap(mplsViaKey(1), IpGenAddr("10.0.0.1"), Netbase::labelActionSwap,
+                   UnboundedMplsLabelOperation(Netbase::labelActionSwap, {200}), false);
+  swap.intfIs(IntfId("Ethernet1"));
+  EXPECT_EQ(swap.pondString(),
+            "[" + Kel::valueToStrep(mplsViaKey(1)) +
+                "] nextHop 10.0.0.1 labelAction labelActionSwap labelStack labelActionSwap 200 "
+                "intf Ethernet1 payloadType payloadTypeMpls skipEgressAcl False ttlMode "
+                "ttlModeUniform weight 0");
+  LfibIpLookupVia lookup(LfibViaKey(LFib::sourceBgp, viaTypeIpLookup, 3), L3::VrfName("red"),
+                         payloadTypeIpv4);
+  EXPECT_TRUE(lookup.pondString().ends_with("] vrfName 'red' payloadType payloadTypeIpv4"));
+}
+
+// Counts the notifications of one map, by tag.
+class TagWatcher : public LfibDot1qTagToVlan::NotifieeConst {
+ public:
+  explicit TagWatcher(const LfibDot1qTagToVlan::PtrConst& map) { notifierIs(map); }
+  void onDot1qTagToVlanId(const Bridging::VlanId& tag) override { tags.push_back(tag.value()); }
+  std::vector<uint32_t> tags;
+};
+
+class ReadyWatcher : public LocalLfibInfo::NotifieeConst {
+ public:
+  explicit ReadyWatcher(const Kel::PtrConst<LocalLfibInfo>& info) { notifierIs(info); }
+  void onSystemLfibReady() override { ++count; }
+  int count = 0;
+};
+
+TEST(LfibDot1qTagToVlan, NotifiesEachChangeOnce) {
+  auto map = lfibDot1qTagToVlanFactory(LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1));
+  EXPECT_EQ(map->key(), LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1));
+  TagWatcher w(map);
+  map->dot1qTagToVlanIdIs(10, 100);
+  map->dot1qTagToVlanIdIs(10, 100);  // the same entry again: nothing
+  map->dot1qTagToVlanIdIs(10, 101);
+  map->dot1qTagToVlanIdIs(20, 0);
+  EXPECT_EQ(map->dot1qTagToVlanId(10), Bridging::VlanIdOrNone(101));
+  EXPECT_EQ(map->dot1qTagToVlanId(30), Bridging::VlanIdOrNone::none());
+  EXPECT_EQ(map->dot1qTagToVlanIds(), 2u);
+  EXPECT_EQ(map->dot1qTagToVlanIdDel(10), Bridging::VlanIdOrNone(101));
+  EXPECT_EQ(map->dot1qTagToVlanIdDel(10), Bridging::VlanIdOrNone::none());  // absent: nothing
+  map->dot1qTagToVlanIdDelAll();
+  EXPECT_EQ(w.tags, (std::vector<uint32_t>{10, 10, 20, 10, 20}));
+  EXPECT_EQ(map->dot1qTagToVlanIds(), 0u);
+}
+
+TEST(LocalLfibInfo, ReadinessIsAnnouncedOncePerChange) {
+  auto info = localLfibInfoFactory();
+  ReadyWatcher w(info);
+  info->systemLfibReadyIs(false);
+  EXPECT_EQ(w.count, 0);
+  info->systemLfibReadyIs(true);
+  info->systemLfibReadyIs(true);
+  EXPECT_EQ(w.count, 1);
+  EXPECT_TRUE(info->systemLfibReady());
+  info->systemLfibReadyIs(false);
+  EXPECT_EQ(w.count, 2);
+}
+
+}  // namespace

@@ -1,0 +1,429 @@
+// Value types, enumerations, range types, flag sets, fixed arrays, value sets and strings.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "Kel/Binary.h"
+#include "Kel/FixedArray.h"
+#include "Kel/String.h"
+#include "Kel/ValueSet.h"
+#include "KelTestTypes.h"
+
+namespace Demo {
+
+using Slots = Kel::FixedArray<Key, 4, IdxRange>;
+
+class Holder {
+  KEL_VALUE(Holder, "Demo::Holder", (Key, key), (uint32_t, count), (Color, color, blue),
+            (Kel::String, name), (bool, up), (Flags, flags), (double, weight), (int32_t, delta));
+};
+
+// Pair and Flat feed the same words to the hash: Pair's nested key feeds its own two.
+class Pair {
+  KEL_VALUE(Pair, "Demo::Pair", (Key, key), (uint8_t, tag));
+};
+class Flat {
+  KEL_VALUE(Flat, "Demo::Flat", (int32_t, source), (uint32_t, index), (uint32_t, tag));
+};
+
+class Shelf {
+  KEL_VALUE(Shelf, "Demo::Shelf", (Slots, slot), (Kel::ValueSet<Key>, keys));
+  KEL_ARRAY_ACCESSORS(Slots, slot)
+};
+
+}  // namespace Demo
+
+namespace {
+
+using namespace Demo;
+
+std::string keyText(const char* source, int index) {
+  return std::string("Value('Demo::Key', ** {'source': ") + source +
+         ", 'index': " + std::to_string(index) + "})";
+}
+
+// Writes `v`, compares the whole text, and reads it back through every entry point.
+template <class T>
+void expectTextForm(const T& v, const std::string& text) {
+  SCOPED_TRACE(text);
+  EXPECT_EQ(Kel::valueToStrep(v), text);
+  // operator<< writes the text form (Kel::String's writes its bytes instead).
+  if constexpr (!std::is_same_v<T, Kel::String> && requires(std::ostream& os) { os << v; }) {
+    std::ostringstream os;
+    os << v;
+    EXPECT_EQ(os.str(), text);
+  }
+  EXPECT_EQ(Kel::strepToValue<T>(text), v);
+  if constexpr (Kel::ValueType<T>) {
+    EXPECT_EQ(T(Kel::Strep(text)), v);
+  }
+}
+
+TEST(ValueType, TextFormIsExactAndReadsBack) {
+  expectTextForm(Key(sourceLdp, 1), keyText("sourceLdp", 1));
+  expectTextForm(Key(static_cast<Source>(42), 3), keyText("42", 3));
+  expectTextForm(
+      Holder(Key(sourceBgp, 3), 4000000000u, green, "it's", true, Flags(5), 1.5, -7),
+      "Value('Demo::Holder', ** {'key': " + keyText("sourceBgp", 3) +
+          ", 'count': 4000000000, 'color': green, 'name': 'it\\'s', 'up': True, "
+          "'flags': Value('Demo::Flags', ** {'on': True, 'up': True}), 'weight': 1.5, "
+          "'delta': -7})");
+  expectTextForm(Holder(), "Value('Demo::Holder', ** {'key': " + keyText("sourceStatic", 0) +
+                               ", 'count': 0, 'color': blue, 'name': '', 'up': False, "
+                               "'flags': Value('Demo::Flags', ** {'on': False, 'up': False}), "
+                               "'weight': 0, 'delta': 0})");
+  Shelf shelf;
+  shelf.slotIs(1, Key(sourceLdp, 2));
+  Kel::ValueSet<Key> keys;
+  keys.insert(Key(sourceStatic, 0));
+  keys.insert(Key(sourceLdp, 1));
+  shelf.keysIs(keys);
+  expectTextForm(shelf, "Value('Demo::Shelf', ** {'slot': [" + keyText("sourceStatic", 0) +
+                            ", " + keyText("sourceLdp", 2) + "], 'keys': {" +
+                            keyText("sourceLdp", 1) + ", " + keyText("sourceStatic", 0) + "}})");
+  expectTextForm(Flags(1), "Value('Demo::Flags', ** {'on': True, 'up': False})");
+  expectTextForm(sourceLdp, "sourceLdp");
+  expectTextForm(static_cast<Source>(-9), "-9");
+  expectTextForm(IdxRange(2), "2");
+  EXPECT_EQ(fmt::format("{}", Key(sourceBgp, 0)), keyText("sourceBgp", 0));
+}
+
+TEST(ValueType, StrictReaderRefusesMalformedText) {
+  const char* bad[] = {
+      "",
+      "Value('Demo::Kez', ** {'source': sourceLdp, 'index': 1})",   // wrong type name
+      "Value('Demo::Key',** {'source': sourceLdp, 'index': 1})",    // wrong literal
+      "Value('Demo::Key', ** {'index': 1, 'source': sourceLdp})",   // fields out of order
+      "Value('Demo::Key', ** {'source': sourceLdp})",               // missing field
+      "Value('Demo::Key', ** {'source': sourceLdp, 'index': 1, 'x': 2})",
+      "Value('Demo::Key', ** {'source': sourceLdp, 'index': 1}",    // no closing brace
+      "Value('Demo::Key', ** {'source': sourceLdp, 'index': 1}) ",  // trailing text
+      "Value('Demo::Key', ** {'source': sourceLdp, 'index': 1})x",
+      "Value('Demo::Key', ** {'source': sourceLdp, 'index': x})",
+  };
+  for (const char* text : bad) {
+    SCOPED_TRACE(text);
+    EXPECT_THROW(Kel::strepToValue<Key>(text), Kel::ParseError);
+    EXPECT_THROW(Key{Kel::Strep(text)}, Kel::ParseError);
+  }
+  EXPECT_THROW(Kel::strepToValue<Source>("sourceLdp "), Kel::ParseError);
+  EXPECT_THROW(Kel::strepToValue<bool>("true"), Kel::ParseError);
+  EXPECT_THROW(Kel::strepToValue<uint32_t>("007"), Kel::ParseError);  // not its text form
+  // A number that does not fit its field is out of range, like a range type's.
+  EXPECT_THROW(Kel::strepToValue<uint8_t>("256"), Kel::RangeException);
+  EXPECT_THROW(Kel::strepToValue<int8_t>("-129"), Kel::RangeException);
+}
+
+TEST(ValueType, ReaderNamesTheAttributeOutOfRange) {
+  const std::string range = "IdxRange::value < IdxRange::min or > IdxRange::max not allowed";
+  try {
+    Key k{Kel::Strep(keyText("sourceLdp", 9))};
+    ADD_FAILURE() << "accepted: " << k;
+  } catch (const Kel::RangeException& e) {
+    EXPECT_EQ(e.attribute(), "index");
+    EXPECT_EQ(e.text(), range);
+  }
+  const std::string tail =
+      ", 'count': 0, 'color': blue, 'name': '', 'up': False, 'flags': Value('Demo::Flags', "
+      "** {'on': False, 'up': False}), 'weight': 0, 'delta': 0})";
+  try {
+    Kel::strepToValue<Holder>("Value('Demo::Holder', ** {'key': " + keyText("sourceLdp", 4) +
+                              tail);
+    ADD_FAILURE() << "index 4 accepted";
+  } catch (const Kel::RangeException& e) {
+    EXPECT_EQ(e.attribute(), "key.index");
+    EXPECT_EQ(e.text(), range);
+    EXPECT_EQ(std::string(e.what()), "attribute 'key.index': " + range);
+  }
+  try {
+    Kel::strepToValue<Holder>("Value('Demo::Holder', ** {'key': " + keyText("sourceNone", 0) +
+                              tail);
+    ADD_FAILURE() << "unknown enumerator accepted";
+  } catch (const Kel::RangeException& e) {
+    EXPECT_EQ(e.attribute(), "key.source");
+  }
+}
+
+// Range values outside the bounds but beyond the representation too (256 and -1 for a
+// uint8_t range) must still be reported as out of range, with the attribute named.
+TEST(RangeType, ReaderRefusesValuesBeyondItsRepresentationAsOutOfRange) {
+  for (const char* text : {"256", "-1", "4"}) {
+    SCOPED_TRACE(text);
+    EXPECT_THROW(Kel::strepToValue<IdxRange>(text), Kel::RangeException);
+  }
+  try {
+    Key k{Kel::Strep(keyText("sourceLdp", 256))};
+    ADD_FAILURE() << "accepted: " << k;
+  } catch (const Kel::RangeException& e) {
+    EXPECT_EQ(e.attribute(), "index");
+  } catch (const Kel::ParseError& e) {
+    ADD_FAILURE() << "parse error instead of range error: " << e.what();
+  }
+}
+
+TEST(ValueType, DefaultsFollowTheDeclaration) {
+  // The text form of Holder() above shows every default; these are the ones easy to get wrong.
+  EXPECT_EQ(Holder().key().source(), sourceStatic);  // the first enumerator (3), not 0
+  EXPECT_EQ(Holder().color(), blue);                 // declared default, not red (0)
+  EXPECT_EQ(Kel::defaultValue<Source>(), sourceStatic);
+  EXPECT_EQ(Key(), Key(sourceStatic, 0));
+}
+
+TEST(ValueType, EqualityAndOrderFollowTheFields) {
+  const Key k(sourceStatic, 1);
+  auto holder = [&](uint32_t count, int32_t delta) {
+    return Holder(k, count, red, "", false, Flags(), 0, delta);
+  };
+  struct Case {
+    Holder lo, hi;
+  };
+  const Case cases[] = {
+      // Enum fields compare as signed numbers: sourceLdp (-2) < sourceStatic (3).
+      {Holder(Key(sourceLdp, 3), 9, red, "", false, Flags(), 0, 0), holder(0, 0)},
+      // The first field that differs decides.
+      {holder(9, 0), Holder(Key(sourceBgp, 0), 0, red, "", false, Flags(), 0, 0)},
+      {holder(1, 0), holder(0x80000000u, 0)},  // unsigned
+      {holder(0, -1), holder(0, 1)},           // signed
+      {holder(1, 5), holder(2, -5)},
+      {Holder(k, 0, red, "a", false, Flags(), 0, 0), Holder(k, 0, red, "b", false, Flags(), 0, 0)},
+      {Holder(k, 0, red, "", false, Flags(1), 0, 0), Holder(k, 0, red, "", false, Flags(4), 0, 0)},
+      {Holder(k, 0, red, "", false, Flags(), -0.5, 0), Holder(k, 0, red, "", false, Flags(), 0, 0)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.lo << " < " << c.hi);
+    EXPECT_TRUE(c.lo < c.hi);
+    EXPECT_FALSE(c.hi < c.lo);
+    EXPECT_FALSE(c.lo == c.hi);
+    EXPECT_FALSE(c.lo < c.lo);
+    Holder copy = c.lo;
+    EXPECT_TRUE(copy == c.lo);
+  }
+}
+
+TEST(ValueType, HashIsConsistentWithEquality) {
+  const Holder h(Key(sourceBgp, 3), 7, green, "x", true, Flags(4), 2.5, -1);
+  for (uint32_t seed : {0u, 1u, 0xdeadbeefu}) {
+    EXPECT_EQ(h.hash(seed), Kel::strepToValue<Holder>(Kel::valueToStrep(h)).hash(seed));
+    // Fields are fed one word each, a nested value feeding its own words in place.
+    EXPECT_EQ(Pair(Key(sourceLdp, 2), 9).hash(seed), Flat(-2, 2, 9).hash(seed));
+  }
+  EXPECT_NE(h.hash(1), h.hash(2));
+  EXPECT_NE(Key(sourceLdp, 1).hash(), Key(sourceLdp, 2).hash());
+  Holder negZero = h;
+  negZero.weightIs(-0.0);
+  Holder zero = h;
+  zero.weightIs(0.0);
+  ASSERT_EQ(negZero, zero);
+  EXPECT_EQ(negZero.hash(5), zero.hash(5));
+}
+
+TEST(Enum, NamesAndNumbers) {
+  EXPECT_EQ(stringValue(sourceLdp), "sourceLdp");
+  EXPECT_EQ(stringValue(static_cast<Source>(5)), "5");
+  EXPECT_EQ(fmt::format("{}", sourceBgp), "sourceBgp");
+  EXPECT_EQ(Kel::strepToValue<Source>("sourceBgp"), sourceBgp);
+  EXPECT_EQ(Kel::strepToValue<Source>("-2"), sourceLdp);
+  EXPECT_EQ(Kel::strepToValue<Source>("5"), static_cast<Source>(5));
+  EXPECT_THROW(Kel::strepToValue<Source>("sourceNone"), Kel::RangeException);
+
+  Kel::EnumValue bgp = SourceInstance(sourceBgp);
+  EXPECT_EQ(bgp.name(), "sourceBgp");
+  EXPECT_EQ(bgp.value(), 7);
+  EXPECT_EQ(bgp.typeName(), "Demo::Source");
+  EXPECT_EQ(SourceInstance("sourceLdp").value(), -2);
+  EXPECT_TRUE(SourceInstance("sourceLdp") == SourceInstance(sourceLdp));
+  EXPECT_TRUE(SourceInstance(static_cast<Source>(5)).name().empty());
+  EXPECT_THROW(SourceInstance("sourceNone"), Kel::RangeException);
+}
+
+TEST(RangeType, BoundsAreInclusiveAndChecked) {
+  EXPECT_EQ(IdxRange(0).value(), 0);
+  EXPECT_EQ(IdxRange(3).value(), 3);
+  EXPECT_EQ(IdxRange().value(), IdxRange::min);
+  const std::string text = "IdxRange::value < IdxRange::min or > IdxRange::max not allowed";
+  auto expectRefused = [&](auto v) {
+    SCOPED_TRACE(::testing::Message() << static_cast<int64_t>(v));
+    try {
+      IdxRange r(v);
+      ADD_FAILURE() << "accepted as " << int(r.value());
+    } catch (const Kel::RangeException& e) {
+      EXPECT_EQ(e.text(), text);
+      EXPECT_EQ(std::string(e.what()), text);
+    }
+  };
+  expectRefused(4);
+  expectRefused(-1);
+  expectRefused(256);  // would wrap to 0 in a uint8_t
+  expectRefused(int64_t{1} << 40);
+  expectRefused(uint64_t{0xffffffffffffff01u});
+  expectRefused(int8_t{-128});
+  EXPECT_EQ((IdxRange(3) + 1).value(), 4);  // `+` is unchecked
+  EXPECT_TRUE(IdxRange(1) < IdxRange(2));
+  EXPECT_EQ(IdxRange(2).hash(9), IdxRange(2).hash(9));
+}
+
+TEST(FlagSet, KeepsDefinedBitsAndRefusesHigherOnes) {
+  EXPECT_EQ(Flags(5).value(), 5u);
+  EXPECT_EQ(Flags(7).value(), 5u);  // bit 1 names no flag
+  EXPECT_EQ(Flags(2).value(), 0u);
+  EXPECT_TRUE(Flags(5).on());
+  EXPECT_TRUE(Flags(4).up());
+  EXPECT_FALSE(Flags(4).on());
+  for (uint32_t v : {8u, 0x80000000u, 0xffffffffu}) {
+    SCOPED_TRACE(v);
+    try {
+      Flags f(v);
+      ADD_FAILURE() << "accepted as " << f.value();
+    } catch (const Kel::EnumSetRangeException& e) {
+      EXPECT_EQ(e.text(), "Flags::value > Flags::max not allowed");
+    }
+  }
+  Flags f;
+  f.upIs(true);
+  EXPECT_EQ(f.value(), 4u);
+  f.onIs(true);
+  f.upIs(false);
+  EXPECT_EQ(f, Flags(1));
+  EXPECT_THROW(Kel::strepToValue<Flags>("Value('Demo::Flags', ** {'up': True, 'on': True})"),
+               Kel::ParseError);
+}
+
+// A 64-bit integer with a bit above the highest flag must be refused like any other, not
+// narrowed to 32 bits before the check.
+TEST(FlagSet, WideIntegerAboveHighestFlagRaises) {
+  for (uint64_t wide : {uint64_t{1} << 32, uint64_t{0x100000001}}) {
+    SCOPED_TRACE(wide);
+    EXPECT_THROW(Flags f(wide), Kel::EnumSetRangeException);
+  }
+}
+
+TEST(FixedArray, CountRules) {
+  const Key a(sourceLdp, 1), b(sourceBgp, 2), c(sourceBgp, 3);
+  auto contents = [](const Shelf& s) {
+    std::vector<Key> out;
+    for (const Key& k : s.slot()) {
+      out.push_back(k);
+    }
+    return out;
+  };
+  Shelf s;
+  EXPECT_EQ(s.slots(), 0u);
+  s.slotIs(3, c);
+  EXPECT_EQ(s.slots(), 4u);
+  EXPECT_EQ(contents(s), (std::vector<Key>{Key(), Key(), Key(), c}));
+  s.slotIs(0, a);
+  s.slotIs(1, b);
+  EXPECT_EQ(contents(s), (std::vector<Key>{a, b, Key(), c}));
+
+  EXPECT_EQ(s.slotDel(1), b);  // middle: reset in place, nothing moves
+  EXPECT_EQ(s.slots(), 4u);
+  EXPECT_EQ(contents(s), (std::vector<Key>{a, Key(), Key(), c}));
+  EXPECT_EQ(s.slotDel(3), c);  // last: the trailing defaults go too
+  EXPECT_EQ(s.slots(), 1u);
+  EXPECT_EQ(s.slotDel(2), Key());  // at or after the count
+  EXPECT_EQ(s.slots(), 1u);
+  EXPECT_EQ(s.slotDel(s.slot().begin()), a);
+  EXPECT_EQ(s.slots(), 0u);
+
+  s.slotIs(2, b);
+  s.slotDelAll();
+  EXPECT_EQ(s.slots(), 0u);
+  EXPECT_EQ(s, Shelf());
+  EXPECT_THROW(s.slotIs(4, a), Kel::RangeException);
+  EXPECT_THROW(s.slotDel(-1), Kel::RangeException);
+
+  // Equality covers the count as well as the slots below it.
+  Shelf x, y;
+  x.slotIs(0, a);
+  y.slotIs(0, a);
+  EXPECT_EQ(x, y);
+  y.slotIs(1, Key());
+  EXPECT_NE(x, y);
+  EXPECT_TRUE(x < y);
+  y.slotDel(1);
+  EXPECT_EQ(x, y);
+  EXPECT_EQ(x.hash(3), y.hash(3));
+}
+
+TEST(FixedArray, BinaryForm) {
+  Slots a;
+  a.set(0, Key(sourceLdp, 1));
+  a.set(2, Key(sourceBgp, 3));
+  const size_t len = Slots::kBinaryHeadLen + 3 * sizeof(Key);
+  ASSERT_EQ(a.serializeLen(), len);
+  std::vector<uint8_t> buf(len);
+  EXPECT_EQ(a.serialize(buf.data()), len);
+  EXPECT_EQ(Slots::deserializeLen(buf.data(), buf.size()), len);
+  Slots b;
+  EXPECT_EQ(b.deserialize(buf.data(), buf.size()), len);
+  EXPECT_EQ(b, a);
+
+  Slots c;
+  EXPECT_THROW(c.deserialize(buf.data(), len - 1), Kel::SizeError);
+  EXPECT_THROW(c.deserialize(buf.data(), Slots::kBinaryHeadLen - 1), Kel::SizeError);
+  EXPECT_EQ(c.count(), 0u);
+
+  std::vector<uint8_t> big = buf;
+  uint32_t five = 5;
+  std::memcpy(big.data(), &five, 4);
+  try {
+    c.deserialize(big.data(), big.size());
+    ADD_FAILURE() << "count 5 accepted in a 4-slot array";
+  } catch (const Kel::SizeError& e) {
+    EXPECT_THAT(e.what(), ::testing::StartsWith(
+                              "expected size <= 4, instead got 5. Buffer is at address: "));
+    EXPECT_THAT(e.what(), ::testing::HasSubstr(fmt::format(" with contents: 05 00 00 00 04 00 {:02x}",
+                                                           sizeof(Key))));
+  }
+  std::vector<uint8_t> wide = buf;
+  uint16_t eight = 8;
+  std::memcpy(wide.data() + 4, &eight, 2);
+  EXPECT_THROW(Slots::deserializeLen(wide.data(), wide.size()), Kel::SizeError);
+}
+
+TEST(ValueSet, SetSemanticsIndependentOfOrder) {
+  Kel::ValueSet<uint32_t> up, down;
+  for (uint32_t i = 0; i < 50; ++i) {
+    EXPECT_TRUE(up.insert(i * 7).second);
+    down.insert((49 - i) * 7);
+  }
+  EXPECT_FALSE(up.insert(7).second);
+  EXPECT_EQ(up.size(), 50u);
+  EXPECT_EQ(up, down);
+  EXPECT_EQ(Kel::hashOf(up, 4), Kel::hashOf(down, 4));
+  EXPECT_EQ(Kel::valueToStrep(up), Kel::valueToStrep(down));
+  EXPECT_EQ(Kel::strepToValue<Kel::ValueSet<uint32_t>>(Kel::valueToStrep(up)), up);
+  EXPECT_TRUE(down.erase(0));
+  EXPECT_FALSE(down.erase(0));
+  EXPECT_FALSE(down.contains(0));
+  EXPECT_NE(up, down);
+  EXPECT_TRUE(up < down);  // {0, 7, ...} before {7, ...}
+
+  Kel::ValueSet<Key> keys;
+  keys.insert(Key(sourceBgp, 0));
+  keys.insert(Key(sourceStatic, 2));
+  keys.insert(Key(sourceLdp, 3));
+  expectTextForm(keys, "{" + keyText("sourceLdp", 3) + ", " + keyText("sourceStatic", 2) + ", " +
+                           keyText("sourceBgp", 0) + "}");
+  expectTextForm(Kel::ValueSet<Key>(), "{}");
+}
+
+TEST(String, QuotingRoundTrips) {
+  const Kel::String s(std::string("a'b\\c\nd\0e\xff\t", 11));
+  EXPECT_EQ(s.size(), 11u);
+  expectTextForm(s, "'a\\'b\\\\c\\nd\\x00e\\xff\\t'");
+  EXPECT_EQ(Kel::strepToValue<Kel::String>("'\\xFF\\x41'"), Kel::String("\xff" "A"));
+  EXPECT_STREQ(Kel::String("plain").c_str(), "plain");
+  for (const char* bad : {"'open", "'bad \\q escape'", "'\\x4'", "noquote", "'x'y"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_THROW(Kel::strepToValue<Kel::String>(bad), Kel::ParseError);
+  }
+  EXPECT_NE(Kel::String("ab").hash(), Kel::String(std::string("ab\0", 3)).hash());
+}
+
+}  // namespace
