@@ -205,6 +205,12 @@ inline void attachParent(Entity* parent, Entity* child) {
     }                                                                                 \
   }                                                                                   \
   void name##NotifyQuiesced(bool quiesced) noexcept { name##Quiesced_ = quiesced; }  \
+  /* removes the elements one by one, each announced */                               \
+  void name##DelAll() {                                                               \
+    for (const K& k : name##_.keys()) {                                               \
+      name##Del(k);                                                                   \
+    }                                                                                 \
+  }                                                                                   \
                                                                                       \
  private:                                                                             \
   StorageT name##_;                                                                   \
@@ -228,11 +234,6 @@ inline void attachParent(Entity* parent, Entity* child) {
     }                                                                    \
     name##Notify(k);                                                     \
     return std::move(*old);                                              \
-  }                                                                      \
-  void name##DelAll() {                                                  \
-    for (const K& k : name##_.keys()) {                                  \
-      name##Del(k);                                                      \
-    }                                                                    \
   }
 
 #define KEL_SET_ATTR(K, name, Name)                                  \
@@ -243,12 +244,7 @@ inline void attachParent(Entity* parent, Entity* child) {
       name##Notify(k);                                               \
     }                                                                \
   }                                                                  \
-  void name##Del(const K& k) { name##Is(k, false); }                 \
-  void name##DelAll() {                                              \
-    for (const K& k : name##_.keys()) {                              \
-      name##Del(k);                                                  \
-    }                                                                \
-  }
+  void name##Del(const K& k) { name##Is(k, false); }
 
 #define KEL_VALUE_COLL_ATTR(K, T, name, Name)                                  \
   KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, T>)), name, Name)       \
@@ -264,11 +260,6 @@ inline void attachParent(Entity* parent, Entity* child) {
   void name##Del(const K& k) {                                                 \
     if (name##_.erase(k)) {                                                    \
       name##Notify(k);                                                         \
-    }                                                                          \
-  }                                                                            \
-  void name##DelAll() {                                                        \
-    for (const K& k : name##_.keys()) {                                        \
-      name##Del(k);                                                            \
     }                                                                          \
   }
 
@@ -293,11 +284,6 @@ inline void attachParent(Entity* parent, Entity* child) {
     }                                                                                 \
     name##Notify(k);                                                                  \
     return std::move(*old);                                                           \
-  }                                                                                   \
-  void name##DelAll() {                                                               \
-    for (const K& k : name##_.keys()) {                                               \
-      name##Del(k);                                                                   \
-    }                                                                                 \
   }
 
 #define KEL_REACTOR_COLL(K, R, name)                                                   \

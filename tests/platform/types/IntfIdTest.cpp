@@ -142,37 +142,13 @@ TEST(IntfId, UnknownOrNonCanonicalEncodingsUseTheRawForm) {
 }
 
 TEST(IntfId, RefusesBadNamesNamingThem) {
-  for (const char* name : {"Foo1",
-                           "Ethernet",
-                           "Ethernet1/2/3/4",
-                           "Vlan0",
-                           "Vlan4095",
-                           "Loopback1.5",
-                           "Ethernet1.0",
-                           "Null1",
-                           "Ethernet1x",
-                           "Ethernet 1",
-                           "Ethernet99999999",
-                           "Ethernet4294967296",
-                           "Ethernet0",
-                           "Ethernet1/",
-                           "Ethernet1.",
-                           "Ethernet1.65536",
-                           "Ethernet1/1023",
-                           "Ethernet1/1/63",
-                           "Port-Channel1/1",
-                           "Management1/1/1",
-                           "Vlan1.1",
-                           "Ethernet-1",
-                           "Ethernet+1",
-                           "1",
-                           "/1",
-                           " Ethernet1",
-                           "Ethernet1 ",
-                           "IntfId(0x1)",
-                           "IntfId(0x1,0x)",
-                           "IntfId(0x1,0x2,0x3)",
-                           "IntfId(0x100000000,0x0)"}) {
+  for (const char* name :
+       {"Foo1", "Ethernet", "Ethernet1/2/3/4", "Vlan0", "Vlan4095", "Loopback1.5", "Ethernet1.0",
+        "Null1", "Ethernet1x", "Ethernet 1", "Ethernet99999999", "Ethernet4294967296",
+        "Ethernet0", "Ethernet01", "Ethernet1/", "Ethernet1.", "Ethernet1.65536", "Ethernet1/1023",
+        "Ethernet1/1/63", "Port-Channel1/1", "Management1/1/1", "Vlan1.1", "Ethernet-1",
+        "Ethernet+1", "1", "/1", " Ethernet1", "Ethernet1 ", "IntfId(0x1)", "IntfId(0x1,0x)",
+        "IntfId(0x1,0x2,0x3)", "IntfId(0x100000000,0x0)"}) {
     SCOPED_TRACE(name);
     std::string what = errorText<Kel::ParseError>([&] { IntfId id(name); });
     EXPECT_NE(what.find(name), std::string::npos) << what;

@@ -59,7 +59,9 @@ TEST(IpGenAddr, WritesIpv6InItsCanonicalForm) {
         Case{"0:0:0:0:0:1:0:0", "::1:0:0"}, Case{"::", "::"}, Case{"::1", "::1"},
         Case{"1::", "1::"}, Case{"::ffff:1.2.3.4", "::ffff:1.2.3.4"},
         Case{"::FFFF:102:304", "::ffff:1.2.3.4"},  // IPv4-mapped: dotted
-        Case{"2001:db8::ffff:0:1", "2001:db8::ffff:0:1"}}) {
+        Case{"2001:db8::ffff:0:1", "2001:db8::ffff:0:1"},
+        // Only IPv4-mapped addresses print dotted, not the deprecated IPv4-compatible ones.
+        Case{"::1:2", "::1:2"}, Case{"::abcd:1", "::abcd:1"}}) {
     SCOPED_TRACE(c.in);
     IpGenAddr a(c.in);
     EXPECT_TRUE(a.isV6());
@@ -70,14 +72,6 @@ TEST(IpGenAddr, WritesIpv6InItsCanonicalForm) {
   }
   EXPECT_TRUE(IpGenAddr("::").isZero());
   EXPECT_FALSE(IpGenAddr("::1").isZero());
-}
-
-TEST(IpGenAddr, WritesIpv4CompatibleRangeInHexGroups) {
-  // Only IPv4-mapped addresses print dotted; the deprecated IPv4-compatible form does not.
-  for (const char* text : {"::1:2", "::1:0", "::abcd:1"}) {
-    SCOPED_TRACE(text);
-    EXPECT_EQ(IpGenAddr(text).stringValue(), text);
-  }
 }
 
 TEST(IpGenAddr, RefusesMalformedTextNamingIt) {
@@ -91,9 +85,6 @@ TEST(IpGenAddr, RefusesMalformedTextNamingIt) {
     EXPECT_NE(what.find(std::string("'") + text + "'"), std::string::npos) << what;
     EXPECT_THROW(Kel::strepToValue<IpGenAddr>(text), Kel::ParseError);
   }
-}
-
-TEST(IpGenAddr, RefusesTextWithAZeroByte) {
   EXPECT_THROW(IpGenAddr(std::string_view("1.2.3.4\0junk", 12)), Kel::ParseError);
   EXPECT_THROW(IpGenPrefix(std::string_view("10.0.0.0\0/8", 11)), Kel::ParseError);
 }
@@ -123,17 +114,6 @@ TEST(IpGenAddr, OrdersIpv4BeforeIpv6AndComparesByValue) {
   EXPECT_EQ(IpGenAddr("2001:db8::1").hash(), IpGenAddr("2001:DB8:0::1").hash());
 }
 
-TEST(IpGenAddr, IsTwentyTriviallyCopyableBytes) {
-  static_assert(std::is_trivially_copyable_v<IpGenAddr>);
-  EXPECT_EQ(sizeof(IpGenAddr), 20u);
-  const IpGenAddr a("2001:db8::1");
-  unsigned char raw[sizeof(IpGenAddr)];
-  std::memcpy(raw, &a, sizeof a);
-  IpGenAddr b;
-  std::memcpy(&b, raw, sizeof b);
-  EXPECT_EQ(b, a);
-}
-
 TEST(IpGenPrefix, ReadsAndWritesText) {
   struct Case {
     const char* text;
@@ -159,6 +139,7 @@ TEST(IpGenPrefix, TextReaderRefusesHostBitsAndBadLengths) {
   for (const char* text :
        {"10.0.0.1/8", "192.168.1.129/25", "2001:db8::1/32", "::1/127", "10.0.0.0/33", "::/129",
         "10.0.0.0/1000", "10.0.0.0", "10.0.0.0/", "10.0.0.0/x", "10.0.0.0/-1", "10.0.0.0/8/8",
+        "10.0.0.0/08",
         "1.2.3/8", "/8", "10.0.0.0/ 8", ""}) {
     SCOPED_TRACE(text);
     std::string what = errorText<Kel::ParseError>([&] { IpGenPrefix p(text); });
@@ -198,13 +179,9 @@ TEST(IpGenPrefix, ContainsAddressesOfItsFamilyOnly) {
     bool in;
   };
   for (const Case& c :
-       {Case{"10.0.0.0/8", "10.0.0.0", true}, Case{"10.0.0.0/8", "10.255.255.255", true},
-        Case{"10.0.0.0/8", "11.0.0.0", false}, Case{"10.0.0.0/8", "9.255.255.255", false},
-        Case{"192.168.1.128/25", "192.168.1.200", true},
+       {Case{"10.0.0.0/8", "10.255.255.255", true}, Case{"10.0.0.0/8", "11.0.0.0", false},
         Case{"192.168.1.128/25", "192.168.1.127", false}, Case{"10.1.2.3/32", "10.1.2.3", true},
-        Case{"10.1.2.3/32", "10.1.2.2", false}, Case{"0.0.0.0/0", "255.255.255.255", true},
         Case{"0.0.0.0/0", "::", false}, Case{"::/0", "2001:db8::1", true},
-        Case{"::/0", "0.0.0.0", false}, Case{"2001:db8::/32", "2001:db8:ffff::1", true},
         Case{"2001:db8::/32", "2001:db9::", false}, Case{"::ffff:0.0.0.0/96", "10.0.0.1", false}}) {
     SCOPED_TRACE(std::string(c.prefix) + " " + c.addr);
     EXPECT_EQ(IpGenPrefix(c.prefix).contains(IpGenAddr(c.addr)), c.in);
@@ -229,10 +206,8 @@ TEST(MplsLabel, BoundsAndMarkers) {
   EXPECT_FALSE(MplsLabel(MplsLabel::max).isNull());
   EXPECT_TRUE(MplsLabel(0xFFFFF).isLabel());
   EXPECT_FALSE(MplsLabel(MplsLabel::luWithdraw).isLabel());
-  for (uint32_t v = 0; v < 20; ++v) {
-    EXPECT_EQ(MplsLabel(v).isReserved(), v < 16) << v;
-  }
-  EXPECT_TRUE(MplsLabel(100) < MplsLabel(MplsLabel::null()));
+  EXPECT_TRUE(MplsLabel(15).isReserved());
+  EXPECT_FALSE(MplsLabel(16).isReserved());
 }
 
 UnboundedMplsLabelOperation op(Netbase::MplsLabelAction action, std::vector<uint32_t> labels) {
@@ -255,9 +230,6 @@ TEST(UnboundedMplsLabelOperation, TextFormAndLabelStackString) {
   EXPECT_EQ(UnboundedMplsLabelOperation().labelStackString(), "");
   EXPECT_TRUE(UnboundedMplsLabelOperation().topLabel().isNull());
 
-  auto deep = op(Netbase::labelActionSwap, {16, 17, 18, 19, 1048575});
-  expectTextForm(deep, head + "labelActionSwap, 'labelStack': [16, 17, 18, 19, 1048575]})");
-  EXPECT_EQ(deep.labelStackString(), "16/17/18/19/1048575");
   EXPECT_TRUE(op(Netbase::labelActionPush, {300}) < push);
   EXPECT_FALSE(push == op(Netbase::labelActionSwap, {300, 301}));
 
