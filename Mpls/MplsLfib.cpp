@@ -26,6 +26,17 @@ std::string intfName(const Netbase::IntfId& intf) {
   return intf ? intf.stringValue() : std::string("-");
 }
 
+// The layer-2 vias: into a VLAN, or through a tag-to-VLAN map.
+template <class V>
+std::string vlanViaLine(const V& via) {
+  return fmt::format("{} vlanId {} flag {}", bracketedKey(via), via.vlanId(), via.flag());
+}
+template <class V>
+std::string tagMapViaLine(const V& via) {
+  return fmt::format("{} dot1qTagToVlanKey {} flag {}", bracketedKey(via), via.dot1qTagToVlanKey(),
+                     via.flag());
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -53,27 +64,17 @@ std::string LfibIpLookupVia::pondString() const {
                      Kel::valueToStrep(vrfName()), payloadType_);
 }
 
-std::string LfibVlanVia::pondString() const {
-  return fmt::format("{} vlanId {} flag {}", bracketedKey(*this), vlanId_, flag_);
-}
+std::string LfibVlanVia::pondString() const { return vlanViaLine(*this); }
 
-std::string LfibEvpnVlanAwareVia::pondString() const {
-  return fmt::format("{} dot1qTagToVlanKey {} flag {}", bracketedKey(*this), dot1qTagToVlanKey_,
-                     flag_);
-}
+std::string LfibEvpnVlanAwareVia::pondString() const { return tagMapViaLine(*this); }
 
 std::string LfibEvpnEthernetSegmentFilterVia::pondString() const {
   return fmt::format("{} intfId {}", bracketedKey(*this), intfName(intfId_));
 }
 
-std::string LfibEvpnVlanFloodVia::pondString() const {
-  return fmt::format("{} vlanId {} flag {}", bracketedKey(*this), vlanId_, flag_);
-}
+std::string LfibEvpnVlanFloodVia::pondString() const { return vlanViaLine(*this); }
 
-std::string LfibEvpnVlanAwareFloodVia::pondString() const {
-  return fmt::format("{} dot1qTagToVlanKey {} flag {}", bracketedKey(*this), dot1qTagToVlanKey_,
-                     flag_);
-}
+std::string LfibEvpnVlanAwareFloodVia::pondString() const { return tagMapViaLine(*this); }
 
 std::string LfibExtFecVia::pondString() const {
   return fmt::format("{} fecId {} labelAction {} payloadType {}", bracketedKey(*this), fecId_,

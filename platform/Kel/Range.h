@@ -6,8 +6,9 @@
 // raises Kel::RangeException with the text
 //   "LfibViaIndexRange::value < LfibViaIndexRange::min or > LfibViaIndexRange::max not allowed".
 // `+` with an integer gives a range value without a bound check. The default value is the
-// minimum. The text form is the decimal value. A type whose upper bound has another name
-// (MplsLabel's luWithdraw) derives from Kel::Range itself and sets kelMaxName.
+// minimum. The text form is the decimal value. A type with members of its own, or whose
+// upper bound has another name (MplsLabel's luWithdraw), derives from Kel::Range itself
+// and declares KEL_RANGE_BODY.
 #pragma once
 
 #include <compare>
@@ -73,15 +74,20 @@ class Range {
 
 }  // namespace Kel
 
-#define KEL_RANGE(Name, QualName, Rep, Min, Max)                 \
-  class Name : public ::Kel::Range<Name, Rep> {                  \
-   public:                                                       \
-    using ::Kel::Range<Name, Rep>::Range;                        \
-    static constexpr ::std::string_view kelRangeName = #Name;    \
-    static constexpr ::std::string_view kelTypeName = QualName;  \
-    static constexpr ::std::string_view kelMaxName = "max";      \
-    static constexpr Rep kelMin = (Min);                         \
-    static constexpr Rep kelMax = (Max);                         \
-    static constexpr Rep min = (Min);                            \
-    static constexpr Rep max = (Max);                            \
+// The members of a range class that derives from Kel::Range<Name, Rep> itself (to add
+// constants or predicates of its own); MaxName names the upper bound in the range text.
+#define KEL_RANGE_BODY(Name, QualName, Rep, Min, Max, MaxName)  \
+ public:                                                        \
+  using ::Kel::Range<Name, Rep>::Range;                         \
+  static constexpr ::std::string_view kelRangeName = #Name;     \
+  static constexpr ::std::string_view kelTypeName = QualName;   \
+  static constexpr ::std::string_view kelMaxName = MaxName;     \
+  static constexpr Rep kelMin = (Min);                          \
+  static constexpr Rep kelMax = (Max);
+
+#define KEL_RANGE(Name, QualName, Rep, Min, Max)                  \
+  class Name : public ::Kel::Range<Name, Rep> {                   \
+    KEL_RANGE_BODY(Name, QualName, Rep, Min, Max, "max")          \
+    static constexpr Rep min = (Min);                             \
+    static constexpr Rep max = (Max);                             \
   }

@@ -62,7 +62,8 @@ std::string traceConfig();
 
 using TraceSink = std::function<void(const TraceFacility& facility, int level,
                                      std::string_view message)>;
-// Installs `sink` in place of stderr; an empty sink restores stderr.
+// Installs `sink` in place of stderr; an empty sink restores stderr. The sink runs under
+// the facility registry's lock: it must not trace or change the trace configuration.
 void traceSinkIs(TraceSink sink);
 
 }  // namespace Kel

@@ -12,13 +12,7 @@ namespace Bridging {
 KEL_RANGE(VlanId, "Bridging::VlanId", uint16_t, 0, 4095);
 
 class VlanIdOrNone : public Kel::Range<VlanIdOrNone, uint16_t> {
- public:
-  using Range::Range;
-  static constexpr std::string_view kelRangeName = "VlanIdOrNone";
-  static constexpr std::string_view kelTypeName = "Bridging::VlanIdOrNone";
-  static constexpr std::string_view kelMaxName = "max";
-  static constexpr uint16_t kelMin = 0;
-  static constexpr uint16_t kelMax = 4094;
+  KEL_RANGE_BODY(VlanIdOrNone, "Bridging::VlanIdOrNone", uint16_t, 0, 4094, "max")
   static constexpr uint16_t min = 0;
   static constexpr uint16_t max = 4094;
 

@@ -15,14 +15,7 @@
 namespace Netbase {
 
 class MplsLabel : public Kel::Range<MplsLabel, uint32_t> {
- public:
-  using Range::Range;
-
-  static constexpr std::string_view kelRangeName = "MplsLabel";
-  static constexpr std::string_view kelTypeName = "Netbase::MplsLabel";
-  static constexpr std::string_view kelMaxName = "luWithdraw";
-  static constexpr uint32_t kelMin = 0;
-  static constexpr uint32_t kelMax = 0x800000;
+  KEL_RANGE_BODY(MplsLabel, "Netbase::MplsLabel", uint32_t, 0, 0x800000, "luWithdraw")
 
   static constexpr uint32_t min = 0;
   static constexpr uint32_t max = 0xFFFFF;  // the largest 20-bit label
