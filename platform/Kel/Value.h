@@ -27,6 +27,7 @@
 
 #include <cstdint>
 #include <ostream>
+#include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -76,6 +77,47 @@ bool valueLess(const T& a, const T& b) {
       },
       T::kelFields());
   return r < 0;
+}
+
+// The shape of a type as text: a value type's name and fields, recursively, with the
+// widths of its numbers ("Mpls::LfibViaKey{source:Mpls::LFib::Source/4;...}"). Two types
+// with the same schema have the same memory layout; shared-memory tables fingerprint their
+// rows with it.
+template <class T>
+std::string schemaOf() {
+  if constexpr (ValueType<T>) {
+    std::string s = std::string(T::kelTypeName) + "{";
+    std::apply(
+        [&](const auto&... f) {
+          ((s += std::string(f.name) + ":" +
+                 schemaOf<std::remove_cvref_t<decltype(std::declval<const T&>().*(
+                     std::remove_cvref_t<decltype(f)>::member))>>() +
+                 ";"),
+           ...);
+        },
+        T::kelFields());
+    return s + "}";
+  } else if constexpr (KelEnum<T>) {
+    return std::string(kelEnumInfo(static_cast<T*>(nullptr)).typeName) + "/" +
+           std::to_string(sizeof(T));
+  } else if constexpr (requires { T::kelTypeName; }) {
+    return std::string(T::kelTypeName) + "/" + std::to_string(sizeof(T));
+  } else if constexpr (requires { T::capacity; typename T::value_type; }) {
+    return "[" + schemaOf<typename T::value_type>() + "*" + std::to_string(T::capacity) + "]";
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return "bool";
+  } else if constexpr (std::is_integral_v<T>) {
+    return (std::is_signed_v<T> ? "i" : "u") + std::to_string(sizeof(T) * 8);
+  } else if constexpr (std::is_floating_point_v<T>) {
+    return "f" + std::to_string(sizeof(T) * 8);
+  } else if constexpr (StdArray<T>) {
+    return "[" + schemaOf<typename T::value_type>() + "*" +
+           std::to_string(std::tuple_size_v<T>) + "]";
+  } else if constexpr (Sequence<T>) {
+    return "[" + schemaOf<typename T::value_type>() + "*]";
+  } else {
+    return "?" + std::to_string(sizeof(T));
+  }
 }
 
 // Hash functor for hash containers keyed by framework values. The 32-bit framework hash

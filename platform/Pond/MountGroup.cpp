@@ -1,0 +1,413 @@
+#include "Pond/MountGroup.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/futex.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <fstream>
+
+#include <fmt/format.h>
+
+namespace Pond {
+
+using internal::GroupHeader;
+using internal::loadAcquire;
+using internal::Segment;
+
+namespace {
+
+constexpr auto kPublishInterval = std::chrono::microseconds(50);
+
+long futexWait(const uint32_t* word, uint32_t expected, std::chrono::milliseconds timeout) {
+  struct timespec ts {};
+  ts.tv_sec = timeout.count() / 1000;
+  ts.tv_nsec = (timeout.count() % 1000) * 1000000;
+  return ::syscall(SYS_futex, word, FUTEX_WAIT, expected, &ts, nullptr, 0);
+}
+
+void futexWakeAll(const uint32_t* word) {
+  ::syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// A process's start time in clock ticks since boot (field 22 of /proc/PID/stat), so that
+// a recycled pid is not taken for the process that had it.
+std::optional<uint64_t> processStartTime(uint32_t pid) {
+  std::ifstream in(fmt::format("/proc/{}/stat", pid));
+  std::string line;
+  if (!std::getline(in, line)) {
+    return std::nullopt;
+  }
+  auto paren = line.rfind(')');
+  if (paren == std::string::npos) {
+    return std::nullopt;
+  }
+  // After ") " come fields 3, 4, ...: field 22 is the 20th of them.
+  size_t pos = paren + 2;
+  for (int field = 3; field < 22; ++field) {
+    pos = line.find(' ', pos);
+    if (pos == std::string::npos) {
+      return std::nullopt;
+    }
+    ++pos;
+  }
+  return std::strtoull(line.c_str() + pos, nullptr, 10);
+}
+
+void checkGroupHeader(const Segment& s, std::string_view name) {
+  const auto* h = reinterpret_cast<const GroupHeader*>(s.base());
+  auto bad = [&](const std::string& why) {
+    throw SegmentError(fmt::format("mount group '{}' (segment {}) cannot be used: {}", name,
+                                   s.name(), why));
+  };
+  if (h->magic != internal::kGroupMagic) {
+    bad(fmt::format("not a Pond mount group (magic {:#x})", h->magic));
+  }
+  if (h->layoutVersion != internal::kLayoutVersion || h->headerSize != sizeof(GroupHeader)) {
+    bad(fmt::format("layout version {} with a {}-byte header; this build reads version {} ({})",
+                    h->layoutVersion, h->headerSize, internal::kLayoutVersion,
+                    sizeof(GroupHeader)));
+  }
+  if (std::memchr(h->name, 0, sizeof(h->name)) == nullptr || name != h->name) {
+    bad("its header names another group");
+  }
+}
+
+}  // namespace
+
+MountGroup::MountGroup(std::string name, Role role, internal::SegmentOptions options)
+    : name_(std::move(name)), role_(role), options_(options), ready_(role == Role::writer) {}
+
+MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& options) {
+  Segment::checkName("mount group", name);
+  internal::SegmentOptions segmentOptions{options.mode, options.group};
+  Ptr group(new MountGroup(std::string(name), Role::writer, segmentOptions));
+  std::string shm = Segment::groupShmName(name);
+  for (int attempt = 0; attempt < 3 && !group->segment_.base(); ++attempt) {
+    if (auto existing = Segment::open(shm, true, sizeof(GroupHeader))) {
+      group->segment_ = std::move(*existing);
+    } else if (auto created = Segment::create(shm, sizeof(GroupHeader), segmentOptions,
+                                              [&](uint8_t* base) {
+                                                auto* h = reinterpret_cast<GroupHeader*>(base);
+                                                h->magic = internal::kGroupMagic;
+                                                h->layoutVersion = internal::kLayoutVersion;
+                                                h->headerSize = sizeof(GroupHeader);
+                                                std::memcpy(h->name, name.data(), name.size());
+                                              })) {
+      group->segment_ = std::move(*created);
+    }
+  }
+  if (!group->segment_.base()) {
+    throw SegmentError(fmt::format("mount group '{}': its segment keeps appearing and "
+                                   "disappearing", name));
+  }
+  checkGroupHeader(group->segment_, name);
+  // The lock goes with the process: a writer that dies leaves the group to the next one.
+  if (::flock(group->segment_.fd(), LOCK_EX | LOCK_NB) != 0) {
+    throw WriterExistsError(fmt::format("mount group '{}' has a writer already (pid {})", name,
+                                        loadAcquire(&group->header()->writerPid)));
+  }
+  auto* h = reinterpret_cast<GroupHeader*>(group->segment_.base());
+  uint32_t pid = static_cast<uint32_t>(::getpid());
+  internal::storeRelease(&h->writerPid, 0);
+  internal::storeRelease(&h->writerStartTime, processStartTime(pid).value_or(0));
+  internal::storeRelease(&h->writerPid, pid);
+  internal::storeRelease(&h->incarnation, h->incarnation + 1);
+  group->incarnation_ = h->incarnation;
+  group->changes_ = 1;
+  group->publish();
+  return group;
+}
+
+MountGroup::Ptr MountGroup::reader(std::string_view name) {
+  Segment::checkName("mount group", name);
+  Ptr group(new MountGroup(std::string(name), Role::reader, {}));
+  group->tryOpenGroup();
+  return group;
+}
+
+MountGroup::~MountGroup() {
+  stopWaiter();
+  if (role_ == Role::writer && segment_.base()) {
+    // A clean exit: no writer is attached any more.
+    internal::storeRelease(&reinterpret_cast<GroupHeader*>(segment_.base())->writerPid, 0);
+    futexWakeAll(&header()->wakeSeq);
+  }
+  if (inotifyFd_ >= 0) {
+    ::close(inotifyFd_);
+  }
+}
+
+size_t MountGroup::removeSegments(std::string_view name) {
+  Segment::checkName("mount group", name);
+  size_t removed = 0;
+  for (const std::string& table : tableNames(name)) {
+    removed += Segment::unlink(Segment::tableShmName(name, table));
+  }
+  removed += Segment::unlink(Segment::groupShmName(name));
+  return removed;
+}
+
+std::vector<std::string> MountGroup::tableNames(std::string_view name) {
+  std::vector<std::string> out;
+  std::string prefix = fmt::format("pond.{}.", name);
+  DIR* dir = ::opendir("/dev/shm");
+  if (!dir) {
+    return out;
+  }
+  while (dirent* e = ::readdir(dir)) {
+    std::string_view file(e->d_name);
+    if (file.substr(0, prefix.size()) == prefix) {
+      std::string_view table = file.substr(prefix.size());
+      if (table.find('.') == std::string_view::npos) {  // not a temporary name
+        out.emplace_back(table);
+      }
+    }
+  }
+  ::closedir(dir);
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+uint64_t MountGroup::writerIncarnation() const noexcept {
+  return segment_.base() ? loadAcquire(&header()->incarnation) : 0;
+}
+
+uint32_t MountGroup::writerPid() const noexcept {
+  return segment_.base() ? loadAcquire(&header()->writerPid) : 0;
+}
+
+bool MountGroup::writerAlive() const {
+  if (role_ == Role::writer) {
+    return true;
+  }
+  if (!segment_.base()) {
+    return false;
+  }
+  uint32_t pid = loadAcquire(&header()->writerPid);
+  if (pid == 0) {
+    return false;
+  }
+  auto start = processStartTime(pid);
+  return start && *start == loadAcquire(&header()->writerStartTime);
+}
+
+void MountGroup::noteChange() {
+  // The clock is read at the first change after a publish and then every 16th: a lone
+  // change after a quiet spell wakes readers at once, a burst wakes them every 50 us.
+  if (++changes_ != 1 && (changes_ & 15) != 0) {
+    return;
+  }
+  if (std::chrono::steady_clock::now() - lastPublish_ >= kPublishInterval) {
+    publish();
+  }
+}
+
+void MountGroup::publish() {
+  if (role_ != Role::writer || changes_ == 0) {
+    return;
+  }
+  auto* h = reinterpret_cast<GroupHeader*>(segment_.base());
+  internal::storeRelease(&h->wakeSeq, h->wakeSeq + 1);
+  futexWakeAll(&h->wakeSeq);
+  changes_ = 0;
+  lastPublish_ = std::chrono::steady_clock::now();
+}
+
+void MountGroup::tableAttached() {
+  ++changes_;
+  publish();
+}
+
+void MountGroup::tableIs(internal::TableBase* table) {
+  tables_.push_back(table);
+  if (role_ == Role::reader && segment_.base()) {
+    bool allOpen = true;
+    for (internal::TableBase* t : tables_) {
+      allOpen = t->tryOpen() && allOpen;
+    }
+    readyIs(allOpen);
+  }
+}
+
+void MountGroup::tableDel(internal::TableBase* table) { std::erase(tables_, table); }
+
+bool MountGroup::tryOpenGroup() {
+  auto s = Segment::open(Segment::groupShmName(name_), false, sizeof(GroupHeader));
+  if (!s) {
+    return false;
+  }
+  checkGroupHeader(*s, name_);
+  segment_ = std::move(*s);
+  lastWake_ = loadAcquire(&header()->wakeSeq);
+  incarnation_ = loadAcquire(&header()->incarnation);
+  return true;
+}
+
+void MountGroup::dropGroup() {
+  for (internal::TableBase* t : tables_) {
+    t->close();  // reopened tables resynchronise
+  }
+  segment_ = Segment();
+}
+
+void MountGroup::readyIs(bool ready) {
+  if (ready_ == ready) {
+    return;
+  }
+  ready_ = ready;
+  kelNotify(&NotifieeConst::onReady);
+}
+
+size_t MountGroup::processChanges() {
+  if (role_ != Role::reader) {
+    return 0;
+  }
+  if (changeFd_ >= 0) {
+    uint64_t drained;
+    while (::read(changeFd_, &drained, sizeof(drained)) == sizeof(drained)) {
+    }
+  }
+  if (segment_.base()) {
+    // A writer that found no segments (they were removed) made new ones: follow them.
+    struct stat st {};
+    if (::stat(Segment::pathOf(segment_.name()).c_str(), &st) != 0 ||
+        st.st_ino != segment_.inode()) {
+      dropGroup();
+    }
+  }
+  if (!segment_.base() && !tryOpenGroup()) {
+    readyIs(false);
+    return 0;
+  }
+  size_t delivered = 0;
+  bool allOpen = true;
+  for (internal::TableBase* t : tables_) {
+    allOpen = t->tryOpen() && allOpen;
+  }
+  uint64_t incarnation = loadAcquire(&header()->incarnation);
+  bool newWriter = incarnation != incarnation_;
+  incarnation_ = incarnation;
+  // A new writer may have changed rows without logging them (its predecessor died between
+  // a change and its log entry): hear everything from the tables themselves.
+  for (internal::TableBase* t : tables_) {
+    if (t->opened()) {
+      delivered += newWriter ? t->resync() : t->pollChanges();
+    }
+  }
+  readyIs(allOpen);
+  if (newWriter) {
+    kelNotify(&NotifieeConst::onWriterIncarnation);
+  }
+  return delivered;
+}
+
+bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
+  if (role_ != Role::reader) {
+    return false;
+  }
+  if (!segment_.base()) {
+    // Nothing to sleep on yet: watch /dev/shm for the group's segment.
+    if (inotifyFd_ < 0) {
+      inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+      if (inotifyFd_ < 0 ||
+          ::inotify_add_watch(inotifyFd_, "/dev/shm", IN_CREATE | IN_MOVED_TO) < 0) {
+        throw SegmentError(fmt::format("mount group '{}': cannot watch /dev/shm: {}", name_,
+                                       std::strerror(errno)));
+      }
+    }
+    if (tryOpenGroup()) {
+      return true;
+    }
+    pollfd p{inotifyFd_, POLLIN, 0};
+    int n = ::poll(&p, 1, static_cast<int>(timeout.count()));
+    char buf[4096];
+    while (::read(inotifyFd_, buf, sizeof(buf)) > 0) {
+    }
+    return n > 0;
+  }
+  const uint32_t* word = &header()->wakeSeq;
+  uint32_t seen = loadAcquire(word);
+  if (seen == lastWake_) {
+    futexWait(word, seen, timeout);
+    seen = loadAcquire(word);
+  }
+  bool changed = seen != lastWake_;
+  lastWake_ = seen;
+  return changed;
+}
+
+int MountGroup::changeFd() {
+  if (changeFd_ >= 0 || role_ != Role::reader) {
+    return changeFd_;
+  }
+  changeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (changeFd_ < 0) {
+    throw SegmentError(fmt::format("mount group '{}': eventfd: {}", name_, std::strerror(errno)));
+  }
+  // The thread maps the group on its own, so that it never touches the mapping this thread
+  // may drop, and turns every publish of the writer into a readable fd.
+  waiter_ = std::thread([this, fd = changeFd_, name = name_] {
+    auto signal = [fd] {
+      uint64_t one = 1;
+      (void)!::write(fd, &one, sizeof(one));
+    };
+    std::optional<Segment> own;
+    uint32_t seen = 0;
+    while (!stopWaiter_.load()) {
+      if (!own) {
+        try {
+          own = Segment::open(Segment::groupShmName(name), false, sizeof(GroupHeader));
+        } catch (const PondException&) {
+          own.reset();
+        }
+        if (!own) {
+          ::usleep(20000);
+          continue;
+        }
+        const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
+        waiterWord_.store(word);
+        seen = loadAcquire(word) - 1;  // signal once for what happened before we looked
+      }
+      const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
+      uint32_t now = loadAcquire(word);
+      if (now != seen) {
+        seen = now;
+        signal();
+      }
+      if (futexWait(word, now, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT) {
+        struct stat st {};
+        if (::stat(Segment::pathOf(own->name()).c_str(), &st) != 0 || st.st_ino != own->inode()) {
+          waiterWord_.store(nullptr);
+          own.reset();
+          signal();
+        }
+      }
+    }
+  });
+  return changeFd_;
+}
+
+void MountGroup::stopWaiter() {
+  if (!waiter_.joinable()) {
+    return;
+  }
+  stopWaiter_.store(true);
+  if (const uint32_t* word = waiterWord_.load()) {
+    futexWakeAll(word);  // waking needs no write access to the word
+  }
+  waiter_.join();
+  ::close(changeFd_);
+  changeFd_ = -1;
+}
+
+}  // namespace Pond

@@ -1,0 +1,163 @@
+// Pond::MountGroup: a set of shared-memory tables with one writing process.
+//
+// The writer creates the group (or re-attaches to the one a previous writer left) and
+// its tables; readers in other processes mount the group by name, whether or not the
+// writer has created it yet, and follow it as it appears. A group's segments are
+// "/pond.<group>" and "/pond.<group>.<table>" under /dev/shm, mode 0600 unless the writer
+// names a group whose members may read them.
+//
+// Writer: exactly one live process per group; a second one gets WriterExistsError. Every
+// writer that attaches starts a new incarnation, which readers see (they resynchronise).
+// Changes become visible to readers at once, but sleeping readers are woken only when the
+// writer publishes: publish() after a batch (an event loop does it after each iteration),
+// and the group publishes by itself at the first change after a quiet spell and every 50
+// microseconds during a burst.
+//
+// Reader: processChanges() opens what has appeared, follows every table's change log and
+// delivers the tables' notifications; waitForChange() or changeFd() say when to call it.
+// `ready` is true once the group and every table mounted in it are open.
+//
+// Threads: a group and its tables belong to one thread. changeFd() starts a helper thread
+// of the group's own, which only waits and signals the fd.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "Kel/Collection.h"
+#include "Kel/Entity.h"
+#include "Pond/Exception.h"
+#include "Pond/internal/Segment.h"
+#include "Pond/internal/TableEngine.h"
+
+namespace Pond {
+
+enum class Role { writer, reader };
+
+struct MountOptions {
+  mode_t mode = 0600;
+  // Segments belong to this group, whose members may read them (mode 0640).
+  std::optional<gid_t> group;
+};
+
+namespace internal {
+// What a group asks of each of its tables.
+class TableBase {
+ public:
+  virtual const std::string& tableName() const = 0;
+  virtual bool opened() const = 0;
+  // Reader: opens the table if its segment exists; true when it is open.
+  virtual bool tryOpen() = 0;
+  // Reader: drops the mapping (the group was replaced); the next tryOpen resynchronises.
+  virtual void close() = 0;
+  // Reader: delivers the changes logged since the last call; returns how many.
+  virtual size_t pollChanges() = 0;
+  // Reader: delivers a notification for every row present and every row gone since the
+  // last delivery, from the table itself; returns how many.
+  virtual size_t resync() = 0;
+
+ protected:
+  ~TableBase() = default;
+};
+}  // namespace internal
+
+class MountGroup : public Kel::Entity, private internal::GroupLink {
+ public:
+  using Ptr = Kel::Ptr<MountGroup>;
+
+  class NotifieeConst : public Kel::NotifieeOf<MountGroup> {
+   public:
+    virtual void onReady() {}
+    virtual void onWriterIncarnation() {}
+  };
+
+  // Creates the group, or re-attaches to the segments a previous writer left. Throws
+  // WriterExistsError when another live process writes the group, SegmentError when its
+  // name or segment is bad.
+  static Ptr writer(std::string_view name, const MountOptions& options = {});
+  // Mounts the group for reading; its segments may appear later.
+  static Ptr reader(std::string_view name);
+  // Removes the segments of a group and its tables; returns how many were removed.
+  // Processes that have them mapped keep their mappings.
+  static size_t removeSegments(std::string_view name);
+  // The names of the group's tables that exist now.
+  static std::vector<std::string> tableNames(std::string_view name);
+
+  ~MountGroup() override;
+
+  const std::string& name() const noexcept { return name_; }
+  Role role() const noexcept { return role_; }
+  // Reader: the group and every table mounted in it are open. Writer: true.
+  bool ready() const noexcept { return ready_; }
+  // The incarnation of the writer (0 while a reader has not seen the group yet).
+  uint64_t writerIncarnation() const noexcept;
+  uint32_t writerPid() const noexcept;
+  // Whether the group's writer process is alive (a reader checks its pid and start time,
+  // so a recycled pid does not pass for it).
+  bool writerAlive() const override;
+
+  // Writer: wakes the readers sleeping on the group if anything changed since the last
+  // publish. Cheap when nothing did.
+  void publish();
+  // Reader: see above; returns the number of notifications delivered.
+  size_t processChanges();
+  // Reader: waits at most `timeout` for the writer to publish or the group's segment to
+  // appear; true when something may have changed.
+  bool waitForChange(std::chrono::milliseconds timeout);
+  // Reader: an fd that polls readable when processChanges() has something to do. Reading
+  // it is processChanges()'s business.
+  int changeFd();
+
+  // Tables register here (Pond::PondMap does it); a reader opens the table at once if it
+  // can.
+  void tableIs(internal::TableBase* table);
+  void tableDel(internal::TableBase* table);
+  internal::GroupLink& link() noexcept { return *this; }
+  // Writer: a table was created or attached; readers waiting for it are woken.
+  void tableAttached();
+
+ private:
+  MountGroup(std::string name, Role role, internal::SegmentOptions options);
+  bool tryOpenGroup();
+  void dropGroup();
+  void readyIs(bool ready);
+  void stopWaiter();
+
+  // GroupLink
+  const std::string& groupName() const override { return name_; }
+  const internal::SegmentOptions& segmentOptions() const override { return options_; }
+  void noteChange() override;
+
+  const internal::GroupHeader* header() const noexcept {
+    return reinterpret_cast<const internal::GroupHeader*>(segment_.base());
+  }
+
+  std::string name_;
+  Role role_;
+  internal::SegmentOptions options_;
+  internal::Segment segment_;
+  std::vector<internal::TableBase*> tables_;
+  bool ready_;
+  uint64_t incarnation_ = 0;
+  // Writer.
+  uint64_t changes_ = 0;
+  std::chrono::steady_clock::time_point lastPublish_{};
+  // Reader.
+  uint32_t lastWake_ = 0;
+  int inotifyFd_ = -1;
+  int changeFd_ = -1;
+  std::thread waiter_;
+  std::atomic<bool> stopWaiter_{false};
+  std::atomic<const uint32_t*> waiterWord_{nullptr};
+};
+
+}  // namespace Pond

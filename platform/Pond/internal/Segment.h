@@ -1,0 +1,75 @@
+// A POSIX shared-memory segment, mapped whole. Internal to platform/Pond.
+//
+// Segments are named "/pond.<group>" and "/pond.<group>.<table>"; names are checked
+// against a safe character set before any system call. A new segment is created under a
+// temporary name, filled by its creator and only then linked under its real name, so
+// that nobody ever opens a half-initialised segment, and two creators cannot both
+// succeed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Pond::internal {
+
+struct SegmentOptions {
+  mode_t mode = 0600;
+  // When set, segments belong to this group and its members may read them (mode 0640).
+  std::optional<gid_t> group;
+};
+
+class Segment {
+ public:
+  Segment() = default;
+  Segment(Segment&& o) noexcept;
+  Segment& operator=(Segment&& o) noexcept;
+  Segment(const Segment&) = delete;
+  Segment& operator=(const Segment&) = delete;
+  ~Segment();
+
+  // Throws Pond::SegmentError unless `name` is 1 to 64 of [A-Za-z0-9_-]. `what` names the
+  // kind of name in the message ("mount group", "table").
+  static void checkName(std::string_view what, std::string_view name);
+  static std::string groupShmName(std::string_view group);
+  static std::string tableShmName(std::string_view group, std::string_view table);
+  // The file behind a shared-memory name ("/dev/shm/pond.lfib").
+  static std::string pathOf(std::string_view shmName);
+
+  // Creates the segment, zero-filled and writable, runs `init` on it, then publishes it
+  // under its name. Returns nullopt when a segment of that name exists already. Throws
+  // Pond::SegmentError on a system error.
+  static std::optional<Segment> create(const std::string& shmName, uint64_t size,
+                                       const SegmentOptions& options,
+                                       const std::function<void(uint8_t*)>& init);
+  // Opens and maps an existing segment, read-only unless `writable`. Returns nullopt when
+  // there is none. Throws Pond::SegmentError on another error, or when it is not a regular
+  // file of at least `minSize` bytes.
+  static std::optional<Segment> open(const std::string& shmName, bool writable, size_t minSize);
+  // Removes the name; mappings stay valid until they are dropped. False when absent.
+  static bool unlink(const std::string& shmName);
+
+  uint8_t* base() const noexcept { return base_; }
+  uint64_t size() const noexcept { return size_; }
+  int fd() const noexcept { return fd_; }
+  ino_t inode() const noexcept { return inode_; }
+  bool writable() const noexcept { return writable_; }
+  const std::string& name() const noexcept { return name_; }
+
+ private:
+  void reset() noexcept;
+
+  std::string name_;
+  uint8_t* base_ = nullptr;
+  uint64_t size_ = 0;
+  int fd_ = -1;
+  ino_t inode_ = 0;
+  bool writable_ = false;
+};
+
+}  // namespace Pond::internal

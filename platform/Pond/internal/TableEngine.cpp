@@ -1,0 +1,866 @@
+#include "Pond/internal/TableEngine.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "Kel/Binary.h"
+#include "Pond/Exception.h"
+
+namespace Pond::internal {
+
+namespace {
+
+constexpr uint32_t kMaxKeySize = 256;
+constexpr uint32_t kMaxRecordLen = 65536;
+constexpr uint32_t kMaxCapacity = 1u << 30;
+constexpr uint32_t kDefaultLogMin = 1024;
+constexpr uint32_t kDefaultLogMax = 65536;
+constexpr uint32_t kMinChunk = 4096;
+
+constexpr uint64_t align(uint64_t n, uint64_t to) { return (n + to - 1) / to * to; }
+
+inline void cpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+inline uint64_t packRef(HeapRef r) { return uint64_t{r.offset} | (uint64_t{r.length} << 32); }
+inline HeapRef unpackRef(uint64_t w) {
+  return HeapRef{static_cast<uint32_t>(w), static_cast<uint32_t>(w >> 32)};
+}
+
+}  // namespace
+
+// The sizes and offsets of a table, computed the same way by the writer that creates it
+// and by every process that checks it.
+struct TableEngine::Geometry {
+  uint32_t capacity;
+  uint32_t bucketCount;
+  uint32_t slotSize;
+  uint32_t keySize;
+  uint32_t rowSize;
+  bool variable;
+  uint32_t logEntries;
+  uint32_t logEntrySize;
+  uint32_t chunkSize;
+  uint32_t chunkCount;
+  uint64_t bucketsOffset;
+  uint64_t slotsOffset;
+  uint64_t logOffset;
+  uint64_t chunkClassOffset;
+  uint64_t heapOffset;
+  uint64_t segmentSize;
+};
+
+TableEngine::Geometry TableEngine::geometry(const RowLayout& layout, const TableSizing& sizing,
+                                            const std::string& where) {
+  auto bad = [&](const std::string& why) { throw SegmentError(fmt::format("{}: {}", where, why)); };
+  if (sizing.capacity == 0 || sizing.capacity > kMaxCapacity) {
+    bad(fmt::format("capacity {} outside 1..{}", sizing.capacity, kMaxCapacity));
+  }
+  if (layout.keySize == 0 || layout.keySize > kMaxKeySize) {
+    bad(fmt::format("key of {} bytes; at most {}", layout.keySize, kMaxKeySize));
+  }
+  Geometry g{};
+  g.capacity = sizing.capacity;
+  g.bucketCount = std::bit_ceil(sizing.capacity);
+  g.keySize = layout.keySize;
+  g.variable = layout.variable;
+  uint64_t keyBytes = roundUp8(layout.keySize);
+  if (layout.variable) {
+    uint32_t maxRecord = sizing.maxRecordLen ? sizing.maxRecordLen : layout.rowSize;
+    if (maxRecord == 0 || maxRecord > kMaxRecordLen) {
+      bad(fmt::format("largest record of {} bytes outside 1..{}", maxRecord, kMaxRecordLen));
+    }
+    g.rowSize = maxRecord;
+    g.slotSize = static_cast<uint32_t>(sizeof(SlotHeader) + sizeof(HeapRef) + keyBytes);
+    g.chunkSize = std::max(kMinChunk, std::bit_ceil(static_cast<uint32_t>(roundUp8(maxRecord))));
+    uint64_t heap = sizing.heapBytes
+                        ? sizing.heapBytes
+                        : uint64_t{sizing.capacity} * std::min<uint64_t>(roundUp8(maxRecord), 256);
+    uint64_t chunks = std::max<uint64_t>((heap + g.chunkSize - 1) / g.chunkSize, 4);
+    if (chunks > 0xFFFFFFFFull) {
+      bad(fmt::format("record heap of {} bytes too large", heap));
+    }
+    g.chunkCount = static_cast<uint32_t>(chunks);
+  } else {
+    if (layout.rowSize == 0 || layout.rowSize > kMaxRecordLen) {
+      bad(fmt::format("row of {} bytes outside 1..{}", layout.rowSize, kMaxRecordLen));
+    }
+    g.rowSize = layout.rowSize;
+    g.slotSize = static_cast<uint32_t>(sizeof(SlotHeader) + roundUp8(layout.rowSize));
+  }
+  uint32_t log = sizing.logEntries
+                     ? sizing.logEntries
+                     : std::clamp(std::bit_ceil(sizing.capacity), kDefaultLogMin, kDefaultLogMax);
+  if (log == 0 || log > kMaxCapacity) {
+    bad(fmt::format("change log of {} entries outside 1..{}", log, kMaxCapacity));
+  }
+  g.logEntries = std::bit_ceil(log);
+  g.logEntrySize = static_cast<uint32_t>(sizeof(LogEntryHeader) + keyBytes);
+  // Every term below is at most 2^30 * 2^17; the sums stay far below 2^63.
+  g.bucketsOffset = align(sizeof(TableHeader), 64);
+  g.slotsOffset = align(g.bucketsOffset + uint64_t{g.bucketCount} * sizeof(Bucket), 64);
+  g.logOffset = align(g.slotsOffset + uint64_t{g.capacity} * g.slotSize, 64);
+  g.chunkClassOffset = g.logOffset + uint64_t{g.logEntries} * g.logEntrySize;
+  g.heapOffset = align(g.chunkClassOffset + g.chunkCount, 4096);
+  g.segmentSize = align(g.heapOffset + uint64_t{g.chunkCount} * g.chunkSize, 4096);
+  return g;
+}
+
+TableEngine::TableEngine(GroupLink& group, std::string table, const RowLayout& layout,
+                         Segment segment, bool writer)
+    : group_(group),
+      table_(std::move(table)),
+      where_(fmt::format("table '{}' of mount group '{}'", table_, group.groupName())),
+      layout_(layout),
+      segment_(std::move(segment)),
+      writer_(writer) {}
+
+TableEngine::~TableEngine() = default;
+
+std::unique_ptr<TableEngine> TableEngine::attachWriter(GroupLink& group, const std::string& table,
+                                                       const RowLayout& layout,
+                                                       const TableSizing& sizing) {
+  Segment::checkName("table", table);
+  std::string shm = Segment::tableShmName(group.groupName(), table);
+  std::string where = fmt::format("table '{}' of mount group '{}'", table, group.groupName());
+  Geometry g = geometry(layout, sizing, where);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (auto existing = Segment::open(shm, true, sizeof(TableHeader))) {
+      std::unique_ptr<TableEngine> e(
+          new TableEngine(group, table, layout, std::move(*existing), true));
+      e->validate(layout);
+      const TableHeader* h = e->header();
+      if (h->capacity != g.capacity || h->logEntries != g.logEntries ||
+          h->rowSize != g.rowSize || h->chunkCount != g.chunkCount) {
+        throw SegmentError(fmt::format(
+            "{} exists with capacity {}, log {}, largest row {}, heap {} chunks; asked for "
+            "{}, {}, {}, {}: remove its segments to create it anew",
+            where, h->capacity, h->logEntries, h->rowSize, h->chunkCount, g.capacity,
+            g.logEntries, g.rowSize, g.chunkCount));
+      }
+      e->rebuildWriterState();
+      return e;
+    }
+    auto init = [&](uint8_t* base) {
+      auto* h = reinterpret_cast<TableHeader*>(base);
+      h->magic = kTableMagic;
+      h->layoutVersion = kLayoutVersion;
+      h->headerSize = sizeof(TableHeader);
+      h->fingerprint = layout.fingerprint;
+      std::memcpy(h->group, group.groupName().data(), group.groupName().size());
+      std::memcpy(h->table, table.data(), table.size());
+      h->capacity = g.capacity;
+      h->bucketCount = g.bucketCount;
+      h->slotSize = g.slotSize;
+      h->keySize = g.keySize;
+      h->rowSize = g.rowSize;
+      h->variable = g.variable ? 1 : 0;
+      h->logEntries = g.logEntries;
+      h->logEntrySize = g.logEntrySize;
+      h->chunkSize = g.chunkSize;
+      h->chunkCount = g.chunkCount;
+      h->bucketsOffset = g.bucketsOffset;
+      h->slotsOffset = g.slotsOffset;
+      h->logOffset = g.logOffset;
+      h->chunkClassOffset = g.chunkClassOffset;
+      h->heapOffset = g.heapOffset;
+      h->segmentSize = g.segmentSize;
+    };
+    if (auto created = Segment::create(shm, g.segmentSize, group.segmentOptions(), init)) {
+      std::unique_ptr<TableEngine> e(
+          new TableEngine(group, table, layout, std::move(*created), true));
+      e->validate(layout);
+      e->rebuildWriterState();
+      return e;
+    }
+    // Created by someone else between our open and create: look again.
+  }
+  throw SegmentError(fmt::format("{}: its segment keeps appearing and disappearing", where));
+}
+
+std::unique_ptr<TableEngine> TableEngine::openReader(GroupLink& group, const std::string& table,
+                                                     const RowLayout& layout) {
+  Segment::checkName("table", table);
+  auto segment = Segment::open(Segment::tableShmName(group.groupName(), table), false,
+                               sizeof(TableHeader));
+  if (!segment) {
+    return nullptr;
+  }
+  std::unique_ptr<TableEngine> e(new TableEngine(group, table, layout, std::move(*segment), false));
+  e->validate(layout);
+  return e;
+}
+
+// Everything a reader relies on is checked here, once: the header's identity, that its
+// sizes are those this layout computes, and that the segment holds all of it.
+void TableEngine::validate(const RowLayout& layout) const {
+  auto bad = [&](const std::string& why) {
+    throw SegmentError(fmt::format("{} (segment {}) cannot be used: {}", where_, segment_.name(), why));
+  };
+  TableHeader h;
+  std::memcpy(&h, segment_.base(), sizeof(h));
+  if (h.magic != kTableMagic) {
+    bad(fmt::format("not a Pond table (magic {:#x})", h.magic));
+  }
+  if (h.layoutVersion != kLayoutVersion || h.headerSize != sizeof(TableHeader)) {
+    bad(fmt::format("layout version {} with a {}-byte header; this build reads version {} ({})",
+                    h.layoutVersion, h.headerSize, kLayoutVersion, sizeof(TableHeader)));
+  }
+  if (h.fingerprint != layout.fingerprint) {
+    bad(fmt::format("it holds rows of another type than {} (fingerprint {:#x}, expected {:#x})",
+                    layout.typeName, h.fingerprint, layout.fingerprint));
+  }
+  if (std::memchr(h.group, 0, sizeof(h.group)) == nullptr ||
+      std::memchr(h.table, 0, sizeof(h.table)) == nullptr || group_.groupName() != h.group ||
+      table_ != h.table) {
+    bad("its header names another group or table");
+  }
+  if (h.keySize != layout.keySize || (h.variable != 0) != layout.variable ||
+      (!layout.variable && h.rowSize != layout.rowSize)) {
+    bad(fmt::format("key of {} bytes and {} rows of {} bytes; expected {}, {}, {}", h.keySize,
+                    h.variable ? "variable" : "fixed", h.rowSize, layout.keySize,
+                    layout.variable ? "variable" : "fixed", layout.rowSize));
+  }
+  TableSizing sizing;
+  sizing.capacity = h.capacity;
+  sizing.logEntries = h.logEntries;
+  sizing.maxRecordLen = layout.variable ? h.rowSize : 0;
+  sizing.heapBytes = uint64_t{h.chunkCount} * h.chunkSize;
+  if (h.capacity == 0 || h.capacity > kMaxCapacity || !std::has_single_bit(h.logEntries) ||
+      (layout.variable && (h.chunkCount < 4 || !std::has_single_bit(h.chunkSize)))) {
+    bad("its sizes are out of range");
+  }
+  Geometry g = geometry(layout, sizing, where_);
+  if (g.bucketCount != h.bucketCount || g.slotSize != h.slotSize ||
+      g.logEntries != h.logEntries || g.logEntrySize != h.logEntrySize ||
+      g.chunkSize != h.chunkSize || g.chunkCount != h.chunkCount ||
+      g.bucketsOffset != h.bucketsOffset || g.slotsOffset != h.slotsOffset ||
+      g.logOffset != h.logOffset || g.chunkClassOffset != h.chunkClassOffset ||
+      g.heapOffset != h.heapOffset || g.segmentSize != h.segmentSize) {
+    bad("its sizes and offsets do not match each other");
+  }
+  if (h.segmentSize > segment_.size()) {
+    bad(fmt::format("truncated: {} bytes, its header claims {}", segment_.size(), h.segmentSize));
+  }
+  const_cast<TableEngine*>(this)->bind();
+}
+
+void TableEngine::bind() {
+  const TableHeader* h = header();
+  capacity_ = h->capacity;
+  bucketMask_ = h->bucketCount - 1;
+  slotSize_ = h->slotSize;
+  keyBytes_ = static_cast<uint32_t>(roundUp8(h->keySize));
+  rowBytes_ = h->variable ? 0 : static_cast<uint32_t>(roundUp8(h->rowSize));
+  bufferSize_ = static_cast<uint32_t>(roundUp8(h->rowSize));
+  logEntries_ = h->logEntries;
+  logEntrySize_ = h->logEntrySize;
+  chunkSize_ = h->chunkSize;
+  chunkCount_ = h->chunkCount;
+  heapBytes_ = uint64_t{chunkSize_} * chunkCount_;
+  uint8_t* base = segment_.base();
+  buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
+  slots_ = base + h->slotsOffset;
+  log_ = base + h->logOffset;
+  chunkClass_ = base + h->chunkClassOffset;
+  heap_ = base + h->heapOffset;
+}
+
+uint32_t TableEngine::rowCount() const noexcept { return loadRelaxed(&header()->rowCount); }
+
+uint64_t TableEngine::version() const noexcept { return loadAcquire(&header()->version); }
+
+uint64_t TableEngine::logHead() const noexcept { return loadAcquire(&header()->logHead); }
+
+uint64_t TableEngine::residentBytes() const {
+  long page = ::sysconf(_SC_PAGESIZE);
+  uint64_t pages = (segment_.size() + page - 1) / page;
+  std::vector<unsigned char> vec(pages);
+  if (::mincore(segment_.base(), segment_.size(), vec.data()) != 0) {
+    return 0;
+  }
+  uint64_t resident = 0;
+  for (unsigned char v : vec) {
+    resident += v & 1;
+  }
+  return resident * page;
+}
+
+void TableEngine::corrupt(const std::string& what) const {
+  throw CorruptionError(fmt::format("{}: {}", where_, what));
+}
+
+// Waits for a seqlock counter to be even. The writer holds it odd for the few stores of
+// one change; a counter that stays odd means the writer was preempted, or died.
+uint32_t TableEngine::waitEven(const uint32_t* seq, const char* what, uint32_t index) const {
+  for (uint32_t spins = 0;; ++spins) {
+    uint32_t s = loadAcquire(seq);
+    if ((s & 1) == 0) {
+      return s;
+    }
+    if (spins < 256) {
+      cpuRelax();
+      continue;
+    }
+    ::sched_yield();
+    if ((spins & 0xfff) == 0 && !group_.writerAlive()) {
+      corrupt(fmt::format("{} {} was left half-written by a writer that died", what, index));
+    }
+  }
+}
+
+void TableEngine::checkRecord(HeapRef ref, uint32_t index) const {
+  if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
+      uint64_t{ref.offset} + roundUp8(ref.length) > heapBytes_) {
+    corrupt(fmt::format("slot {} refers to a record of {} bytes at heap offset {}", index,
+                        ref.length, ref.offset));
+  }
+}
+
+bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* recordLen) const {
+  alignas(8) uint8_t slotKey[kMaxKeySize];
+  const Bucket* b = bucket(hash);
+  for (;;) {
+    uint32_t bucketSeq = waitEven(&b->seq, "bucket", hash & bucketMask_);
+    uint32_t link = loadAcquire(&b->head);
+    bool found = false;
+    for (uint32_t hops = 0; link != kNoSlot; ++hops) {
+      uint32_t index = link - 1;
+      if (index >= capacity_ || hops >= capacity_) {
+        corrupt(fmt::format("bucket {} chains to slot {} ({} hops) in a table of {} slots",
+                            hash & bucketMask_, index, hops, capacity_));
+      }
+      const SlotHeader* s = slot(index);
+      const uint8_t* data = slotData(index);
+      uint32_t seq = waitEven(&s->seq, "slot", index);
+      uint32_t slotHash = loadRelaxed(&s->hash);
+      uint32_t next = loadRelaxed(&s->next);
+      uint32_t flags = loadRelaxed(&s->flags);
+      bool match = false;
+      HeapRef ref{};
+      if ((flags & kSlotLive) && slotHash == hash) {
+        if (layout_.variable) {
+          ref = unpackRef(__atomic_load_n(reinterpret_cast<const uint64_t*>(data), __ATOMIC_RELAXED));
+          seqCopyOut(slotKey, data + sizeof(HeapRef), keyBytes_);
+          __atomic_thread_fence(__ATOMIC_ACQUIRE);
+          if (loadRelaxed(&s->seq) != seq) {
+            break;  // the slot changed under us: start over
+          }
+          match = layout_.keyEqual(slotKey, key);
+        } else {
+          seqCopyOut(out, data, rowBytes_);
+          __atomic_thread_fence(__ATOMIC_ACQUIRE);
+          if (loadRelaxed(&s->seq) != seq) {
+            break;
+          }
+          layout_.keyOfRow(out, slotKey);
+          match = layout_.keyEqual(slotKey, key);
+        }
+      } else {
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (loadRelaxed(&s->seq) != seq) {
+          break;
+        }
+      }
+      if (match) {
+        if (layout_.variable) {
+          checkRecord(ref, index);
+          seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));
+          __atomic_thread_fence(__ATOMIC_ACQUIRE);
+          if (loadRelaxed(&s->seq) != seq) {
+            break;  // rewritten while copied: the record may be torn
+          }
+          *recordLen = ref.length;
+        } else {
+          *recordLen = layout_.rowSize;
+        }
+        found = true;
+        break;
+      }
+      link = next;
+    }
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    if (loadRelaxed(&b->seq) == bucketSeq && (found || link == kNoSlot)) {
+      return found;
+    }
+    // The chain changed, or a slot changed under us: walk it again.
+  }
+}
+
+bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const {
+  alignas(8) uint8_t slotKey[kMaxKeySize];
+  uint32_t highWater = std::min(loadAcquire(&header()->slotHighWater), capacity_);
+  for (uint32_t index = hint.slot; index < highWater; ++index) {
+    const SlotHeader* s = slot(index);
+    const uint8_t* data = slotData(index);
+    for (;;) {
+      uint32_t seq = waitEven(&s->seq, "slot", index);
+      uint32_t flags = loadRelaxed(&s->flags);
+      uint32_t hash = loadRelaxed(&s->hash);
+      HeapRef ref{};
+      if (flags & kSlotLive) {
+        if (layout_.variable) {
+          ref = unpackRef(__atomic_load_n(reinterpret_cast<const uint64_t*>(data), __ATOMIC_RELAXED));
+          seqCopyOut(slotKey, data + sizeof(HeapRef), keyBytes_);
+        } else {
+          seqCopyOut(out, data, rowBytes_);
+        }
+      }
+      __atomic_thread_fence(__ATOMIC_ACQUIRE);
+      if (loadRelaxed(&s->seq) != seq) {
+        continue;
+      }
+      if (!(flags & kSlotLive)) {
+        break;
+      }
+      if (layout_.variable) {
+        checkRecord(ref, index);
+        seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (loadRelaxed(&s->seq) != seq) {
+          continue;
+        }
+        std::memcpy(keyOut, slotKey, layout_.keySize);
+        *recordLen = ref.length;
+      } else {
+        *recordLen = layout_.rowSize;
+      }
+      hint.slot = index + 1;
+      hint.bucket = hash & bucketMask_;
+      hint.version = version();
+      return true;
+    }
+  }
+  hint.slot = highWater;
+  hint.version = version();
+  return false;
+}
+
+TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* op) const {
+  alignas(8) uint8_t key[kMaxKeySize];
+  const auto* e = reinterpret_cast<const LogEntryHeader*>(
+      log_ + (seq & (logEntries_ - 1)) * uint64_t{logEntrySize_});
+  if (loadAcquire(&e->seq) != seq) {
+    return LogRead::overrun;
+  }
+  uint32_t o = loadRelaxed(&e->op);
+  seqCopyOut(key, reinterpret_cast<const uint8_t*>(e + 1), keyBytes_);
+  __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  if (loadRelaxed(&e->seq) != seq || (o != kLogSet && o != kLogDelete)) {
+    return LogRead::overrun;
+  }
+  std::memcpy(keyOut, key, layout_.keySize);
+  *op = o;
+  return LogRead::entry;
+}
+
+// ---------------------------------------------------------------------------------------
+// The writer.
+
+uint32_t TableEngine::findSlot(const void* key, uint32_t hash, uint32_t* prev) const {
+  alignas(8) uint8_t slotKey[kMaxKeySize];
+  *prev = kNoSlot;
+  uint32_t link = loadRelaxed(&bucket(hash)->head);
+  for (uint32_t hops = 0; link != kNoSlot && hops < capacity_; ++hops) {
+    const SlotHeader* s = slot(link - 1);
+    if (s->hash == hash && (s->flags & kSlotLive)) {
+      const uint8_t* data = slotData(link - 1);
+      if (layout_.variable) {
+        std::memcpy(slotKey, data + sizeof(HeapRef), layout_.keySize);
+      } else {
+        layout_.keyOfRow(data, slotKey);
+      }
+      if (layout_.keyEqual(slotKey, key)) {
+        return link;
+      }
+    }
+    *prev = link;
+    link = s->next;
+  }
+  return kNoSlot;
+}
+
+uint32_t TableEngine::allocSlot() {
+  if (!freeSlots_.empty()) {
+    uint32_t index = freeSlots_.back();
+    freeSlots_.pop_back();
+    return index;
+  }
+  uint32_t index = header()->slotHighWater;
+  // Iteration reads below the high-water mark: raise it before the slot is filled.
+  storeRelease(&header()->slotHighWater, index + 1);
+  return index;
+}
+
+void TableEngine::appendLog(uint32_t op, const void* key) {
+  alignas(8) uint8_t padded[kMaxKeySize] = {};
+  std::memcpy(padded, key, layout_.keySize);
+  TableHeader* h = header();
+  uint64_t seq = h->logHead;
+  auto* e = reinterpret_cast<LogEntryHeader*>(log_ + (seq & (logEntries_ - 1)) * uint64_t{logEntrySize_});
+  // A reader that loaded the entry's old seq must not accept the new contents.
+  storeRelaxed(&e->seq, ~uint64_t{0});
+  __atomic_thread_fence(__ATOMIC_RELEASE);
+  storeRelaxed(&e->op, op);
+  seqCopyIn(e + 1, padded, keyBytes_);
+  storeRelease(&e->seq, seq);
+  storeRelease(&h->logHead, seq + 1);
+}
+
+void TableEngine::changed() {
+  TableHeader* h = header();
+  storeRelease(&h->version, h->version + 1);
+  group_.noteChange();
+}
+
+void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uint32_t len) {
+  if (!writer_) {
+    throw NotWriterError(fmt::format("{} is mounted for reading", where_));
+  }
+  alignas(8) uint8_t keyBuf[kMaxKeySize] = {};
+  std::memcpy(keyBuf, key, layout_.keySize);
+  uint32_t prev;
+  uint32_t link = findSlot(key, hash, &prev);
+  if (link == kNoSlot && freeSlots_.empty() && header()->slotHighWater >= capacity_) {
+    throw TableFullException(fmt::format("{} is full ({} rows)", where_, capacity_));
+  }
+  HeapRef ref{};
+  if (layout_.variable) {
+    ref = HeapRef{allocBlock(len), len};
+    seqCopyIn(heap_ + ref.offset, row, roundUp8(len));
+  }
+  if (link != kNoSlot) {
+    SlotHeader* s = slot(link - 1);
+    uint8_t* data = slotData(link - 1);
+    HeapRef old{};
+    seqBegin(&s->seq);
+    if (layout_.variable) {
+      old = unpackRef(*reinterpret_cast<const uint64_t*>(data));
+      __atomic_store_n(reinterpret_cast<uint64_t*>(data), packRef(ref), __ATOMIC_RELAXED);
+    } else {
+      seqCopyIn(data, row, rowBytes_);
+    }
+    seqEnd(&s->seq);
+    if (layout_.variable) {
+      freeBlock(old);
+    }
+  } else {
+    uint32_t index = allocSlot();
+    SlotHeader* s = slot(index);
+    uint8_t* data = slotData(index);
+    Bucket* b = bucket(hash);
+    seqBegin(&s->seq);
+    storeRelaxed(&s->hash, hash);
+    storeRelaxed(&s->next, b->head);
+    storeRelaxed(&s->flags, kSlotLive);
+    if (layout_.variable) {
+      __atomic_store_n(reinterpret_cast<uint64_t*>(data), packRef(ref), __ATOMIC_RELAXED);
+      seqCopyIn(data + sizeof(HeapRef), keyBuf, keyBytes_);
+    } else {
+      seqCopyIn(data, row, rowBytes_);
+    }
+    seqEnd(&s->seq);
+    seqBegin(&b->seq);
+    storeRelaxed(&b->head, index + 1);
+    seqEnd(&b->seq);
+    storeRelaxed(&header()->rowCount, header()->rowCount + 1);
+  }
+  appendLog(kLogSet, keyBuf);
+  changed();
+}
+
+bool TableEngine::erase(const void* key, uint32_t hash) {
+  if (!writer_) {
+    throw NotWriterError(fmt::format("{} is mounted for reading", where_));
+  }
+  uint32_t prev;
+  uint32_t link = findSlot(key, hash, &prev);
+  if (link == kNoSlot) {
+    return false;
+  }
+  alignas(8) uint8_t keyBuf[kMaxKeySize] = {};
+  std::memcpy(keyBuf, key, layout_.keySize);
+  SlotHeader* s = slot(link - 1);
+  Bucket* b = bucket(hash);
+  seqBegin(&b->seq);
+  if (prev == kNoSlot) {
+    storeRelaxed(&b->head, s->next);
+  } else {
+    SlotHeader* p = slot(prev - 1);
+    seqBegin(&p->seq);
+    storeRelaxed(&p->next, s->next);
+    seqEnd(&p->seq);
+  }
+  seqEnd(&b->seq);
+  HeapRef old{};
+  if (layout_.variable) {
+    old = unpackRef(*reinterpret_cast<const uint64_t*>(slotData(link - 1)));
+  }
+  seqBegin(&s->seq);
+  storeRelaxed(&s->flags, 0);
+  seqEnd(&s->seq);
+  if (layout_.variable) {
+    freeBlock(old);
+  }
+  freeSlots_.push_back(link - 1);
+  storeRelaxed(&header()->rowCount, header()->rowCount - 1);
+  appendLog(kLogDelete, keyBuf);
+  changed();
+  return true;
+}
+
+// ---------------------------------------------------------------------------------------
+// The record heap: chunks of one size class each, carved into blocks. A chunk whose blocks
+// are all free goes back to the pool of chunks (and its memory back to the system).
+
+void TableEngine::initHeapClasses() {
+  classSize_.clear();
+  uint32_t maxLen = static_cast<uint32_t>(roundUp8(header()->rowSize));
+  for (uint32_t size = 16;; ) {
+    classSize_.push_back(std::min(size, chunkSize_));
+    if (size >= maxLen) {
+      break;
+    }
+    size += size < 256 ? 8 : size < 1024 ? 32 : size < 4096 ? 128 : 1024;
+  }
+  classOf8_.assign(maxLen / 8 + 1, 0);
+  uint8_t cls = 0;
+  for (uint32_t units = 0; units <= maxLen / 8; ++units) {
+    while (classSize_[cls] < units * 8) {
+      ++cls;
+    }
+    classOf8_[units] = cls;
+  }
+  partialChunks_.assign(classSize_.size(), {});
+}
+
+uint32_t TableEngine::allocBlock(uint32_t len) {
+  uint8_t cls = classOf8_[(len + 7) / 8];
+  uint32_t size = classSize_[cls];
+  auto& partial = partialChunks_[cls];
+  while (!partial.empty()) {
+    uint32_t c = partial.back();
+    Chunk& chunk = chunks_[c];
+    if (chunkClass_[c] == cls + 1 && !chunk.freeBlocks.empty()) {
+      uint32_t block = chunk.freeBlocks.back();
+      chunk.freeBlocks.pop_back();
+      ++chunk.live;
+      if (chunk.freeBlocks.empty()) {
+        partial.pop_back();
+      }
+      return c * chunkSize_ + block * size;
+    }
+    partial.pop_back();  // full, or freed and reused for another class since
+  }
+  uint32_t c;
+  if (!freeChunks_.empty()) {
+    c = freeChunks_.back();
+    freeChunks_.pop_back();
+  } else if (chunkHighWater_ < chunkCount_) {
+    c = chunkHighWater_++;
+  } else {
+    throw TableFullException(fmt::format("{} is full: its record heap of {} bytes is used up",
+                                         where_, heapBytes_));
+  }
+  chunkClass_[c] = cls + 1;
+  Chunk& chunk = chunks_[c];
+  uint32_t blocks = chunkSize_ / size;
+  chunk.freeBlocks.clear();
+  for (uint32_t i = blocks; i-- > 1;) {
+    chunk.freeBlocks.push_back(static_cast<uint16_t>(i));
+  }
+  chunk.live = 1;
+  if (!chunk.freeBlocks.empty()) {
+    partial.push_back(c);
+  }
+  return c * chunkSize_;
+}
+
+void TableEngine::freeBlock(HeapRef ref) {
+  uint32_t c = ref.offset / chunkSize_;
+  uint8_t cls = chunkClass_[c] - 1;
+  Chunk& chunk = chunks_[c];
+  if (--chunk.live == 0) {
+    chunkClass_[c] = 0;
+    chunk.freeBlocks = {};
+    freeChunks_.push_back(c);
+    // Give the chunk's pages back; a reader still copying from it reads zeros, and its
+    // seqlock check throws that copy away.
+    ::fallocate(segment_.fd(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                static_cast<off_t>(header()->heapOffset + uint64_t{c} * chunkSize_), chunkSize_);
+    return;
+  }
+  bool wasFull = chunk.freeBlocks.empty();
+  chunk.freeBlocks.push_back(static_cast<uint16_t>((ref.offset % chunkSize_) / classSize_[cls]));
+  if (wasFull) {
+    partialChunks_[cls].push_back(c);
+  }
+}
+
+// Rebuilds the writer's private state from the segment, repairing what a writer that died
+// left behind: seqlock counters left odd, a row rewritten in place half-way, slots filled
+// but never linked, records no slot refers to. Rows it has to drop are logged as deleted,
+// so that readers hear of them.
+void TableEngine::rebuildWriterState() {
+  TableHeader* h = header();
+  if (layout_.variable) {
+    initHeapClasses();
+  }
+  uint32_t highWater = std::min(h->slotHighWater, capacity_);
+  storeRelease(&h->slotHighWater, highWater);
+  std::vector<uint8_t> linked(highWater, 0);
+  std::vector<std::vector<uint64_t>> usedBlocks(layout_.variable ? chunkCount_ : 0);
+  alignas(8) uint8_t key[kMaxKeySize];
+  uint32_t rows = 0;
+  std::vector<std::pair<uint32_t, std::vector<uint8_t>>> dropped;  // op, key
+
+  for (uint32_t bi = 0; bi <= bucketMask_; ++bi) {
+    Bucket* b = &buckets_[bi];
+    if (b->seq & 1) {
+      seqEnd(&b->seq);
+    }
+    uint32_t prev = kNoSlot;
+    uint32_t link = b->head;
+    while (link != kNoSlot) {
+      uint32_t index = link - 1;
+      auto cut = [&] {
+        seqBegin(&b->seq);
+        if (prev == kNoSlot) {
+          storeRelaxed(&b->head, kNoSlot);
+        } else {
+          storeRelaxed(&slot(prev - 1)->next, kNoSlot);
+        }
+        seqEnd(&b->seq);
+      };
+      if (index >= highWater || linked[index]) {
+        cut();  // out of range, or a loop: the rest of the chain cannot be trusted
+        break;
+      }
+      SlotHeader* s = slot(index);
+      uint8_t* data = slotData(index);
+      bool torn = s->seq & 1;
+      if (torn) {
+        seqEnd(&s->seq);
+      }
+      bool keep = (s->flags & kSlotLive) && (s->hash & bucketMask_) == bi;
+      bool keyKnown = false;
+      if (layout_.variable) {
+        std::memcpy(key, data + sizeof(HeapRef), layout_.keySize);
+        keyKnown = true;
+        HeapRef ref = unpackRef(*reinterpret_cast<const uint64_t*>(data));
+        uint32_t c = ref.offset / chunkSize_;
+        bool refOk = ref.length > 0 && ref.length <= bufferSize_ && (ref.offset & 7) == 0 &&
+                     uint64_t{ref.offset} + ref.length <= heapBytes_ && chunkClass_[c] != 0 &&
+                     chunkClass_[c] <= classSize_.size() &&
+                     classSize_[chunkClass_[c] - 1] >= ref.length &&
+                     (ref.offset % chunkSize_) % classSize_[chunkClass_[c] - 1] == 0;
+        if (keep && refOk) {
+          uint32_t block = (ref.offset % chunkSize_) / classSize_[chunkClass_[c] - 1];
+          auto& bits = usedBlocks[c];
+          bits.resize(chunkSize_ / 16 / 64 + 1, 0);
+          if (bits[block / 64] & (uint64_t{1} << (block % 64))) {
+            refOk = false;  // two slots share one record
+          } else {
+            bits[block / 64] |= uint64_t{1} << (block % 64);
+          }
+        }
+        keep = keep && refOk;
+      } else {
+        // A fixed row rewritten half-way may be torn: drop it. Its key is intact: an update
+        // in place writes the same key bytes again.
+        keyKnown = s->flags & kSlotLive;
+        layout_.keyOfRow(data, key);
+        keep = keep && !torn;
+      }
+      uint32_t next = s->next;
+      if (!keep) {
+        seqBegin(&b->seq);
+        if (prev == kNoSlot) {
+          storeRelaxed(&b->head, next);
+        } else {
+          storeRelaxed(&slot(prev - 1)->next, next);
+        }
+        seqEnd(&b->seq);
+        if (keyKnown) {
+          dropped.emplace_back(kLogDelete, std::vector<uint8_t>(key, key + layout_.keySize));
+        }
+        link = next;
+        continue;
+      }
+      linked[index] = 1;
+      ++rows;
+      prev = link;
+      link = next;
+    }
+  }
+  freeSlots_.clear();
+  for (uint32_t index = highWater; index-- > 0;) {
+    if (linked[index]) {
+      continue;
+    }
+    SlotHeader* s = slot(index);
+    if (s->flags != 0 || (s->seq & 1)) {
+      if (s->seq & 1) {
+        seqEnd(&s->seq);
+      }
+      seqBegin(&s->seq);
+      storeRelaxed(&s->flags, 0);
+      seqEnd(&s->seq);
+    }
+    freeSlots_.push_back(index);
+  }
+  storeRelaxed(&h->rowCount, rows);
+
+  if (layout_.variable) {
+    chunks_.assign(chunkCount_, Chunk{});
+    freeChunks_.clear();
+    chunkHighWater_ = 0;
+    for (uint32_t c = 0; c < chunkCount_; ++c) {
+      if (chunkClass_[c] != 0) {
+        chunkHighWater_ = c + 1;
+      }
+    }
+    for (uint32_t c = chunkHighWater_; c-- > 0;) {
+      uint8_t cls1 = chunkClass_[c];
+      const auto& bits = usedBlocks[c];
+      if (cls1 == 0 || cls1 > classSize_.size() || bits.empty()) {
+        chunkClass_[c] = 0;
+        freeChunks_.push_back(c);
+        continue;
+      }
+      uint32_t blocks = chunkSize_ / classSize_[cls1 - 1];
+      Chunk& chunk = chunks_[c];
+      for (uint32_t block = blocks; block-- > 0;) {
+        if (bits[block / 64] & (uint64_t{1} << (block % 64))) {
+          ++chunk.live;
+        } else {
+          chunk.freeBlocks.push_back(static_cast<uint16_t>(block));
+        }
+      }
+      if (!chunk.freeBlocks.empty()) {
+        partialChunks_[cls1 - 1].push_back(c);
+      }
+    }
+  }
+  for (const auto& [op, k] : dropped) {
+    appendLog(op, k.data());
+  }
+  if (!dropped.empty()) {
+    changed();
+  }
+}
+
+}  // namespace Pond::internal

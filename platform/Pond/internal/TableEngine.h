@@ -1,0 +1,188 @@
+// The engine of every Pond table: one writer process, any number of reader processes, a
+// hash table in one shared-memory segment. Internal to platform/Pond; the typed face is
+// Pond::PondMap (Pond/PondMap.h). The engine works on key and row bytes; the typed face
+// supplies the key equality and the conversions.
+//
+// Who may do what:
+//   - exactly one process (the writer) calls upsert, erase and clear; it maps the segment
+//     read-write;
+//   - readers map the segment read-only and call find, next and readLog; they never take
+//     a lock and never make the writer wait;
+//   - the writer's own reads use the reader paths.
+// What a reader may observe: every row it returns was committed by the writer as a whole
+// (per-slot seqlocks; rows are copied out, then checked). A lookup that races with the
+// writer sees the row before or after the change. A reader that finds the structure
+// inconsistent (an index out of bounds, a chain that loops, a record that does not fit)
+// throws Pond::CorruptionError, never reads out of bounds.
+//
+// The writer's allocator state (free slots, free heap blocks) lives in the writer's own
+// memory and is rebuilt from the segment whenever a writer attaches: a writer killed at any
+// instant leaves a readable table, and the next one repairs what the dead one left
+// half-written.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Pond/IterHint.h"
+#include "Pond/internal/Layout.h"
+#include "Pond/internal/Segment.h"
+
+namespace Pond {
+
+// How big a table is. Fixed by the writer that creates the table.
+struct TableSizing {
+  uint32_t capacity = 1024;   // rows
+  uint32_t logEntries = 0;    // change log entries (a power of two); 0: the default
+  uint64_t heapBytes = 0;     // variable rows: bytes of record heap; 0: from capacity
+  uint32_t maxRecordLen = 0;  // variable rows: the largest record; 0: the row type's own
+};
+
+namespace internal {
+
+// What a table's group provides to it.
+class GroupLink {
+ public:
+  virtual const std::string& groupName() const = 0;
+  virtual const SegmentOptions& segmentOptions() const = 0;
+  // Writer: a change was logged (the group decides when readers are woken).
+  virtual void noteChange() = 0;
+  // Whether the group's writer process is alive.
+  virtual bool writerAlive() const = 0;
+
+ protected:
+  ~GroupLink() = default;
+};
+
+// The shape of a table's rows, from the typed face.
+struct RowLayout {
+  std::string typeName;   // "Mpls::RouteKey -> Mpls::LfibRoute", for messages
+  uint64_t fingerprint;   // of the key and row types and their sizes
+  uint32_t keySize;
+  uint32_t rowSize;       // fixed rows: sizeof the row; variable rows: the largest record
+  bool variable;
+  bool (*keyEqual)(const void* a, const void* b);
+  void (*keyOfRow)(const void* row, void* keyOut);  // fixed rows only
+};
+
+class TableEngine {
+ public:
+  // Creates the table, or attaches to the one a previous writer left (repairing it).
+  // Throws Pond::SegmentError when an existing table has another layout.
+  static std::unique_ptr<TableEngine> attachWriter(GroupLink& group, const std::string& table,
+                                                   const RowLayout& layout,
+                                                   const TableSizing& sizing);
+  // Opens the table for reading; null when it does not exist (yet). Throws
+  // Pond::SegmentError when it exists but cannot be trusted.
+  static std::unique_ptr<TableEngine> openReader(GroupLink& group, const std::string& table,
+                                                 const RowLayout& layout);
+  ~TableEngine();
+
+  const std::string& tableName() const noexcept { return table_; }
+  bool writer() const noexcept { return writer_; }
+  uint32_t capacity() const noexcept { return capacity_; }
+  // Bytes a caller's buffer needs for one row or record.
+  uint32_t bufferSize() const noexcept { return bufferSize_; }
+  uint32_t rowCount() const noexcept;
+  uint64_t version() const noexcept;
+  ino_t inode() const noexcept { return segment_.inode(); }
+  // Segment bytes resident in memory (pages touched), from mincore.
+  uint64_t residentBytes() const;
+
+  // Copies the row (fixed rows: rowSize bytes) or record of `key` into `out` (bufferSize()
+  // bytes) and returns true; false when absent. `recordLen` receives the record's length.
+  bool find(const void* key, uint32_t hash, uint8_t* out, uint32_t* recordLen) const;
+  // Copies the next row at or after hint.slot, moves the hint past it and returns true;
+  // false at the end. `keyOut` (variable rows) receives its key.
+  bool next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const;
+
+  // Writer only. `row` has rowSize bytes (fixed rows) or `len` bytes (variable rows, at
+  // most rowSize). Throws Pond::TableFullException when the table (or its record heap) is
+  // full; nothing is changed then.
+  void upsert(const void* key, uint32_t hash, const uint8_t* row, uint32_t len);
+  bool erase(const void* key, uint32_t hash);
+
+  enum class LogRead { entry, overrun };
+  uint64_t logHead() const noexcept;
+  uint32_t logEntries() const noexcept { return logEntries_; }
+  // Reads entry `seq` (below logHead()): its op (kLogSet, kLogDelete) and key. `overrun`
+  // when the entry has been overwritten since.
+  LogRead readLog(uint64_t seq, void* keyOut, uint32_t* op) const;
+
+ private:
+  struct Geometry;
+  TableEngine(GroupLink& group, std::string table, const RowLayout& layout, Segment segment,
+              bool writer);
+  static Geometry geometry(const RowLayout& layout, const TableSizing& sizing,
+                           const std::string& where);
+  void bind();
+  void validate(const RowLayout& layout) const;
+  void rebuildWriterState();
+  void initHeapClasses();
+
+  TableHeader* header() const noexcept { return reinterpret_cast<TableHeader*>(segment_.base()); }
+  Bucket* bucket(uint32_t hash) const noexcept { return buckets_ + (hash & bucketMask_); }
+  SlotHeader* slot(uint32_t index) const noexcept {
+    return reinterpret_cast<SlotHeader*>(slots_ + uint64_t{index} * slotSize_);
+  }
+  uint8_t* slotData(uint32_t index) const noexcept {
+    return slots_ + uint64_t{index} * slotSize_ + sizeof(SlotHeader);
+  }
+
+  uint32_t waitEven(const uint32_t* seq, const char* what, uint32_t index) const;
+  [[noreturn]] void corrupt(const std::string& what) const;
+  void checkRecord(HeapRef ref, uint32_t index) const;
+
+  // Writer helpers.
+  uint32_t findSlot(const void* key, uint32_t hash, uint32_t* prev) const;
+  uint32_t allocSlot();
+  uint32_t allocBlock(uint32_t len);
+  void freeBlock(HeapRef ref);
+  void appendLog(uint32_t op, const void* key);
+  void changed();
+
+  GroupLink& group_;
+  std::string table_;
+  std::string where_;  // "table 'route' of mount group 'lfib'", for messages
+  RowLayout layout_;
+  Segment segment_;
+  bool writer_;
+
+  // Cached from the validated header.
+  uint32_t capacity_ = 0;
+  uint32_t bucketMask_ = 0;
+  uint32_t slotSize_ = 0;
+  uint32_t keyBytes_ = 0;   // key size rounded up to 8
+  uint32_t rowBytes_ = 0;   // fixed: row size rounded up to 8
+  uint32_t bufferSize_ = 0;
+  uint32_t logEntries_ = 0;
+  uint32_t logEntrySize_ = 0;
+  uint32_t chunkSize_ = 0;
+  uint32_t chunkCount_ = 0;
+  uint64_t heapBytes_ = 0;
+  Bucket* buckets_ = nullptr;
+  uint8_t* slots_ = nullptr;
+  uint8_t* log_ = nullptr;
+  uint8_t* chunkClass_ = nullptr;
+  uint8_t* heap_ = nullptr;
+
+  // The writer's private state.
+  std::vector<uint32_t> freeSlots_;  // slot indexes, most recently freed last
+  std::vector<uint32_t> classSize_;  // record size classes, ascending
+  std::vector<uint8_t> classOf8_;    // (len + 7) / 8 -> class
+  struct Chunk {
+    uint32_t live = 0;
+    std::vector<uint16_t> freeBlocks;
+  };
+  std::vector<Chunk> chunks_;
+  std::vector<std::vector<uint32_t>> partialChunks_;  // per class: chunks with free blocks
+  std::vector<uint32_t> freeChunks_;
+  uint32_t chunkHighWater_ = 0;
+};
+
+}  // namespace internal
+}  // namespace Pond

@@ -1,0 +1,276 @@
+// One process, two roles: a writer group and a reader group on the same segments (each
+// with a mapping of its own, the reader's read-only), as a forwarding agent and a protocol
+// agent would have them.
+#include "Pond/PondMap.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+
+#include "PondTestTypes.h"
+
+namespace {
+
+using namespace PondTest;
+using Pond::IterHint;
+using Pond::MountGroup;
+using Pond::PondMap;
+using Pond::TableSizing;
+
+TableSizing sized(uint32_t capacity, uint32_t log = 0) {
+  TableSizing s;
+  s.capacity = capacity;
+  s.logEntries = log;
+  return s;
+}
+
+TEST(PondMap, WriterAndReaderAgree) {
+  ScopedGroupName g("agree");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(64));
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  EXPECT_TRUE(reader->ready());
+  EXPECT_EQ(r.lookup(Key(1)), Row());  // absent: the default row
+
+  for (uint32_t i = 0; i < 64; ++i) {
+    w.upsert(Row::of(i, i));
+  }
+  EXPECT_THROW(w.upsert(Row::of(64, 0)), Pond::TableFullException);
+  w.upsert(Row::of(3, 1000));  // replacing needs no room
+  EXPECT_EQ(r.size(), 64u);
+  EXPECT_EQ(r.lookup(Key(3)), Row::of(3, 1000));
+  EXPECT_TRUE(w.erase(Key(5)));
+  EXPECT_FALSE(w.erase(Key(5)));
+  EXPECT_FALSE(r.find(Key(5), *std::make_unique<Row>()));
+  w.upsert(Row::of(64, 64));  // reuses the freed slot
+  EXPECT_EQ(r.lookup(Key(64)), Row::of(64, 64));
+
+  std::set<uint32_t> seen;
+  r.forEach([&](const Row& row) {
+    EXPECT_TRUE(row.consistent());
+    seen.insert(row.key().id());
+  });
+  EXPECT_EQ(seen.size(), 64u);
+  EXPECT_FALSE(seen.contains(5));
+  EXPECT_THROW(r.upsert(Row::of(1, 1)), Pond::NotWriterError);
+  EXPECT_THROW(r.erase(Key(1)), Pond::NotWriterError);
+  w.clear();
+  EXPECT_EQ(r.size(), 0u);
+}
+
+TEST(PondMap, VariableRowsTakeAboutTheirLength) {
+  ScopedGroupName g("var");
+  auto writer = MountGroup::writer(*g);
+  TableSizing s = sized(1000);
+  s.heapBytes = 64 * 4096;
+  PondMap<Key, VarRow> w(writer, "var", s);
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, VarRow> r(reader, "var");
+  for (uint32_t i = 0; i < 200; ++i) {
+    w.upsert(VarRow::of(i, i * 10, i % 101));
+  }
+  for (uint32_t round = 0; round < 5; ++round) {  // rewrite every row with other sizes
+    for (uint32_t i = 0; i < 200; ++i) {
+      w.upsert(VarRow::of(i, i + round, (i + round * 37) % 101));
+    }
+  }
+  for (uint32_t i = 0; i < 200; ++i) {
+    VarRow row = r.lookup(Key(i));
+    EXPECT_EQ(row, VarRow::of(i, i + 4, (i + 4 * 37) % 101)) << i;
+  }
+  // A record above the table's largest is the size error, and changes nothing.
+  VarRow big = VarRow::of(1, 0, 101);
+  try {
+    w.upsert(big);
+    ADD_FAILURE() << "a 412-byte record was stored";
+  } catch (const Kel::SizeError& e) {
+    EXPECT_TRUE(std::string(e.what()).starts_with("expected size <= 408, instead got 412. "
+                                                  "Buffer is at address: "))
+        << e.what();
+  }
+  EXPECT_EQ(r.lookup(Key(1)).words().size(), (1u + 4 * 37) % 101);
+  // Erasing everything gives every chunk back: the whole heap takes 408-byte records now
+  // (nine to a chunk, in 416-byte blocks).
+  w.clear();
+  uint32_t stored = 0;
+  try {
+    for (; stored < 1000; ++stored) {
+      w.upsert(VarRow::of(stored, stored, 100));
+    }
+  } catch (const Pond::TableFullException& e) {
+    EXPECT_NE(std::string(e.what()).find("record heap"), std::string::npos) << e.what();
+  }
+  EXPECT_EQ(stored, 64u * 9);
+  EXPECT_EQ(r.size(), stored);
+}
+
+TEST(PondMap, IterationResumesFromItsHint) {
+  ScopedGroupName g("iter");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(100));
+  for (uint32_t i = 0; i < 100; ++i) {
+    w.upsert(Row::of(i, i));
+  }
+  IterHint hint;
+  std::set<uint32_t> seen;
+  EXPECT_FALSE(w.forEach(hint, [&](const Row& row) { seen.insert(row.key().id()); }, 30));
+  EXPECT_EQ(seen.size(), 30u);
+  EXPECT_EQ(hint.slot, 30u);
+  EXPECT_EQ(hint.stringValue(), fmt::format("IterHint{{ version 100, slot 30, bucket {} }}",
+                                            hint.bucket));
+  // Changes between the steps: rows present throughout are still all visited.
+  w.erase(Key(50));
+  w.upsert(Row::of(7, 7000));
+  EXPECT_TRUE(w.forEach(hint, [&](const Row& row) { seen.insert(row.key().id()); }));
+  EXPECT_EQ(seen.size(), 99u);
+  EXPECT_EQ(hint.version, 102u);
+}
+
+TEST(PondMap, ReaderIsNotifiedOfEveryChangedKey) {
+  ScopedGroupName g("notify");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(64, 16));
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  std::multiset<uint32_t> changed;
+  r.changeHandlerIs([&](const Key& k) { changed.insert(k.id()); });
+
+  w.upsert(Row::of(1, 1));
+  w.upsert(Row::of(2, 2));
+  w.upsert(Row::of(1, 3));
+  w.erase(Key(2));
+  EXPECT_EQ(reader->processChanges(), 4u);
+  EXPECT_EQ(changed, (std::multiset<uint32_t>{1, 1, 2, 2}));
+  EXPECT_EQ(reader->processChanges(), 0u);
+
+  // Falling behind a 16-entry log: every row present and every row gone, once each.
+  changed.clear();
+  w.upsert(Row::of(9, 9));
+  reader->processChanges();
+  changed.clear();
+  for (uint32_t i = 10; i < 40; ++i) {
+    w.upsert(Row::of(i, i));
+  }
+  w.erase(Key(9));
+  w.erase(Key(1));
+  reader->processChanges();
+  std::multiset<uint32_t> expected;
+  for (uint32_t i = 10; i < 40; ++i) {
+    expected.insert(i);
+  }
+  expected.insert(9);
+  expected.insert(1);
+  EXPECT_EQ(changed, expected);
+}
+
+TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
+  ScopedGroupName g("restart");
+  auto writer = MountGroup::writer(*g);
+  auto w = std::make_unique<PondMap<Key, Row>>(writer, "rows", sized(32));
+  w->upsert(Row::of(1, 1));
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  std::multiset<uint32_t> changed;
+  r.changeHandlerIs([&](const Key& k) { changed.insert(k.id()); });
+  reader->processChanges();
+  uint64_t first = reader->writerIncarnation();
+  EXPECT_TRUE(reader->writerAlive());
+  EXPECT_THROW(MountGroup::writer(*g), Pond::WriterExistsError);
+
+  w.reset();
+  writer = nullptr;
+  EXPECT_FALSE(reader->writerAlive());
+  writer = MountGroup::writer(*g);
+  w = std::make_unique<PondMap<Key, Row>>(writer, "rows", sized(32));
+  EXPECT_EQ(w->lookup(Key(1)), Row::of(1, 1));
+  EXPECT_EQ(w->size(), 1u);
+  w->upsert(Row::of(2, 2));
+  changed.clear();
+  reader->processChanges();
+  EXPECT_EQ(reader->writerIncarnation(), first + 1);
+  EXPECT_EQ(changed, (std::multiset<uint32_t>{1, 2}));  // a new writer: a full resync
+  // A writer that asks for other sizes is refused: the table would not be the same.
+  w.reset();
+  writer = nullptr;
+  writer = MountGroup::writer(*g);
+  EXPECT_THROW((PondMap<Key, Row>(writer, "rows", sized(64))), Pond::SegmentError);
+}
+
+TEST(PondMap, ReaderWaitsForTheWriterToAppear) {
+  ScopedGroupName g("appear");
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  EXPECT_FALSE(reader->ready());
+  EXPECT_EQ(r.lookup(Key(1)), Row());
+  EXPECT_FALSE(reader->waitForChange(std::chrono::milliseconds(1)));
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(8));
+  w.upsert(Row::of(1, 1));
+  writer->publish();
+  EXPECT_TRUE(reader->waitForChange(std::chrono::milliseconds(1000)));
+  reader->processChanges();
+  EXPECT_TRUE(reader->ready());
+  EXPECT_EQ(r.lookup(Key(1)), Row::of(1, 1));
+}
+
+// Every way a segment can be untrustworthy is refused with a message that says what is
+// wrong, never a crash.
+TEST(PondMap, BadSegmentsAreRefused) {
+  ScopedGroupName g("bad");
+  auto writer = MountGroup::writer(*g);
+  { PondMap<Key, Row> w(writer, "rows", sized(16)); }
+  std::string path = Pond::internal::Segment::pathOf(Pond::internal::Segment::tableShmName(*g, "rows"));
+  auto readerError = [&]() -> std::string {
+    auto reader = MountGroup::reader(*g);
+    try {
+      PondMap<Key, Row> r(reader, "rows");
+      return "accepted";
+    } catch (const Pond::SegmentError& e) {
+      return e.what();
+    }
+  };
+  auto patch = [&](off_t offset, uint64_t value) {
+    int fd = ::open(path.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::pwrite(fd, &value, sizeof(value), offset), 8);
+    ::close(fd);
+  };
+  auto contains = [](const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+  };
+  EXPECT_EQ(readerError(), "accepted");
+  // A reader of another row type.
+  {
+    auto reader = MountGroup::reader(*g);
+    EXPECT_THROW((PondMap<Key, VarRow>(reader, "rows")), Pond::SegmentError);
+  }
+  struct stat st {};
+  ::stat(path.c_str(), &st);
+  ASSERT_EQ(::truncate(path.c_str(), st.st_size / 2), 0);
+  EXPECT_TRUE(contains(readerError(), "truncated")) << readerError();
+  ASSERT_EQ(::truncate(path.c_str(), st.st_size), 0);
+  patch(offsetof(Pond::internal::TableHeader, capacity), 0xFFFFFFFFull << 32 | 16);
+  EXPECT_TRUE(contains(readerError(), "sizes")) << readerError();
+  patch(offsetof(Pond::internal::TableHeader, capacity), 16 | (16ull << 32));
+  patch(offsetof(Pond::internal::TableHeader, layoutVersion), 2 | (320ull << 32));
+  EXPECT_TRUE(contains(readerError(), "layout version 2")) << readerError();
+  patch(0, 0x1234);
+  EXPECT_TRUE(contains(readerError(), "not a Pond table")) << readerError();
+  ASSERT_EQ(::truncate(path.c_str(), 10), 0);
+  EXPECT_TRUE(contains(readerError(), "truncated")) << readerError();
+
+  EXPECT_THROW(MountGroup::reader("a/b"), Pond::SegmentError);
+  EXPECT_THROW(MountGroup::writer(".."), Pond::SegmentError);
+  EXPECT_THROW((PondMap<Key, Row>(writer, "rows.x", sized(4))), Pond::SegmentError);
+  ::stat(Pond::internal::Segment::pathOf(Pond::internal::Segment::groupShmName(*g)).c_str(), &st);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+}  // namespace

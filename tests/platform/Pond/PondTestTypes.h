@@ -1,0 +1,97 @@
+// Row types of the Pond tests: a fixed row stored as it is, and a variable row stored in
+// its binary form.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Kel/Binary.h"
+#include "Kel/Value.h"
+#include "Pond/MountGroup.h"
+
+namespace PondTest {
+
+class Key {
+  KEL_VALUE(Key, "PondTest::Key", (uint32_t, id));
+};
+
+// A fixed row whose words all derive from one number, so that a torn row shows.
+class Row {
+  KEL_VALUE(Row, "PondTest::Row", (Key, key), (uint64_t, a), (uint64_t, b), (uint64_t, c),
+            (uint64_t, d));
+
+ public:
+  static Row of(uint32_t id, uint64_t n) {
+    return Row(Key(id), n, n * 3 + 1, n ^ 0x5555555555555555ull, ~n);
+  }
+  bool consistent() const { return b_ == a_ * 3 + 1 && c_ == (a_ ^ 0x5555555555555555ull) && d_ == ~a_; }
+};
+
+// A variable row: its key and 0 to 100 words, each derived from the first.
+class VarRow {
+  using Words = std::vector<uint32_t>;
+  KEL_VALUE(VarRow, "PondTest::VarRow", (Key, key), (Words, words));
+
+ public:
+  static constexpr uint32_t kMaxLen = 8 + 4 * 100;
+  static VarRow of(uint32_t id, uint32_t n, uint32_t count) {
+    Words w;
+    for (uint32_t i = 0; i < count; ++i) {
+      w.push_back(n + i * 7);
+    }
+    return VarRow(Key(id), w);
+  }
+  bool consistent() const {
+    for (size_t i = 1; i < words_.size(); ++i) {
+      if (words_[i] != words_[0] + i * 7) {
+        return false;
+      }
+    }
+    return true;
+  }
+  uint32_t serializeLen() const { return static_cast<uint32_t>(8 + 4 * words_.size()); }
+  void serialize(uint8_t* out) const {
+    Kel::ByteWriter w(out);
+    w.put(key_.id());
+    w.put(static_cast<uint32_t>(words_.size()));
+    for (uint32_t x : words_) {
+      w.put(x);
+    }
+  }
+  static uint32_t deserializeLen(const uint8_t* in, size_t len) {
+    Kel::ByteReader r(in, len);
+    r.get<uint32_t>();
+    uint32_t need = 8 + 4 * r.get<uint32_t>();
+    Kel::requireLength(in, len, need);
+    return need;
+  }
+  uint32_t deserialize(const uint8_t* in, size_t len) {
+    uint32_t need = deserializeLen(in, len);
+    Kel::ByteReader r(in, need);
+    key_ = Key(r.get<uint32_t>());
+    words_.resize(r.get<uint32_t>());
+    for (uint32_t& x : words_) {
+      x = r.get<uint32_t>();
+    }
+    return need;
+  }
+};
+
+// A mount group name of its own for each test, removed at the end.
+class ScopedGroupName {
+ public:
+  explicit ScopedGroupName(const std::string& test)
+      : name_("t" + std::to_string(::getpid()) + "-" + test) {
+    Pond::MountGroup::removeSegments(name_);
+  }
+  ~ScopedGroupName() { Pond::MountGroup::removeSegments(name_); }
+  const std::string& operator*() const { return name_; }
+
+ private:
+  std::string name_;
+};
+
+}  // namespace PondTest
