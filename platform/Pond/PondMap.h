@@ -196,8 +196,14 @@ class PondMap : private internal::TableBase {
     }
     tracking_ = static_cast<bool>(changeHandler_);
   }
-  // Reader: called when the table is opened, or opened again after its group was replaced.
-  void mountHandlerIs(std::function<void()> handler) { mountHandler_ = std::move(handler); }
+  // Reader: called when the table is opened, or opened again after its group was replaced;
+  // called at once when it is open already.
+  void mountHandlerIs(std::function<void()> handler) {
+    mountHandler_ = std::move(handler);
+    if (mountHandler_ && engine_) {
+      mountHandler_();
+    }
+  }
   void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
     corruptionHandler_ = std::move(handler);
   }

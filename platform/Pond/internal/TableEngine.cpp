@@ -316,7 +316,7 @@ uint32_t TableEngine::waitEven(const uint32_t* seq, const char* what, uint32_t i
       continue;
     }
     ::sched_yield();
-    if ((spins & 0xfff) == 0 && !group_.writerAlive()) {
+    if ((spins == 256 || (spins & 0xfff) == 0) && !group_.writerAlive()) {
       corrupt(fmt::format("{} {} was left half-written by a writer that died", what, index));
     }
   }
