@@ -136,6 +136,7 @@ MountGroup::Ptr MountGroup::reader(std::string_view name) {
 }
 
 MountGroup::~MountGroup() {
+  loopIs(nullptr);
   stopWaiter();
   if (role_ == Role::writer && segment_.base()) {
     // A clean exit: no writer is attached any more.
@@ -395,6 +396,28 @@ int MountGroup::changeFd() {
     }
   });
   return changeFd_;
+}
+
+void MountGroup::loopIs(Kel::EventLoop* loop) {
+  if (loop_ == loop) {
+    return;
+  }
+  if (loop_) {
+    if (role_ == Role::writer) {
+      loop_->afterIterationHookDel(publishHook_);
+    } else if (changeFd_ >= 0) {
+      loop_->fdDel(changeFd_);
+    }
+  }
+  loop_ = loop;
+  if (!loop_) {
+    return;
+  }
+  if (role_ == Role::writer) {
+    publishHook_ = loop_->afterIterationHookIs([this] { publish(); });
+  } else {
+    loop_->fdIs(changeFd(), EPOLLIN, [this](uint32_t) { processChanges(); });
+  }
 }
 
 void MountGroup::stopWaiter() {

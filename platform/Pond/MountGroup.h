@@ -35,6 +35,7 @@
 
 #include "Kel/Collection.h"
 #include "Kel/Entity.h"
+#include "Kel/EventLoop.h"
 #include "Pond/Exception.h"
 #include "Pond/internal/Segment.h"
 #include "Pond/internal/TableEngine.h"
@@ -116,6 +117,10 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   // Reader: an fd that polls readable when processChanges() has something to do. Reading
   // it is processChanges()'s business.
   int changeFd();
+  // Lets `loop` drive the group: a writer publishes after every iteration of the loop, a
+  // reader processes its changes whenever changeFd() polls readable. Null detaches. The
+  // loop must outlive the group, or be detached first.
+  void loopIs(Kel::EventLoop* loop);
 
   // Tables register here (Pond::PondMap does it); a reader opens the table at once if it
   // can.
@@ -158,6 +163,8 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   std::thread waiter_;
   std::atomic<bool> stopWaiter_{false};
   std::atomic<const uint32_t*> waiterWord_{nullptr};
+  Kel::EventLoop* loop_ = nullptr;
+  Kel::EventLoop::HookId publishHook_ = Kel::EventLoop::HookId::none;
 };
 
 }  // namespace Pond
