@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <random>
 #include <set>
 
 #include "PondTestTypes.h"
@@ -301,6 +302,69 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
   });
   EXPECT_EQ(count, 3u);
   EXPECT_EQ(reports.size(), 2u);  // nothing left to report
+}
+
+// Invariant: whatever bytes the body of a segment holds (its header passing the checks), a
+// reader's lookups, iterations and change processing and a writer's repair stay within the
+// segment and end: they may only report corruption and treat rows as absent. (ASan checks
+// every access.)
+TEST(PondMap, ScribbledSegmentsNeverCrashReadersOrWriters) {
+  ScopedGroupName g("scribble");
+  std::mt19937 rng(11);
+  int totalReports = 0;
+  for (int round = 0; round < 60; ++round) {
+    Pond::MountGroup::removeSegments(*g);
+    {
+      auto writer = MountGroup::writer(*g);
+      PondMap<Key, Row> f(writer, "fixed", sized(64, 32));
+      TableSizing vs = sized(64, 32);
+      vs.heapBytes = 64 * 4096;
+      PondMap<Key, VarRow> v(writer, "var", vs);
+      for (uint32_t i = 0; i < 48; ++i) {
+        f.upsert(Row::of(i, i));
+        v.upsert(VarRow::of(i, i, i % 40));
+      }
+    }
+    for (const char* table : {"fixed", "var"}) {
+      auto raw = Pond::internal::Segment::open(Pond::internal::Segment::tableShmName(*g, table),
+                                               true, sizeof(Pond::internal::TableHeader));
+      ASSERT_TRUE(raw);
+      // Where rows live: buckets, slots, the log and the first heap chunks.
+      const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
+      uint64_t body = sizeof(Pond::internal::TableHeader);
+      uint64_t end = std::min<uint64_t>(raw->size(), h->heapOffset + 4 * 4096);
+      uint32_t scribbles = 1 + rng() % 64;
+      for (uint32_t i = 0; i < scribbles; ++i) {
+        raw->base()[body + rng() % (end - body)] = static_cast<uint8_t>(rng());
+      }
+    }
+    int reports = 0;
+    {
+      auto reader = MountGroup::reader(*g);
+      PondMap<Key, Row> f(reader, "fixed");
+      PondMap<Key, VarRow> v(reader, "var");
+      f.corruptionHandlerIs([&](const std::string&) { ++reports; });
+      v.corruptionHandlerIs([&](const std::string&) { ++reports; });
+      f.changeHandlerIs([](const Key&) {});
+      v.changeHandlerIs([](const Key&) {});
+      for (uint32_t i = 0; i < 64; ++i) {
+        f.lookup(Key(i));
+        v.lookup(Key(i));
+      }
+      reader->processChanges();
+      auto writer = MountGroup::writer(*g);  // repairs what it can
+      PondMap<Key, Row> wf(writer, "fixed", sized(64, 32));
+      TableSizing vs = sized(64, 32);
+      vs.heapBytes = 64 * 4096;
+      PondMap<Key, VarRow> wv(writer, "var", vs);
+      wf.upsert(Row::of(1, 100));
+      wv.upsert(VarRow::of(1, 100, 3));
+      reader->processChanges();
+      EXPECT_EQ(f.lookup(Key(1)), Row::of(1, 100));
+    }
+    totalReports += reports;
+  }
+  EXPECT_GT(totalReports, 10);  // the scribbles did meet the readers
 }
 
 // Every way a segment can be untrustworthy is refused with a message that says what is

@@ -64,7 +64,11 @@ class VarRow {
   static uint32_t deserializeLen(const uint8_t* in, size_t len) {
     Kel::ByteReader r(in, len);
     r.get<uint32_t>();
-    uint32_t need = 8 + 4 * r.get<uint32_t>();
+    uint32_t count = r.get<uint32_t>();
+    if (count > 100) {  // checked before any arithmetic on it
+      Kel::throwSizeExceeded(100, count, in, len);
+    }
+    uint32_t need = 8 + 4 * count;
     Kel::requireLength(in, len, need);
     return need;
   }
