@@ -1,6 +1,8 @@
 #include "Mpls/MplsLfib.h"
 
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -246,6 +248,167 @@ uint32_t LfibViaSet::deserialize(const uint8_t* in, size_t len) {
   *this = std::move(v);
   return need;
 }
+
+// ---------------------------------------------------------------------------------------
+// LfibStatus.
+
+// One check per via collection: its keys must carry its via type. Each is a function of
+// its own, so that its report names it and the constant it compares with.
+#define MPLS_VERIFY_VIA_TYPE(Name, constant)                                       \
+  void LfibStatus::verifyViaType##Name(const LfibViaKey& key) const {              \
+    KEL_ASSERT(key.viaType() == constant, "via key and via coll type mismatch");   \
+  }
+MPLS_VERIFY_VIA_TYPE(MplsIp, viaTypeMplsIp_)
+MPLS_VERIFY_VIA_TYPE(MplsPseudowire, viaTypeMplsPseudowire_)
+MPLS_VERIFY_VIA_TYPE(IpLookup, viaTypeIpLookup_)
+MPLS_VERIFY_VIA_TYPE(Vlan, viaTypeVlan_)
+MPLS_VERIFY_VIA_TYPE(EvpnVlanAware, viaTypeEvpnVlanAware_)
+MPLS_VERIFY_VIA_TYPE(EvpnEthernetSegment, viaTypeEvpnEthernetSegment_)
+MPLS_VERIFY_VIA_TYPE(EvpnVlanFlood, viaTypeEvpnVlanFlood_)
+MPLS_VERIFY_VIA_TYPE(EvpnVlanAwareFlood, viaTypeEvpnVlanAwareFlood_)
+MPLS_VERIFY_VIA_TYPE(ExternalFec, viaTypeExternalFec_)
+#undef MPLS_VERIFY_VIA_TYPE
+
+void LfibStatus::handleRoute(const RouteKey& key) const {
+  const LfibRoute route = lfibRoute(key);
+  if (route == LfibRoute() || !isEvpnViaType(route.viaSetKey().viaType())) {
+    return;
+  }
+  KEL_ASSERT(route.metric() == 0, "EVPN lfib routes must have metric set to 0");
+}
+
+void LfibStatus::handleViaSet(const LfibViaSetKey& key) const {
+  const LfibViaSet vs = viaSet(key);
+  if (vs == LfibViaSet()) {
+    return;
+  }
+  const LfibViaType viaType = vs.key().viaType();
+  for (const LfibViaKey& slot : vs.viaKey()) {
+    const LfibViaType viaKeyType = slot.viaType();
+    KEL_ASSERT(viaKeyType == viaType, "Vias in a viaSet must always be homogeneous");
+  }
+  if (isEvpnViaType(viaType)) {
+    KEL_ASSERT(vs.viaKeys() <= 1, "EVPN via sets must contain at most 1 via key");
+  }
+}
+
+void LfibStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibStatusSizing& sizing) {
+  if (group == mountGroup_) {
+    return;
+  }
+  mountGroup_ = std::move(group);
+  auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
+    return mountGroup_ ? KelPond::collectionControlFactory(mountGroup_, table, tableSizing)
+                       : nullptr;
+  };
+  lfibRouteControlIs(control("lfibRoute", sizing.lfibRoute));
+  viaSetControlIs(control("viaSet", sizing.viaSet));
+  mplsViaControlIs(control("mplsVia", sizing.mplsVia));
+  pwViaControlIs(control("pwVia", sizing.pwVia));
+  ipLookupViaControlIs(control("ipLookupVia", sizing.ipLookupVia));
+  vlanViaControlIs(control("vlanVia", sizing.vlanVia));
+  evpnVlanAwareViaControlIs(control("evpnVlanAwareVia", sizing.evpnVlanAwareVia));
+  evpnEthernetSegmentFilterViaControlIs(
+      control("evpnEthernetSegmentFilterVia", sizing.evpnEthernetSegmentFilterVia));
+  evpnVlanFloodViaControlIs(control("evpnVlanFloodVia", sizing.evpnVlanFloodVia));
+  evpnVlanAwareFloodViaControlIs(control("evpnVlanAwareFloodVia", sizing.evpnVlanAwareFloodVia));
+  extFecViaControlIs(control("extFecVia", sizing.extFecVia));
+  dot1qTagToVlanCompositeControlIs(
+      control("dot1qTagToVlanComposite", sizing.dot1qTagToVlanComposite));
+  kelNotify(&NotifieeConst::onMountGroup);
+}
+
+namespace {
+
+// The header of one collection of a dump; returns the indent of its elements.
+int dumpHeader(Kel::DumpContext& context, int indent, const char* format, size_t count) {
+  if (indent) {
+    context.printf(format, indent, ' ', static_cast<unsigned>(count));
+  } else {
+    context.printf(format + std::strlen("%*c"), static_cast<unsigned>(count));
+  }
+  return indent + 2;
+}
+
+// A collection's rows in key order: storage order differs between writer and readers.
+template <class T, class ForEach>
+void dumpRows(Kel::DumpContext& context, int indent, const char* format, ForEach&& forEach) {
+  std::vector<T> rows;
+  forEach([&](const T& row) { rows.push_back(row); });
+  std::sort(rows.begin(), rows.end(), [](const T& a, const T& b) { return a.key() < b.key(); });
+  int elementIndent = dumpHeader(context, indent, format, rows.size());
+  for (const T& row : rows) {
+    context.printf("%*c%s\n", elementIndent, ' ', row.pondString());
+  }
+}
+
+}  // namespace
+
+void LfibStatus::dumpState(Kel::DumpContext& context, int indent) const {
+  dumpRows<LfibRoute>(context, indent, "%*clfibRoutes #%u\n",
+                      [&](auto f) { lfibRouteForEach(f); });
+  dumpRows<LfibViaSet>(context, indent, "%*cviaSets #%u\n", [&](auto f) { viaSetForEach(f); });
+  dumpRows<LfibMplsVia>(context, indent, "%*cmplsVias #%u\n",
+                        [&](auto f) { mplsViaForEach(f); });
+  dumpRows<LfibExtFecVia>(context, indent, "%*cextFecVias #%u\n",
+                          [&](auto f) { extFecViaForEach(f); });
+  dumpRows<LfibPwVia>(context, indent, "%*cpwVias #%u\n", [&](auto f) { pwViaForEach(f); });
+  dumpRows<LfibIpLookupVia>(context, indent, "%*cipLookupVias #%u\n",
+                            [&](auto f) { ipLookupViaForEach(f); });
+  dumpRows<LfibVlanVia>(context, indent, "%*cvlanVias #%u\n",
+                        [&](auto f) { vlanViaForEach(f); });
+  dumpRows<LfibEvpnVlanAwareVia>(context, indent, "%*cevpnVlanAwareVias #%u\n",
+                                 [&](auto f) { evpnVlanAwareViaForEach(f); });
+  dumpRows<LfibEvpnEthernetSegmentFilterVia>(
+      context, indent, "%*cevpnEthernetSegmentFilterVias #%u\n",
+      [&](auto f) { evpnEthernetSegmentFilterViaForEach(f); });
+  dumpRows<LfibEvpnVlanFloodVia>(context, indent, "%*cevpnVlanFloodVias #%u\n",
+                                 [&](auto f) { evpnVlanFloodViaForEach(f); });
+  dumpRows<LfibEvpnVlanAwareFloodVia>(context, indent, "%*cevpnVlanAwareFloodVias #%u\n",
+                                      [&](auto f) { evpnVlanAwareFloodViaForEach(f); });
+
+  std::vector<std::pair<LfibDot1qTagToVlanKey, std::string>> maps;
+  for (const auto& [key, map] : dot1qTagToVlanColl_) {
+    std::vector<std::pair<Bridging::VlanId, Bridging::VlanIdOrNone>> tags(
+        map->dot1qTagToVlanIdIter().begin(), map->dot1qTagToVlanIdIter().end());
+    std::sort(tags.begin(), tags.end());
+    std::string line = fmt::format("[{}]", key);
+    for (const auto& [tag, vlan] : tags) {
+      line += fmt::format(" {}:{}", tag.value(), vlan.value());
+    }
+    maps.emplace_back(key, std::move(line));
+  }
+  std::sort(maps.begin(), maps.end());
+  int elementIndent = dumpHeader(context, indent, "%*cdot1qTagToVlanColls #%u\n", maps.size());
+  for (const auto& [key, line] : maps) {
+    context.printf("%*c%s\n", elementIndent, ' ', line);
+  }
+
+  dumpRows<LfibDot1qTagToVlanComposite>(context, indent, "%*cdot1qTagToVlanComposites #%u\n",
+                                        [&](auto f) { dot1qTagToVlanCompositeForEach(f); });
+}
+
+Kel::Ptr<LfibStatus> lfibStatusFactory() { return Kel::make<LfibStatus>(); }
+
+// ---------------------------------------------------------------------------------------
+// LfibHwStatus.
+
+void LfibHwStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group,
+                                const LfibHwStatusSizing& sizing) {
+  if (group == mountGroup_) {
+    return;
+  }
+  mountGroup_ = std::move(group);
+  auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
+    return mountGroup_ ? KelPond::collectionControlFactory(mountGroup_, table, tableSizing)
+                       : nullptr;
+  };
+  unprogrammedRouteControlIs(control("unprogrammedRoute", sizing.unprogrammedRoute));
+  viaSetControlIs(control("viaSet", sizing.viaSet));
+  kelNotify(&NotifieeConst::onMountGroup);
+}
+
+Kel::Ptr<LfibHwStatus> lfibHwStatusFactory() { return Kel::make<LfibHwStatus>(); }
 
 // ---------------------------------------------------------------------------------------
 // Factories.

@@ -2,7 +2,9 @@
 // where and how a labelled packet leaves), the via set (the vias of one type that a
 // route uses, with an optional backup set), the route (an incoming label bound to a via
 // set), their hardware-status records, the 802.1Q-tag-to-VLAN maps that VLAN-aware EVPN
-// vias name, and the local LFIB information entity.
+// vias name, the local LFIB information entity, and the two entities that hold them in
+// shared-memory tables: LfibStatus (the LFIB itself) and LfibHwStatus (what the hardware
+// agent could not program).
 //
 // The LFIB is three layers that name each other by key: a route names a via set by
 // LfibViaSetKey, a via set lists its vias by LfibViaKey, and each via lives in the
@@ -20,6 +22,7 @@
 #include <type_traits>
 
 #include "Kel/Collection.h"
+#include "Kel/DumpContext.h"
 #include "Kel/Entity.h"
 #include "Kel/Enum.h"
 #include "Kel/FixedArray.h"
@@ -28,6 +31,8 @@
 #include "Kel/Value.h"
 #include "Mpls/LfibViaKey.h"
 #include "Mpls/LfibViaSetKey.h"
+#include "Pond/KelPond.h"
+#include "Pond/MountGroup.h"
 #include "types/Bridging/VlanId.h"
 #include "types/L3/VrfName.h"
 #include "types/Mpls/MplsTypes.h"
@@ -96,6 +101,9 @@ class LfibMplsVia {
   std::string pondString() const;
 
   static constexpr uint32_t kFixedLen = 57;
+  // The largest record a shared table holds: one with a label stack of 64 labels.
+  static constexpr uint32_t kMaxLen =
+      kFixedLen + Netbase::UnboundedMplsLabelOperation::kBinaryHeadLen + 4 * 64;
   uint32_t serializeLen() const noexcept { return kFixedLen + labelStack_.serializeLen(); }
   uint32_t serialize(uint8_t* out) const;
   // Reads the record at `in` (`len` bytes available) into this via; returns its length.
@@ -147,6 +155,8 @@ class LfibIpLookupVia {
   std::string pondString() const;
 
   static constexpr uint32_t kFixedLen = 16;
+  static constexpr uint32_t kMaxLen =
+      kFixedLen + LfibVrfNameBuffer::kBinaryHeadLen + LfibVrfNameBuffer::capacity;
   uint32_t serializeLen() const noexcept { return kFixedLen + vrfNameBuffer_.serializeLen(); }
   uint32_t serialize(uint8_t* out) const;
   uint32_t deserialize(const uint8_t* in, size_t len);
@@ -374,6 +384,197 @@ class LocalLfibInfo : public Kel::Entity {
 };
 
 Kel::Ptr<LocalLfibInfo> localLfibInfoFactory();
+
+// ---------------------------------------------------------------------------------------
+// The LFIB entity.
+
+// The capacity of each table of an LfibStatus (see Pond::TableSizing). A writer's sizes
+// are fixed when it creates the tables: a later writer of the same group must ask for the
+// same ones. Readers take the sizes from the tables.
+struct LfibStatusSizing {
+  Pond::TableSizing lfibRoute{4096};
+  Pond::TableSizing viaSet{4096};
+  Pond::TableSizing mplsVia{4096};
+  Pond::TableSizing pwVia{1024};
+  Pond::TableSizing ipLookupVia{1024};
+  Pond::TableSizing vlanVia{256};
+  Pond::TableSizing evpnVlanAwareVia{256};
+  Pond::TableSizing evpnEthernetSegmentFilterVia{256};
+  Pond::TableSizing evpnVlanFloodVia{256};
+  Pond::TableSizing evpnVlanAwareFloodVia{256};
+  Pond::TableSizing extFecVia{1024};
+  Pond::TableSizing dot1qTagToVlanComposite{1024};
+};
+
+// LfibStatus is the LFIB: every route, via set and via of one LFIB, each kind in a keyed
+// collection, and the 802.1Q-tag-to-VLAN maps that the VLAN-aware EVPN vias name.
+//
+// Every collection but dot1qTagToVlanColl is a shared-memory table of the mount group
+// given to mountGroupIs(), named after the collection ("lfibRoute", "viaSet", ...). The
+// group's role decides the entity's: in the writing process (the LFIB writer's agent) the
+// collections are written through the accessors of KEL_POND_COLL (Pond/KelPond.h); in a
+// reading process they are read-only and the group's processChanges() announces each
+// changed key to the notifiees. Before mountGroupIs() the shared collections read empty
+// and writing to them throws Pond::NotWriterError.
+//
+// dot1qTagToVlanColl is an ordinary entity collection, local to the process: the writer's
+// agent fills it, LfibStatusProducerSm (Mpls/LfibStatusSm.h) flattens it into the table
+// dot1qTagToVlanComposite, and LfibStatusConsumerSm rebuilds it in a reading process.
+// Removing a map from it leaves dot1qTagToVlanComposite alone.
+//
+// Checks. Every Is, Commit and Del of a shared collection (1) changes the table, (2) runs
+// the collection's check and (3) announces the key. A failed check throws
+// Kel::InternalException ("Mpls/MplsLfib:<line> <signature> -- assertion failed(<expr>):
+// <message>"); the change of step 1 stays, unannounced, until the key changes again.
+//   - via collections: the key's via type must be the collection's (verifyViaType...):
+//     "via key and via coll type mismatch";
+//   - lfibRoute: a route whose via set key has an EVPN via type (isEvpnViaType) must have
+//     metric 0: "EVPN lfib routes must have metric set to 0";
+//   - viaSet: every slot up to the count holds a key of the set's via type (an empty slot
+//     of a typed set does not): "Vias in a viaSet must always be homogeneous"; an EVPN set
+//     holds at most one via key: "EVPN via sets must contain at most 1 via key".
+// The checks never look across tables: a route may name a via set not stored (yet).
+//
+// Single-threaded: used on the reactor thread of the agent that owns it. Other processes
+// see it only through the shared tables.
+class LfibStatus : public Kel::Entity {
+ public:
+  using Ptr = Kel::Ptr<LfibStatus>;
+  using PtrConst = Kel::PtrConst<LfibStatus>;
+
+  class NotifieeConst : public Kel::NotifieeOf<LfibStatus> {
+   public:
+    virtual void onLfibRoute(const RouteKey&) {}
+    virtual void onViaSet(const LfibViaSetKey&) {}
+    virtual void onMplsVia(const LfibViaKey&) {}
+    virtual void onPwVia(const LfibViaKey&) {}
+    virtual void onIpLookupVia(const LfibViaKey&) {}
+    virtual void onVlanVia(const LfibViaKey&) {}
+    virtual void onEvpnVlanAwareVia(const LfibViaKey&) {}
+    virtual void onEvpnEthernetSegmentFilterVia(const LfibViaKey&) {}
+    virtual void onEvpnVlanFloodVia(const LfibViaKey&) {}
+    virtual void onEvpnVlanAwareFloodVia(const LfibViaKey&) {}
+    virtual void onExtFecVia(const LfibViaKey&) {}
+    virtual void onDot1qTagToVlanComposite(const LfibDot1qTagToVlanCompositeKey&) {}
+    virtual void onDot1qTagToVlanColl(const LfibDot1qTagToVlanKey&) {}
+    // A table was opened, or opened again after its group was replaced (readers).
+    virtual void onMountStatus() {}
+    // mountGroupIs() attached the collections to another group.
+    virtual void onMountGroup() {}
+  };
+
+  // The via type that the keys of each via collection must have.
+  static constexpr LfibViaType viaTypeMplsIp_ = viaTypeMplsIp;
+  static constexpr LfibViaType viaTypeMplsPseudowire_ = viaTypeMplsPseudowire;
+  static constexpr LfibViaType viaTypeIpLookup_ = viaTypeIpLookup;
+  static constexpr LfibViaType viaTypeVlan_ = viaTypeVlan;
+  static constexpr LfibViaType viaTypeEvpnVlanAware_ = viaTypeEvpnVlanAware;
+  static constexpr LfibViaType viaTypeEvpnEthernetSegment_ = viaTypeEvpnEthernetSegment;
+  static constexpr LfibViaType viaTypeEvpnVlanFlood_ = viaTypeEvpnVlanFlood;
+  static constexpr LfibViaType viaTypeEvpnVlanAwareFlood_ = viaTypeEvpnVlanAwareFlood;
+  static constexpr LfibViaType viaTypeExternalFec_ = viaTypeExternalFec;
+
+  KEL_POND_COLL(RouteKey, LfibRoute, lfibRoute, LfibRoute, handleRoute)
+  KEL_POND_COLL(LfibViaSetKey, LfibViaSet, viaSet, ViaSet, handleViaSet)
+  KEL_POND_COLL(LfibViaKey, LfibMplsVia, mplsVia, MplsVia, verifyViaTypeMplsIp)
+  KEL_POND_COLL(LfibViaKey, LfibPwVia, pwVia, PwVia, verifyViaTypeMplsPseudowire)
+  KEL_POND_COLL(LfibViaKey, LfibIpLookupVia, ipLookupVia, IpLookupVia, verifyViaTypeIpLookup)
+  KEL_POND_COLL(LfibViaKey, LfibVlanVia, vlanVia, VlanVia, verifyViaTypeVlan)
+  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanAwareVia, evpnVlanAwareVia, EvpnVlanAwareVia,
+                verifyViaTypeEvpnVlanAware)
+  KEL_POND_COLL(LfibViaKey, LfibEvpnEthernetSegmentFilterVia, evpnEthernetSegmentFilterVia,
+                EvpnEthernetSegmentFilterVia, verifyViaTypeEvpnEthernetSegment)
+  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanFloodVia, evpnVlanFloodVia, EvpnVlanFloodVia,
+                verifyViaTypeEvpnVlanFlood)
+  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanAwareFloodVia, evpnVlanAwareFloodVia,
+                EvpnVlanAwareFloodVia, verifyViaTypeEvpnVlanAwareFlood)
+  KEL_POND_COLL(LfibViaKey, LfibExtFecVia, extFecVia, ExtFecVia, verifyViaTypeExternalFec)
+  KEL_POND_COLL(LfibDot1qTagToVlanCompositeKey, LfibDot1qTagToVlanComposite,
+                dot1qTagToVlanComposite, Dot1qTagToVlanComposite, kelNoCheck)
+
+  // dot1qTagToVlanCollIs(key) returns the map of `key`, created empty when absent;
+  // dot1qTagToVlanCollDel(key) returns the removed map, null when there was none.
+  KEL_ENTITY_COLL_ATTR(LfibDot1qTagToVlanKey, LfibDot1qTagToVlan, dot1qTagToVlanColl,
+                       Dot1qTagToVlanColl)
+
+  // Attaches every shared collection to its table in `group` (null: detaches them all),
+  // then announces onMountGroup. A writer group creates the tables with `sizing`, or
+  // attaches to those a previous writer left: Pond::SegmentError when their sizes differ
+  // (the entity is then left partly attached; drop it). Readers ignore `sizing`. Giving
+  // the group already attached does nothing.
+  void mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibStatusSizing& sizing = {});
+  const Kel::Ptr<Pond::MountGroup>& mountGroup() const noexcept { return mountGroup_; }
+
+  // True for via types 3 to 8 (Mpls::isEvpnViaType).
+  static bool isEvpnViaType(LfibViaType viaType) noexcept { return Mpls::isEvpnViaType(viaType); }
+
+  // The checks (see above). Each passes or throws Kel::InternalException.
+  void verifyViaTypeMplsIp(const LfibViaKey& key) const;
+  void verifyViaTypeMplsPseudowire(const LfibViaKey& key) const;
+  void verifyViaTypeIpLookup(const LfibViaKey& key) const;
+  void verifyViaTypeVlan(const LfibViaKey& key) const;
+  void verifyViaTypeEvpnVlanAware(const LfibViaKey& key) const;
+  void verifyViaTypeEvpnEthernetSegment(const LfibViaKey& key) const;
+  void verifyViaTypeEvpnVlanFlood(const LfibViaKey& key) const;
+  void verifyViaTypeEvpnVlanAwareFlood(const LfibViaKey& key) const;
+  void verifyViaTypeExternalFec(const LfibViaKey& key) const;
+  // The route and via set as stored under `key`; an absent one passes.
+  void handleRoute(const RouteKey& key) const;
+  void handleViaSet(const LfibViaSetKey& key) const;
+
+  // Each collection in the order lfibRoute, viaSet, mplsVia, extFecVia, pwVia,
+  // ipLookupVia, vlanVia, evpnVlanAwareVia, evpnEthernetSegmentFilterVia,
+  // evpnVlanFloodVia, evpnVlanAwareFloodVia, dot1qTagToVlanColl, dot1qTagToVlanComposite:
+  // a header "<name>s #<count>" indented by `indent` blanks, then one line per element in
+  // key order, indented by indent + 2: the element's pondString(), or for a tag-to-VLAN
+  // map "[<key>]" and its " <tag>:<vlan>" pairs in tag order.
+  void dumpState(Kel::DumpContext& context, int indent) const;
+
+ private:
+  Kel::Ptr<Pond::MountGroup> mountGroup_;
+};
+
+Kel::Ptr<LfibStatus> lfibStatusFactory();
+
+// ---------------------------------------------------------------------------------------
+// The LFIB's hardware status.
+
+struct LfibHwStatusSizing {
+  Pond::TableSizing unprogrammedRoute{4096};
+  Pond::TableSizing viaSet{4096};
+};
+
+// LfibHwStatus lists the routes that the hardware agent could not program (and why) and
+// the hardware state of via sets, in two shared-memory tables "unprogrammedRoute" and
+// "viaSet" of the hardware agent's own mount group (not the LFIB writer's: the tables of
+// one group have one writing process). No checks: each Is, Commit and Del changes the
+// table and announces the key. Roles, notifications and mounting as for LfibStatus.
+//
+// Single-threaded: used on the reactor thread of the agent that owns it.
+class LfibHwStatus : public Kel::Entity {
+ public:
+  using Ptr = Kel::Ptr<LfibHwStatus>;
+
+  class NotifieeConst : public Kel::NotifieeOf<LfibHwStatus> {
+   public:
+    virtual void onUnprogrammedRoute(const RouteKey&) {}
+    virtual void onViaSet(const LfibViaSetKey&) {}
+    virtual void onMountStatus() {}
+    virtual void onMountGroup() {}
+  };
+
+  KEL_POND_COLL(RouteKey, RouteInfo, unprogrammedRoute, UnprogrammedRoute, kelNoCheck)
+  KEL_POND_COLL(LfibViaSetKey, LfibViaSetInfo, viaSet, ViaSet, kelNoCheck)
+
+  // As LfibStatus::mountGroupIs.
+  void mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibHwStatusSizing& sizing = {});
+  const Kel::Ptr<Pond::MountGroup>& mountGroup() const noexcept { return mountGroup_; }
+
+ private:
+  Kel::Ptr<Pond::MountGroup> mountGroup_;
+};
+
+Kel::Ptr<LfibHwStatus> lfibHwStatusFactory();
 
 // Rows stored as they are in the shared tables must be plain bytes.
 static_assert(std::is_trivially_copyable_v<LfibPwVia>);
