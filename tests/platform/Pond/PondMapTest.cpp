@@ -420,4 +420,20 @@ TEST(PondMap, BadSegmentsAreRefused) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+// A writer may let the members of a group read its segments; nobody else, ever.
+TEST(PondMap, SegmentsBelongToTheGroupTheWriterNames) {
+  ScopedGroupName g("owner");
+  Pond::MountOptions options;
+  options.group = ::getegid();
+  auto writer = MountGroup::writer(*g, options);
+  PondMap<Key, Row> w(writer, "rows", sized(4));
+  for (const std::string& shm : {Pond::internal::Segment::groupShmName(*g),
+                                 Pond::internal::Segment::tableShmName(*g, "rows")}) {
+    struct stat st {};
+    ASSERT_EQ(::stat(Pond::internal::Segment::pathOf(shm).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u) << shm;
+    EXPECT_EQ(st.st_gid, ::getegid()) << shm;
+  }
+}
+
 }  // namespace
