@@ -6,7 +6,9 @@ set(MPLS_SOURCE_ROOT ${CMAKE_SOURCE_DIR})
 # the source root ("Mpls/MplsLfib"), so __FILE__ is mapped to the relative path.
 function(mpls_target_defaults target)
   target_compile_options(${target} PRIVATE
-    -Wall -Wextra "-fmacro-prefix-map=${MPLS_SOURCE_ROOT}/=")
+    -Wall -Wextra "-fmacro-prefix-map=${MPLS_SOURCE_ROOT}/="
+    # Calls between functions of one shared library go direct, not through the PLT.
+    -fno-semantic-interposition)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(${target} PRIVATE -Wno-gnu-zero-variadic-macro-arguments)
   endif()

@@ -3,8 +3,9 @@
 // order (Kel::hashFeed); nothing else about the mixing is promised, only that equal word
 // sequences hash equal.
 //
-// Words are gathered in a small buffer and mixed by xxHash32 a block at a time, so the
-// hash of a typical key (a handful of words) is one xxHash32 call over the stack buffer.
+// Words are gathered in a small buffer and mixed by XXH3 a block at a time, so the hash of
+// a typical key (a handful of words) is one XXH3 call over the stack buffer, folded to 32
+// bits.
 #pragma once
 
 #include <cstdint>
@@ -48,19 +49,29 @@ class HashAccumulator {
     }
   }
 
-  uint32_t result() const noexcept { return XXH32(words_, count_ * sizeof(uint32_t), seed_); }
+  uint32_t result() const noexcept { return ofWords(words_, count_ * sizeof(uint32_t), seed_); }
 
- private:
+  // What feeding these words one by one gives, for at most kBlockWords of them: the hash
+  // of values whose memory is their word sequence, without copying them.
+  static uint32_t ofWords(const void* words, size_t bytes, uint64_t seed) noexcept {
+    uint64_t h = XXH3_64bits_withSeed(words, bytes, seed);
+    return static_cast<uint32_t>(h ^ (h >> 32));
+  }
+
+ public:
   static constexpr uint32_t kBlockWords = 16;
 
-  void flush() noexcept {
-    seed_ = XXH32(words_, sizeof(words_), seed_);
+ private:
+
+  // Only for values of more than 16 words: out of line, off the hot path.
+  [[gnu::noinline, gnu::cold]] void flush() noexcept {
+    seed_ = XXH3_64bits_withSeed(words_, sizeof(words_), seed_);
     count_ = 0;
   }
 
-  uint32_t seed_;
+  uint64_t seed_;
   uint32_t count_ = 0;
-  uint32_t words_[kBlockWords];
+  uint32_t words_[kBlockWords] = {};  // four vector stores; keeps every read defined
 };
 
 }  // namespace Kel

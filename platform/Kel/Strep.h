@@ -455,11 +455,52 @@ void hashFeed(HashAccumulator& a, const T& v) {
   }
 }
 
+namespace internal {
+
+// True when a value's memory is exactly the words hashFeed would feed: every field a
+// 32-bit number, enumeration or range value, or such a value itself, with no padding.
+template <class T>
+constexpr bool isWordImage() {
+  if constexpr (CustomHash<T>) {
+    return false;
+  } else if constexpr (ValueType<T>) {
+    if constexpr (!std::is_trivially_copyable_v<T> || !std::is_standard_layout_v<T>) {
+      return false;
+    } else {
+      size_t bytes = 0;
+      bool words = std::apply(
+          [&](const auto&... f) {
+            return ((bytes += sizeof(std::remove_cvref_t<decltype(std::declval<const T&>().*(
+                                   std::remove_cvref_t<decltype(f)>::member))>),
+                     isWordImage<std::remove_cvref_t<decltype(std::declval<const T&>().*(
+                         std::remove_cvref_t<decltype(f)>::member))>>()) &&
+                    ...);
+          },
+          T::kelFields());
+      return words && bytes == sizeof(T);
+    }
+  } else if constexpr (KelEnum<T> || std::is_integral_v<T>) {
+    return sizeof(T) == 4 && !std::is_same_v<T, bool>;
+  } else if constexpr (RangeType<T>) {
+    return sizeof(T) == 4 && std::is_trivially_copyable_v<T>;
+  } else {
+    return false;
+  }
+}
+
+}  // namespace internal
+
 template <class T>
 uint32_t hashOf(const T& v, uint32_t seed = 0) {
-  HashAccumulator a(seed);
-  hashFeed(a, v);
-  return a.result();
+  if constexpr (internal::isWordImage<T>() &&
+                sizeof(T) <= HashAccumulator::kBlockWords * sizeof(uint32_t)) {
+    // The same words as below, read from the value itself.
+    return HashAccumulator::ofWords(&v, sizeof(T), seed);
+  } else {
+    HashAccumulator a(seed);
+    hashFeed(a, v);
+    return a.result();
+  }
 }
 
 // ---------------------------------------------------------------------------------------

@@ -27,6 +27,8 @@ using internal::Segment;
 namespace {
 
 constexpr auto kPublishInterval = std::chrono::microseconds(50);
+// How often a reader checks that its group's segments were not replaced by new ones.
+constexpr auto kReplacedCheckInterval = std::chrono::milliseconds(100);
 
 long futexWait(const uint32_t* word, uint32_t expected, std::chrono::milliseconds timeout) {
   struct timespec ts {};
@@ -278,8 +280,10 @@ size_t MountGroup::processChanges() {
     while (::read(changeFd_, &drained, sizeof(drained)) == sizeof(drained)) {
     }
   }
-  if (segment_.base()) {
+  auto now = std::chrono::steady_clock::now();
+  if (segment_.base() && now - lastReplacedCheck_ >= kReplacedCheckInterval) {
     // A writer that found no segments (they were removed) made new ones: follow them.
+    lastReplacedCheck_ = now;
     struct stat st {};
     if (::stat(Segment::pathOf(segment_.name()).c_str(), &st) != 0 ||
         st.st_ino != segment_.inode()) {

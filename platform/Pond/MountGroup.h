@@ -158,6 +158,7 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   std::chrono::steady_clock::time_point lastPublish_{};
   // Reader.
   uint32_t lastWake_ = 0;
+  std::chrono::steady_clock::time_point lastReplacedCheck_{};
   int inotifyFd_ = -1;
   int changeFd_ = -1;
   std::thread waiter_;

@@ -303,9 +303,9 @@ void TableEngine::corrupt(const std::string& what) const {
   throw CorruptionError(fmt::format("{}: {}", where_, what));
 }
 
-// Waits for a seqlock counter to be even. The writer holds it odd for the few stores of
-// one change; a counter that stays odd means the writer was preempted, or died.
-uint32_t TableEngine::waitEven(const uint32_t* seq, const char* what, uint32_t index) const {
+// The writer holds a counter odd for the few stores of one change; a counter that stays
+// odd means the writer was preempted, or died.
+uint32_t TableEngine::waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const {
   for (uint32_t spins = 0;; ++spins) {
     uint32_t s = loadAcquire(seq);
     if ((s & 1) == 0) {

@@ -133,7 +133,12 @@ class TableEngine {
     return slots_ + uint64_t{index} * slotSize_ + sizeof(SlotHeader);
   }
 
-  uint32_t waitEven(const uint32_t* seq, const char* what, uint32_t index) const;
+  // Waits for a seqlock counter to be even and returns it.
+  uint32_t waitEven(const uint32_t* seq, const char* what, uint32_t index) const {
+    uint32_t s = loadAcquire(seq);
+    return (s & 1) == 0 ? s : waitEvenSlow(seq, what, index);
+  }
+  uint32_t waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const;
   [[noreturn]] void corrupt(const std::string& what) const;
   void checkRecord(HeapRef ref, uint32_t index) const;
 
