@@ -298,8 +298,7 @@ void LfibStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibStatus
   }
   mountGroup_ = std::move(group);
   auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
-    return mountGroup_ ? KelPond::collectionControlFactory(mountGroup_, table, tableSizing)
-                       : nullptr;
+    return KelPond::collectionControlFactory(mountGroup_, table, tableSizing);
   };
   lfibRouteControlIs(control("lfibRoute", sizing.lfibRoute));
   viaSetControlIs(control("viaSet", sizing.viaSet));
@@ -400,8 +399,7 @@ void LfibHwStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group,
   }
   mountGroup_ = std::move(group);
   auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
-    return mountGroup_ ? KelPond::collectionControlFactory(mountGroup_, table, tableSizing)
-                       : nullptr;
+    return KelPond::collectionControlFactory(mountGroup_, table, tableSizing);
   };
   unprogrammedRouteControlIs(control("unprogrammedRoute", sizing.unprogrammedRoute));
   viaSetControlIs(control("viaSet", sizing.viaSet));

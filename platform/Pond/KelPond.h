@@ -55,9 +55,14 @@ class CollectionControl : public Kel::Entity {
   Pond::TableSizing sizing_;
 };
 
+// The control of `table` in `group`; null without a group (a collection given a null
+// control is detached).
 inline Kel::Ptr<CollectionControl> collectionControlFactory(Kel::Ptr<Pond::MountGroup> group,
                                                             std::string table,
                                                             Pond::TableSizing sizing = {}) {
+  if (!group) {
+    return nullptr;
+  }
   return Kel::make<CollectionControl>(std::move(group), std::move(table), sizing);
 }
 
