@@ -2,15 +2,10 @@
 // dot1qTagToVlanComposite, the consumer rebuilds them in a reader, in this process and in
 // another one.
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <functional>
 #include <initializer_list>
 #include <map>
@@ -21,6 +16,7 @@
 
 #include "Mpls/LfibStatusSm.h"
 #include "platform/Pond/PondTestTypes.h"
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -257,100 +253,30 @@ TEST(LfibStatusConsumerSmDeathTest, RefusesAnLfibStatusWithMapsAlready) {
 }
 
 // A reading process of its own: it mounts the group as a reader, rebuilds the maps with a
-// consumer, follows the writer (waitForChange, processChanges) and answers each request
-// on its command pipe with the maps it holds once it has processed every change so far.
-class ReaderProcess {
- public:
-  explicit ReaderProcess(const std::string& group) {
-    int command[2], reply[2];
-    if (::pipe(command) != 0 || ::pipe(reply) != 0 || (pid_ = ::fork()) < 0) {
-      ADD_FAILURE() << "pipe or fork: " << std::strerror(errno);
-    } else if (pid_ == 0) {
-      ::close(command[1]);
-      ::close(reply[0]);
-      ::_exit(run(group, command[0], reply[1]));
+// consumer and follows the writer; asked, it answers with the maps it holds once it has
+// processed every change so far.
+int readerProcess(const std::string& name, TestSupport::Channel& channel) {
+  auto group = Pond::MountGroup::reader(name);
+  auto status = lfibStatusFactory();
+  status->mountGroupIs(group);
+  auto consumer = lfibStatusConsumerSmFactory(status);
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::optional<std::string> request = channel.request(std::chrono::milliseconds(0));
+    if (!request) {
+      return 0;  // the test is done with us
     }
-    ::close(command[0]);
-    ::close(reply[1]);
-    command_ = command[1];
-    reply_ = reply[0];
-  }
-  ~ReaderProcess() {
-    ::close(command_);  // the reader ends at end of file
-    int status = -1;
-    for (int i = 0; i < 500 && pid_ > 0 && ::waitpid(pid_, &status, WNOHANG) == 0; ++i) {
-      ::usleep(10000);
-    }
-    if (status == -1 && pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-    }
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "reader status " << status;
-    ::close(reply_);
-  }
-
-  // The reader's maps; an explanation in <> when it does not answer within 10 s.
-  std::string maps() {
-    if (silent_ || ::write(command_, "?", 1) != 1) {
-      return "<the reader process is gone>";
-    }
-    std::string text;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (char c; std::chrono::steady_clock::now() < deadline;) {
-      pollfd p{reply_, POLLIN, 0};
-      if (::poll(&p, 1, 100) != 1) {
-        continue;
-      }
-      if (::read(reply_, &c, 1) != 1) {
-        return "<the reader process is gone>";
-      }
-      if (c == '\n') {
-        return text;
-      }
-      text += c;
-    }
-    silent_ = true;  // one wait is enough
-    return "<no answer from the reader process>";
-  }
-
- private:
-  static int run(const std::string& name, int command, int reply) {
-    try {
-      auto group = Pond::MountGroup::reader(name);
-      auto status = lfibStatusFactory();
-      status->mountGroupIs(group);
-      auto consumer = lfibStatusConsumerSmFactory(status);
-      auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-      while (std::chrono::steady_clock::now() < deadline) {
-        pollfd p{command, POLLIN, 0};
-        if (::poll(&p, 1, 0) != 1) {
-          if (group->waitForChange(std::chrono::milliseconds(10))) {
-            group->processChanges();
-          }
-          continue;
-        }
-        char c;
-        if (::read(command, &c, 1) != 1) {
-          return 0;
-        }
+    if (request->empty()) {
+      if (group->waitForChange(std::chrono::milliseconds(10))) {
         group->processChanges();
-        std::string text = mapsOf(*status) + "\n";
-        if (::write(reply, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-          return 3;
-        }
       }
-      return 1;
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "reader process: %s\n", e.what());
-      return 2;
+      continue;
     }
+    group->processChanges();
+    channel.reply(mapsOf(*status));
   }
-
-  pid_t pid_ = -1;
-  int command_ = -1;
-  int reply_ = -1;
-  bool silent_ = false;
-};
+  return 1;
+}
 
 // The writer's agent: its group, its LfibStatus and, once started, its producer.
 struct WriterAgent {
@@ -367,9 +293,10 @@ struct WriterAgent {
 // A reader in another process holds exactly the writer's maps, less the VLAN 0 entries
 // and the maps left empty by them, after every change and across a writer restart.
 TEST(LfibStatusSm, AReaderProcessHoldsTheWritersPublishedMaps) {
-  ::signal(SIGPIPE, SIG_IGN);  // a reader that died shows as a failed write, not a crash
   ScopedGroupName name("xproc");
-  ReaderProcess reader(*name);  // before any thread, and before the writer exists
+  // Before any thread, and before the writer exists.
+  TestSupport::ChildProcess reader(
+      [&](TestSupport::Channel& channel) { return readerProcess(*name, channel); });
   auto agent = std::make_unique<WriterAgent>(*name);
   agent->start();
   struct Step {
@@ -410,8 +337,9 @@ TEST(LfibStatusSm, AReaderProcessHoldsTheWritersPublishedMaps) {
   for (const Step& step : steps) {
     step.change(*agent->status);
     agent->group->publish();
-    EXPECT_EQ(reader.maps(), step.maps) << step.what;
+    EXPECT_EQ(reader.ask("maps?"), step.maps) << step.what;
   }
+  EXPECT_EQ(reader.wait(std::chrono::seconds(10)), 0);
 }
 
 }  // namespace

@@ -1,19 +1,18 @@
 // Pond with real processes: readers in forked children, writers killed mid-change.
 #include <signal.h>
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
-#include <functional>
+#include <memory>
 #include <map>
 #include <random>
 
 #include "Pond/PondMap.h"
 #include "PondTestTypes.h"
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -32,62 +31,15 @@ TableSizing sized(uint32_t capacity, uint32_t log = 0) {
   return s;
 }
 
-// A child process running `body`, whose return value is its exit status. Children never
-// return into the test framework.
-pid_t spawn(const std::function<int()>& body) {
-  std::fflush(nullptr);
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    int status = 1;
-    try {
-      status = body();
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "child: %s\n", e.what());
-    }
-    std::fflush(nullptr);
-    ::_exit(status);
-  }
-  return pid;
-}
-
-// The child's exit status, or -1 when it did not end within `timeout` (it is killed).
-int waitChild(pid_t pid, std::chrono::seconds timeout) {
-  auto deadline = Clock::now() + timeout;
-  int status = 0;
-  while (::waitpid(pid, &status, WNOHANG) == 0) {
-    if (Clock::now() > deadline) {
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, &status, 0);
-      return -1;
-    }
-    ::usleep(1000);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-struct Pipe {
-  int fds[2];
-  Pipe() { EXPECT_EQ(::pipe(fds), 0); }
-  ~Pipe() {
-    ::close(fds[0]);
-    ::close(fds[1]);
-  }
-  void signal() { (void)!::write(fds[1], "x", 1); }
-  bool wait(std::chrono::seconds timeout) {
-    pollfd p{fds[0], POLLIN, 0};
-    char c;
-    return ::poll(&p, 1, static_cast<int>(timeout.count() * 1000)) == 1 && ::read(fds[0], &c, 1) == 1;
-  }
-};
-
 // A reader that keeps a mirror of the table from notifications alone: on each one it
 // looks the key up. When the writer is done, the mirror must equal the table, and a key
 // whose notification was lost would show as a difference.
-int mirrorUntilDone(const std::string& group, Pipe* caughtUp) {
+int mirrorUntilDone(const std::string& group, TestSupport::Channel& channel) {
   auto reader = MountGroup::reader(group);
   PondMap<Key, Row> table(reader, "rows");
   std::map<uint32_t, Row> mirror;
   bool done = false;
+  bool caughtUp = false;
   // Rows present when the table opens are not changes: a reader takes them in one pass.
   table.mountHandlerIs([&] { table.forEach([&](const Row& r) { mirror[r.key().id()] = r; }); });
   table.changeHandlerIs([&](const Key& k) {
@@ -107,9 +59,9 @@ int mirrorUntilDone(const std::string& group, Pipe* caughtUp) {
   while (!done && Clock::now() < deadline) {
     reader->waitForChange(std::chrono::milliseconds(50));
     reader->processChanges();
-    if (caughtUp && reader->ready() && mirror.contains(0)) {
-      caughtUp->signal();
-      caughtUp = nullptr;
+    if (!caughtUp && reader->ready() && mirror.contains(0)) {
+      channel.reply("caught up");
+      caughtUp = true;
     }
   }
   if (!done) {
@@ -150,11 +102,10 @@ TEST(PondProcess, ReaderInAnotherProcessHearsOfEveryChange) {
   auto writer = MountGroup::writer(*g);
   PondMap<Key, Row> table(writer, "rows", sized(4096, 1 << 16));
   table.upsert(Row::of(0, 0));
-  Pipe ready;
-  pid_t child = spawn([&] { return mirrorUntilDone(*g, &ready); });
-  ASSERT_TRUE(ready.wait(std::chrono::seconds(30)));
+  TestSupport::ChildProcess child([&](TestSupport::Channel& c) { return mirrorUntilDone(*g, c); });
+  ASSERT_TRUE(child.awaitReply(std::chrono::seconds(30)));
   writeRandomly(table, *writer, 20000, 1000, 1);
-  EXPECT_EQ(waitChild(child, std::chrono::seconds(60)), 0);
+  EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0);
 }
 
 // A reader stopped while the writer overruns its log comes back, resynchronises from the
@@ -167,16 +118,15 @@ TEST(PondProcess, StoppedReaderConvergesAfterOverrunningTheLog) {
     table.upsert(Row::of(k, k));
   }
   writer->publish();
-  Pipe ready;
-  pid_t child = spawn([&] { return mirrorUntilDone(*g, &ready); });
-  ASSERT_TRUE(ready.wait(std::chrono::seconds(30)));
-  ::kill(child, SIGSTOP);
+  TestSupport::ChildProcess child([&](TestSupport::Channel& c) { return mirrorUntilDone(*g, c); });
+  ASSERT_TRUE(child.awaitReply(std::chrono::seconds(30)));
+  ::kill(child.pid(), SIGSTOP);
   for (uint32_t k = 0; k < 500; k += 2) {
     table.erase(Key(k));  // rows the reader has mirrored
   }
   writeRandomly(table, *writer, 5000, 1500, 2);  // far more than 64 log entries
-  ::kill(child, SIGCONT);
-  EXPECT_EQ(waitChild(child, std::chrono::seconds(60)), 0);
+  ::kill(child.pid(), SIGCONT);
+  EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0);
 }
 
 // Invariant: every row a reader copies out was written whole by the writer, even while the
@@ -194,9 +144,9 @@ TEST(PondProcess, ReadersNeverSeeATornRow) {
     fixed.upsert(Row::of(k, k));
     variable.upsert(VarRow::of(k, k, k % 100));
   }
-  std::vector<pid_t> readers;
+  std::vector<std::unique_ptr<TestSupport::ChildProcess>> readers;
   for (int r = 0; r < 3; ++r) {
-    readers.push_back(spawn([&] {
+    readers.push_back(std::make_unique<TestSupport::ChildProcess>([&](TestSupport::Channel&) {
       auto reader = MountGroup::reader(*g);
       PondMap<Key, Row> f(reader, "fixed");
       PondMap<Key, VarRow> v(reader, "var");
@@ -236,8 +186,8 @@ TEST(PondProcess, ReadersNeverSeeATornRow) {
     }
   }
   fixed.upsert(Row::of(kDone, 0));
-  for (pid_t r : readers) {
-    EXPECT_EQ(waitChild(r, std::chrono::seconds(30)), 0);
+  for (auto& r : readers) {
+    EXPECT_EQ(r->wait(std::chrono::seconds(30)), 0);
   }
 }
 
@@ -264,7 +214,7 @@ TEST(PondProcess, WriterKilledAtRandomMomentsLeavesTablesReadableAndRepairable) 
   int newIncarnations = 0;
   for (int round = 0; round < 300; ++round) {
     uint32_t seed = rng();
-    pid_t child = spawn([&] {
+    TestSupport::ChildProcess child([&](TestSupport::Channel&) {
       auto writer = MountGroup::writer(*g);
       PondMap<Key, Row> f(writer, "fixed", sized(kKeys));
       PondMap<Key, VarRow> v(writer, "var", varSizing);
@@ -282,8 +232,8 @@ TEST(PondProcess, WriterKilledAtRandomMomentsLeavesTablesReadableAndRepairable) 
       return 0;
     });
     ::usleep(1000 + rng() % 4000);
-    ::kill(child, SIGKILL);
-    ASSERT_EQ(waitChild(child, std::chrono::seconds(10)), 128 + SIGKILL);
+    ::kill(child.pid(), SIGKILL);
+    ASSERT_EQ(child.wait(std::chrono::seconds(10)), 128 + SIGKILL);
     reader->processChanges();
     EXPECT_FALSE(reader->writerAlive());
     // A writer killed before it attached leaves no incarnation behind.
