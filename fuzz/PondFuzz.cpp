@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "Pond/PondMap.h"
@@ -53,8 +54,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string table = variable ? "var" : "fixed";
   std::string path = Pond::internal::Segment::pathOf(
       Pond::internal::Segment::tableShmName(groupName(), table));
+  // The image names the group and table it belongs to; a reader checks them first. Stamp
+  // ours into it, so that the fuzzer spends its time past that check.
+  std::string image(reinterpret_cast<const char*>(data + 1), size - 1);
+  using Pond::internal::TableHeader;
+  if (image.size() >= sizeof(TableHeader)) {
+    auto* h = reinterpret_cast<TableHeader*>(image.data());
+    std::memset(h->group, 0, sizeof(h->group));
+    std::memcpy(h->group, groupName().data(), groupName().size());
+    std::memset(h->table, 0, sizeof(h->table));
+    std::memcpy(h->table, table.data(), table.size());
+  }
   int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-  if (fd < 0 || ::write(fd, data + 1, size - 1) != static_cast<ssize_t>(size - 1)) {
+  if (fd < 0 || ::write(fd, image.data(), image.size()) != static_cast<ssize_t>(image.size())) {
     std::abort();
   }
   ::close(fd);

@@ -279,7 +279,10 @@ void TableEngine::bind() {
   heap_ = base + h->heapOffset;
 }
 
-uint32_t TableEngine::rowCount() const noexcept { return loadRelaxed(&header()->rowCount); }
+// Readers size buffers by it: never more than the capacity, which the segment holds.
+uint32_t TableEngine::rowCount() const noexcept {
+  return std::min(loadRelaxed(&header()->rowCount), capacity_);
+}
 
 uint64_t TableEngine::version() const noexcept { return loadAcquire(&header()->version); }
 

@@ -420,6 +420,29 @@ TEST(PondMap, BadSegmentsAreRefused) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
+// The row count in a segment's header sizes readers' buffers: a count beyond the table's
+// capacity (a corrupt header) must not make a reader reserve memory for it.
+TEST(PondMap, RowCountBeyondCapacityIsNotTrusted) {
+  ScopedGroupName g("rowcount");
+  {
+    auto writer = MountGroup::writer(*g);
+    PondMap<Key, Row> w(writer, "rows", sized(16));
+    w.upsert(Row::of(1, 1));
+  }
+  {
+    auto raw = Pond::internal::Segment::open(Pond::internal::Segment::tableShmName(*g, "rows"),
+                                             true, sizeof(Pond::internal::TableHeader));
+    ASSERT_TRUE(raw);
+    reinterpret_cast<Pond::internal::TableHeader*>(raw->base())->rowCount = 0x80000000u;
+  }
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  EXPECT_EQ(r.size(), 16u);
+  std::vector<uint32_t> changed;
+  r.changeHandlerIs([&](const Key& k) { changed.push_back(k.id()); });  // sizes its key set
+  EXPECT_EQ(r.lookup(Key(1)), Row::of(1, 1));
+}
+
 // A writer may let the members of a group read its segments; nobody else, ever.
 TEST(PondMap, SegmentsBelongToTheGroupTheWriterNames) {
   ScopedGroupName g("owner");
