@@ -330,15 +330,26 @@ bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
                                        std::strerror(errno)));
       }
     }
-    if (tryOpenGroup()) {
-      return true;
+    // Any file created in /dev/shm wakes the watch; only this group's segment counts.
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      if (tryOpenGroup()) {
+        return true;
+      }
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        return false;
+      }
+      pollfd p{inotifyFd_, POLLIN, 0};
+      int n = ::poll(&p, 1, static_cast<int>(left.count()));
+      char buf[4096];
+      while (::read(inotifyFd_, buf, sizeof(buf)) > 0) {
+      }
+      if (n <= 0) {
+        return tryOpenGroup();
+      }
     }
-    pollfd p{inotifyFd_, POLLIN, 0};
-    int n = ::poll(&p, 1, static_cast<int>(timeout.count()));
-    char buf[4096];
-    while (::read(inotifyFd_, buf, sizeof(buf)) > 0) {
-    }
-    return n > 0;
   }
   const uint32_t* word = &header()->wakeSeq;
   uint32_t seen = loadAcquire(word);
