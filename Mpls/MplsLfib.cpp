@@ -390,6 +390,108 @@ void LfibStatus::dumpState(Kel::DumpContext& context, int indent) const {
 Kel::Ptr<LfibStatus> lfibStatusFactory() { return Kel::make<LfibStatus>(); }
 
 // ---------------------------------------------------------------------------------------
+// LfibViaIndexAllocator.
+
+namespace {
+
+// Whether `table` (null before the LFIB is mounted: nothing is taken) holds `key`. A lookup
+// that meets corruption reports it to the table's corruption handler and finds nothing.
+template <class Table, class Key, class Row>
+bool holds(const Table* table, const Key& key, Row& row) {
+  return table && table->find(key, row);
+}
+
+}  // namespace
+
+LfibViaIndexAllocator::LfibViaIndexAllocator(LFib::Source source, LfibStatus::Ptr lfibStatus)
+    : source_(source), lfibStatus_(std::move(lfibStatus)) {}
+
+uint32_t LfibViaIndexAllocator::viaKeyIndexInc(LfibViaType viaType, uint32_t delta) {
+  const uint32_t index = viaKeyIndex(viaType) + delta;
+  viaKeyIndexIs(viaType, index);
+  return index;
+}
+
+uint32_t LfibViaIndexAllocator::viaSetKeyIndexInc(const ViaSetKeyIndexDomain& domain,
+                                                  uint32_t delta) {
+  const uint32_t index = viaSetKeyIndex(domain) + delta;
+  viaSetKeyIndexIs(domain, index);
+  return index;
+}
+
+LfibViaKey LfibViaIndexAllocator::getViaKey(LfibViaType viaType) {
+  const uint32_t start = viaKeyIndex(viaType);
+  const LfibStatus& s = *lfibStatus_;
+  for (;;) {
+    const uint32_t index = viaKeyIndexInc(viaType, 1);
+    const LfibViaKey candidate(source_, viaType, index);
+    // Types beyond the last one have no via table to consult.
+    if (viaType > viaTypeMax) {
+      return candidate;
+    }
+    bool taken = false;
+    switch (viaType) {
+      case viaTypeMplsIp:
+        taken = holds(s.mplsViaTable(), candidate, mplsViaRow_);
+        break;
+      case viaTypeMplsPseudowire: {
+        LfibPwVia row;
+        taken = holds(s.pwViaTable(), candidate, row);
+        break;
+      }
+      case viaTypeIpLookup:
+        taken = holds(s.ipLookupViaTable(), candidate, ipLookupViaRow_);
+        break;
+      case viaTypeExternalFec: {
+        LfibExtFecVia row;
+        taken = holds(s.extFecViaTable(), candidate, row);
+        break;
+      }
+      case viaTypeVlan:
+      case viaTypeEvpnVlanAware:
+      case viaTypeEvpnEthernetSegment:
+      case viaTypeEvpnVlanFlood:
+      case viaTypeEvpnVlanAwareFlood:
+      case viaTypeReserved:
+        KEL_FATAL_ASSERT(false && "Unsupported via type");
+        break;
+      case viaTypeMax:
+        KEL_FATAL_ASSERT(false && "Via type not supported");
+        break;
+      default:
+        KEL_FATAL_ASSERT(false && "Unknown via type");
+    }
+    if (!taken) {
+      return candidate;
+    }
+    if (index == start) {
+      KEL_FATAL_ASSERT(0 && "No via keys left");
+    }
+  }
+}
+
+LfibViaSetKey LfibViaIndexAllocator::getViaSetKey(LfibViaType viaType,
+                                                  LfibViaSetType viaSetType) {
+  const ViaSetKeyIndexDomain domain(viaType, viaSetType);
+  const uint32_t start = viaSetKeyIndex(domain);
+  for (;;) {
+    const uint32_t index = viaSetKeyIndexInc(domain, 1);
+    const LfibViaSetKey candidate(source_, index, viaType, viaSetType);
+    if (!holds(lfibStatus_->viaSetTable(), candidate, viaSetRow_)) {
+      return candidate;
+    }
+    if (index == start) {
+      KEL_FATAL_ASSERT(0 && "No via set keys left");
+    }
+  }
+}
+
+Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(
+    LFib::Source source, const Kel::Ptr<LfibStatus>& lfibStatus) {
+  return Kel::make<LfibViaIndexAllocator>(source, lfibStatus);
+}
+
+// ---------------------------------------------------------------------------------------
 // LfibHwStatus.
 
 void LfibHwStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group,

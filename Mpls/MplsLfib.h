@@ -537,6 +537,76 @@ class LfibStatus : public Kel::Entity {
 Kel::Ptr<LfibStatus> lfibStatusFactory();
 
 // ---------------------------------------------------------------------------------------
+// The via index allocator.
+
+// LfibViaIndexAllocator hands out the index part of new via keys and via set keys for one
+// LFIB source. It keeps no list of keys in use: it counts upwards and asks lfibStatus
+// whether a candidate is taken, so keys still published by an earlier writer (one that
+// restarted) are stepped over, never handed out twice. There is no release: a key is free
+// again once its via or via set has left lfibStatus and the counter comes round to it.
+//
+// Counters: viaKeyIndex holds the last via index handed out per via type, viaSetKeyIndex
+// the last via set index per (viaType, viaSetType); a type or domain without an entry
+// counts as 0, so the first key of a fresh allocator has index 1 and index 0 comes only
+// after a counter wraps past 0xFFFFFFFF. Both are hash collections (KEL_MAP_ATTR): Is,
+// Del (returns the value removed, 0 when there was none), DelAll, and a notification per
+// change to NotifieeConst. A new allocator starts with empty counters and relies on the
+// lookups to skip what is still published.
+//
+// Owned by the LFIB writer (one per source, created on first use); it holds a reference to
+// lfibStatus, which must not be null.
+//
+// Single-threaded: call only from the reactor thread that owns lfibStatus.
+class LfibViaIndexAllocator : public Kel::Entity {
+ public:
+  using Ptr = Kel::Ptr<LfibViaIndexAllocator>;
+  using ViaSetKeyIndexDomain = LfibViaSetKeyIndexDomain;
+
+  class NotifieeConst : public Kel::NotifieeOf<LfibViaIndexAllocator> {
+   public:
+    virtual void onViaKeyIndex(LfibViaType viaType) { (void)viaType; }
+    virtual void onViaSetKeyIndex(const ViaSetKeyIndexDomain& domain) { (void)domain; }
+  };
+
+  LfibViaIndexAllocator(LFib::Source source, LfibStatus::Ptr lfibStatus);
+
+  LFib::Source source() const noexcept { return source_; }
+  const LfibStatus::Ptr& lfibStatus() const noexcept { return lfibStatus_; }
+
+  KEL_MAP_ATTR(LfibViaType, uint32_t, viaKeyIndex, ViaKeyIndex)
+  KEL_MAP_ATTR(ViaSetKeyIndexDomain, uint32_t, viaSetKeyIndex, ViaSetKeyIndex)
+
+  // Adds `delta` to the counter (modulo 2^32) and returns the new value.
+  uint32_t viaKeyIndexInc(LfibViaType viaType, uint32_t delta);
+  uint32_t viaSetKeyIndexInc(const ViaSetKeyIndexDomain& domain, uint32_t delta);
+
+  // A via key (source, viaType, index) that lfibStatus does not hold. The counter moves
+  // past every candidate tried, a taken one included. Via types 1, 2, 3 and 10 are looked
+  // up in mplsVia, pwVia, ipLookupVia and extFecVia; a type above 11 gets the next index
+  // unchecked. The process aborts for any other type (fatal assertions "Unknown via type"
+  // for 0, "Unsupported via type" for 4 to 9, "Via type not supported" for 11: EVPN and
+  // VLAN via keys are never made here) and when every index of the type is taken ("No via
+  // keys left").
+  LfibViaKey getViaKey(LfibViaType viaType);
+  // A via set key (source, index, viaType, viaSetType) that lfibStatus's viaSet does not
+  // hold, counted per (viaType, viaSetType); no via type is refused. A lookup that finds
+  // the table corrupt goes to the table's corruption handler and counts as not taken. The
+  // process aborts when every index of the domain is taken ("No via set keys left").
+  LfibViaSetKey getViaSetKey(LfibViaType viaType, LfibViaSetType viaSetType);
+
+ private:
+  const LFib::Source source_;
+  const LfibStatus::Ptr lfibStatus_;
+  // Rows that lookups decode into, kept so that a miss costs no construction.
+  LfibMplsVia mplsViaRow_;
+  LfibIpLookupVia ipLookupViaRow_;
+  LfibViaSet viaSetRow_;
+};
+
+Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(LFib::Source source,
+                                                             const Kel::Ptr<LfibStatus>& lfibStatus);
+
+// ---------------------------------------------------------------------------------------
 // The LFIB's hardware status.
 
 struct LfibHwStatusSizing {

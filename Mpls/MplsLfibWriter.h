@@ -9,10 +9,15 @@
 // (default) key: adding one with a key set raises Kel::InternalException "... --
 // assertion failed(vk == LfibViaKey()): Vias in ConsolidatedLfibRoute should have an
 // unset key only" after the via has been inserted (callers that catch it find it stored).
+//
+// Mpls::LfibWriter: the facade through which a protocol agent programs the LFIB (below).
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
+#include "Kel/Collection.h"
+#include "Kel/Entity.h"
 #include "Kel/Value.h"
 #include "Kel/ValueSet.h"
 #include "Mpls/MplsLfib.h"
@@ -84,5 +89,107 @@ class ConsolidatedLfibRoute {
   // True exactly when the route differs from a default-constructed one.
   explicit operator bool() const { return !(*this == ConsolidatedLfibRoute()); }
 };
+
+// LfibWriter turns one ConsolidatedLfibRoute at a time into the three layers of an
+// LfibStatus: vias (in the collection of the route's via type), one via set naming them,
+// and the route naming the via set. Each route owns its via set and its vias; nothing is
+// shared between routes. Keys come from one LfibViaIndexAllocator per source
+// (indexAllocator), created on first use.
+//
+// Write order. lfibRouteIs writes the vias, then the via set, then the route, then deletes
+// the old via set and the old vias no longer named; lfibRouteDel deletes the route, then
+// its via set, then its vias. A reader of the LFIB, in this process or through the shared
+// tables, never finds a route whose via set is missing or a via set whose via is missing.
+//
+// Rewrites. With inPlaceAdjacencyUpdateSupported (true once constructed), a rewritten route
+// keeps its via set key when source, via type and via set type are unchanged, and each via
+// equal to one of the old via set (weights disregarded) keeps that via's key when source
+// and via type are unchanged. Only what differs is written: rewriting a route with what it
+// already holds writes nothing and takes no key. With it false, every write takes fresh
+// keys and deletes all the old ones.
+//
+// Weights. Vias of the route that are equal once weights are disregarded become one via;
+// an LfibMplsVia gets the number of them as its weight (the weight given is ignored), the
+// other via types have no weight. The vias go into the via set in ascending value order
+// (operator< of the via, key unset and weight 1): the layout does not depend on the order
+// in which the vias were added. A via set holds at most 128 vias (indices 0 to 127): the
+// vias beyond the 128th in that order are dropped, with a trace line.
+//
+// Failures. A via type the writer does not handle raises Kel::InternalException before
+// anything is read or written ("invalid viaType" for viaTypeMplsUnknown and viaTypeMax,
+// "viaType not yet supported" for the VLAN and EVPN types and anything else). An LFIB that
+// does not hold what its routes and via sets name is beyond repair: the process aborts
+// (fatal assertions "!!oldViaSet" and "!!via"). Exceptions of LfibStatus (its checks, a
+// full table) propagate; what was written before stays.
+//
+// Traces go to the facility "MplsLfibWriter": level 0 when vias are dropped beyond 128 or
+// before a fatal assertion, level 8 for each route written or deleted, level 9 per via.
+//
+// Owned by the protocol agent that creates it with lfibWriterFactory; it holds its
+// LfibStatus (a writer-role one) and its allocators for its whole life. Single-threaded:
+// call only from the reactor thread that owns the LfibStatus. Notifiees of the LfibStatus
+// may call back into the writer while it writes.
+class LfibWriter : public Kel::Entity {
+ public:
+  using Ptr = Kel::Ptr<LfibWriter>;
+
+  class NotifieeConst : public Kel::NotifieeOf<LfibWriter> {
+   public:
+    virtual void onIndexAllocatorInternal(LFib::Source source) { (void)source; }
+    virtual void onInPlaceAdjacencyUpdateSupported() {}
+  };
+
+  static constexpr LfibViaType viaTypeMplsUnknown_ = viaTypeMplsUnknown;
+  static constexpr LfibViaType viaTypeMax_ = viaTypeMax;
+
+  // inPlaceAdjacencyUpdateSupported is false, then handleInitialized() sets it.
+  explicit LfibWriter(LfibStatus::Ptr lfib);
+  ~LfibWriter() override;
+
+  const LfibStatus::Ptr& lfib() const noexcept { return lfib_; }
+
+  KEL_MAP_ATTR(LFib::Source, LfibViaIndexAllocator::Ptr, indexAllocatorInternal,
+               IndexAllocatorInternal)
+  KEL_ATTR(bool, inPlaceAdjacencyUpdateSupported, InPlaceAdjacencyUpdateSupported, false)
+
+  // Sets inPlaceAdjacencyUpdateSupported.
+  void handleInitialized();
+
+  // Writes or rewrites the route (see above). Only the via collection of route.viaType()
+  // is read.
+  void lfibRouteIs(const ConsolidatedLfibRoute& route);
+  // Deletes the route, its via set and its vias; an absent route is no error.
+  void lfibRouteDel(const RouteKey& key);
+  // Deletes the via from the collection of key.viaType(); an absent via is no error.
+  // Raises Kel::InternalException "invalid viaType" for viaTypeMplsUnknown and viaTypeMax,
+  // "viaType not yet supported" for the value without a via table and unknown values.
+  void lfibViaDel(const LfibViaKey& key);
+  // Empties lfibRoute, viaSet, mplsVia, pwVia and extFecVia. The IP lookup, VLAN and EVPN
+  // vias stay, and so do the allocators' counters.
+  void lfibRouteDelAll();
+
+  // The allocator of `source`, created when there is none.
+  LfibViaIndexAllocator::Ptr indexAllocator(LFib::Source source);
+
+  // Sets the weight of an LfibMplsVia; the other via types have none.
+  void viaWeightIs(LfibMplsVia& via, uint32_t weight) const;
+  void viaWeightIs(LfibPwVia& via, uint32_t weight) const;
+  void viaWeightIs(LfibIpLookupVia& via, uint32_t weight) const;
+  void viaWeightIs(LfibExtFecVia& via, uint32_t weight) const;
+
+ private:
+  struct Scratch;
+  class ScratchLease;
+
+  template <class V>
+  void lfibRouteIsHelper(const ConsolidatedLfibRoute& route);
+
+  const LfibStatus::Ptr lfib_;
+  // Working space of lfibRouteIs, reused from call to call so that a route costs no
+  // allocation; a nested call (from a notifiee) gets a space of its own.
+  std::unique_ptr<Scratch> scratch_;
+};
+
+Kel::Ptr<LfibWriter> lfibWriterFactory(const Kel::Ptr<LfibStatus>& lfib);
 
 }  // namespace Mpls

@@ -1,0 +1,9 @@
+#include "Mpls/LfibIpLookup.h"
+
+namespace Mpls {
+
+Kel::Ptr<LfibIpLookupStatus> lfibIpLookupStatusFactory() {
+  return Kel::make<LfibIpLookupStatus>();
+}
+
+}  // namespace Mpls

@@ -1,0 +1,404 @@
+#include "Mpls/LfibTrackingSm.h"
+
+#include <utility>
+#include <vector>
+
+#include <absl/container/inlined_vector.h>
+
+#include "Kel/Exception.h"
+#include "Kel/Trace.h"
+
+namespace Mpls {
+
+namespace {
+
+Kel::TraceFacility trace("LfibTrackingSm");
+
+bool exists(const LfibRoute& route) {
+  static const LfibRoute kAbsent;
+  return !(route == kAbsent);
+}
+
+bool exists(const LfibViaSet& viaSet) {
+  static const LfibViaSet kAbsent;
+  return !(viaSet == kAbsent);
+}
+
+// Keys first, work after: the handlers notify other reactors, which may change the LFIB.
+template <class K, class ForEach>
+std::vector<K> keysOf(ForEach&& forEach) {
+  std::vector<K> keys;
+  forEach([&](const auto& row) { keys.push_back(row.key()); });
+  return keys;
+}
+
+// The members of a set collection, copied out before they are worked on.
+template <size_t N, class K>
+absl::InlinedVector<K, N> membersOf(const Kel::SetColl<K>& set) {
+  return absl::InlinedVector<K, N>(set.begin(), set.end());
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Nested notifiees.
+
+LfibTrackingSm::KelLfibStatus::KelLfibStatus(LfibTrackingSm* sm,
+                                             const LfibStatus::PtrConst& lfibStatus)
+    : Nested(sm), sm_(sm) {
+  notifierIs(lfibStatus);
+}
+
+void LfibTrackingSm::KelLfibStatus::onLfibRoute(const RouteKey& key) { sm_->handleLfibRoute(key); }
+void LfibTrackingSm::KelLfibStatus::onViaSet(const LfibViaSetKey& key) { sm_->handleViaSet(key); }
+void LfibTrackingSm::KelLfibStatus::onMplsVia(const LfibViaKey& key) { sm_->handleVia(key); }
+void LfibTrackingSm::KelLfibStatus::onPwVia(const LfibViaKey& key) { sm_->handleVia(key); }
+void LfibTrackingSm::KelLfibStatus::onIpLookupVia(const LfibViaKey& key) { sm_->handleVia(key); }
+void LfibTrackingSm::KelLfibStatus::onVlanVia(const LfibViaKey& key) { sm_->handleVia(key); }
+void LfibTrackingSm::KelLfibStatus::onEvpnVlanAwareVia(const LfibViaKey& key) {
+  sm_->handleVia(key);
+}
+void LfibTrackingSm::KelLfibStatus::onEvpnEthernetSegmentFilterVia(const LfibViaKey& key) {
+  sm_->handleVia(key);
+}
+void LfibTrackingSm::KelLfibStatus::onEvpnVlanFloodVia(const LfibViaKey& key) {
+  sm_->handleVia(key);
+}
+void LfibTrackingSm::KelLfibStatus::onEvpnVlanAwareFloodVia(const LfibViaKey& key) {
+  sm_->handleVia(key);
+}
+void LfibTrackingSm::KelLfibStatus::onExtFecVia(const LfibViaKey& key) { sm_->handleVia(key); }
+
+void LfibTrackingSm::KelLfibStatus::onMountGroup() {
+  sm_->mountGroupIs(notifier()->mountGroup());
+}
+
+void LfibTrackingSm::KelMountGroup::onReady() {
+  if (notifier()->ready() && sm_->initialized()) {
+    sm_->handleVias();
+    sm_->handleViaSets();
+    sm_->handleLfibRoutes();
+  }
+}
+
+// ---------------------------------------------------------------------------------------
+// LfibTrackingSm.
+
+LfibTrackingSm::LfibTrackingSm(const LfibStatus::PtrConst& lfibStatus,
+                               const LfibTrackingStatus::Ptr& lfibTrackingStatus,
+                               LfibTrackingMode trackingMode, std::string smTraceName)
+    : lfibStatus_(lfibStatus),
+      lfibTrackingStatus_(lfibTrackingStatus),
+      trackingMode_(trackingMode),
+      smTraceName_(std::move(smTraceName)),
+      kelMountGroup_(this),
+      kelLfibStatus_(this, lfibStatus) {
+  mountGroupIs(lfibStatus_->mountGroup());
+  handleInitialized();
+}
+
+LfibViaSetKey LfibTrackingSm::routeKeyToViaSetKey(const RouteKey& routeKey) const {
+  auto it = routeKeyToViaSetKey_.find(routeKey);
+  return it == routeKeyToViaSetKey_.end() ? LfibViaSetKey() : it->second;
+}
+
+LfibViaSetKeyToLfibViaKeySet::Ptr LfibTrackingSm::viaSetKeyToViaKeySet(
+    const LfibViaSetKey& viaSetKey) const {
+  auto it = viaSetKeyToViaKeySet_.find(viaSetKey);
+  return it == viaSetKeyToViaKeySet_.end() ? nullptr : it->second;
+}
+
+LfibViaKeyToLfibViaSetKeySet::Ptr LfibTrackingSm::viaKeyToViaSetKeySet(
+    const LfibViaKey& viaKey) const {
+  auto it = viaKeyToViaSetKeySet_.find(viaKey);
+  return it == viaKeyToViaSetKeySet_.end() ? nullptr : it->second;
+}
+
+void LfibTrackingSm::mountGroupIs(const Kel::Ptr<Pond::MountGroup>& group) {
+  if (kelMountGroup_.notifier() == group) {
+    return;
+  }
+  kelMountGroup_.notifierIs(group);
+  if (initialized_) {
+    KEL_TRACE(trace, 5, "{} mountGroupIs {}", smTraceName_, group ? group->name() : "(none)");
+    resynchronize();
+  }
+}
+
+void LfibTrackingSm::resynchronize() {
+  // The new group's rows came with no notification, and the old group's are gone.
+  std::vector<LfibViaSetKey> viaSetKeys;
+  viaSetKeys.reserve(viaSetKeyToViaKeySet_.size());
+  for (const auto& [viaSetKey, viaKeys] : viaSetKeyToViaKeySet_) {
+    viaSetKeys.push_back(viaSetKey);
+  }
+  std::vector<RouteKey> routeKeys;
+  routeKeys.reserve(routeKeyToViaSetKey_.size());
+  for (const auto& [routeKey, viaSetKey] : routeKeyToViaSetKey_) {
+    routeKeys.push_back(routeKey);
+  }
+  for (const auto& viaSetKey : viaSetKeys) {
+    handleViaSet(viaSetKey);
+  }
+  for (const auto& routeKey : routeKeys) {
+    handleLfibRoute(routeKey);
+  }
+  handleVias();
+  handleViaSets();
+  handleLfibRoutes();
+}
+
+void LfibTrackingSm::handleInitialized() {
+  KEL_FATAL_ASSERT(!lfibTrackingStatus()->routeKeyBacklogs());
+  KEL_FATAL_ASSERT(!lfibTrackingStatus()->viaSetKeyBacklogs());
+  KEL_FATAL_ASSERT(!lfibTrackingStatus()->viaSetKeyToRouteKeySets());
+  KEL_FATAL_ASSERT(!lfibTrackingStatus()->routeVersions());
+  KEL_TRACE(trace, 5, "{} handleInitialized", smTraceName_);
+  initialized_ = true;
+  handleViaSets();
+  handleLfibRoutes();
+}
+
+void LfibTrackingSm::handleDel() {
+  KEL_TRACE(trace, 5, "{} handleDel", smTraceName_);
+  initialized_ = false;
+  kelMountGroup_.notifierIs(nullptr);
+  kelLfibStatus_.notifierIs(nullptr);
+  lfibStatus_ = nullptr;
+  routeKeyToViaSetKey_.clear();
+  viaSetKeyToViaKeySet_.clear();
+  viaKeyToViaSetKeySet_.clear();
+  lfibTrackingStatus_->routeKeyBacklogDelAll();
+  lfibTrackingStatus_->viaSetKeyBacklogDelAll();
+  lfibTrackingStatus_->viaSetKeyToRouteKeySetDelAll();
+  lfibTrackingStatus_->routeVersionDelAll();
+}
+
+void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey) {
+  KEL_FATAL_ASSERT(initialized());
+  const LfibRoute route = lfibStatus_->lfibRoute(routeKey);
+  const bool present = exists(route);
+  KEL_TRACE(trace, 8, "{} handleLfibRoute {} present: {}", smTraceName_, routeKey, present);
+  auto mapped = routeKeyToViaSetKey_.find(routeKey);
+  if (!present || mapped == routeKeyToViaSetKey_.end() || !(mapped->second == route.viaSetKey())) {
+    delRouteKeyViaSetKeyMapping(routeKey);
+    if (present) {
+      addRouteKeyViaSetKeyMapping(routeKey, route.viaSetKey());
+    }
+  }
+  addRouteKeyBacklog(routeKey);
+  if (present) {
+    updateRouteKeyShadow(routeKey);
+  } else {
+    delRouteKeyShadow(routeKey);
+  }
+}
+
+void LfibTrackingSm::handleViaSet(const LfibViaSetKey& viaSetKey) {
+  KEL_FATAL_ASSERT(initialized());
+  KEL_TRACE(trace, 8, "{} handleViaSet {}", smTraceName_, viaSetKey);
+  indexViaSet(viaSetKey, lfibStatus_->viaSet(viaSetKey));
+  maybeAddBacklogByViaSetKey(viaSetKey);
+}
+
+void LfibTrackingSm::indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet) {
+  const bool present = exists(viaSet);
+  if (present) {
+    // Rewritten with the vias it had (the common case of a route update): nothing to do.
+    auto indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
+    if (indexed != viaSetKeyToViaKeySet_.end()) {
+      const LfibViaSetKeyToLfibViaKeySet& viaKeys = *indexed->second;
+      uint32_t matched = 0;
+      bool same = true;
+      for (const LfibViaKey& viaKey : viaSet.viaKey()) {
+        if (viaKey == LfibViaKey()) {
+          continue;
+        }
+        if (!viaKeys.viaKey(viaKey)) {
+          same = false;
+          break;
+        }
+        ++matched;
+      }
+      // Counted with repeats: a via named twice makes the count differ, and the index is
+      // rebuilt, which is only slower.
+      if (same && matched == viaKeys.viaKeys()) {
+        return;
+      }
+    }
+  }
+  delViaSetKeyViaKeyMapping(viaSetKey);
+  if (present) {
+    for (const LfibViaKey& viaKey : viaSet.viaKey()) {
+      if (!(viaKey == LfibViaKey())) {
+        addViaSetKeyViaKeyMapping(viaSetKey, viaKey);
+      }
+    }
+  }
+}
+
+void LfibTrackingSm::handleVia(const LfibViaKey& viaKey) {
+  KEL_FATAL_ASSERT(initialized());
+  KEL_TRACE(trace, 8, "{} handleVia {}", smTraceName_, viaKey);
+  maybeAddBacklogByViaKey(viaKey);
+}
+
+void LfibTrackingSm::handleVias() {
+  KEL_FATAL_ASSERT(initialized());
+  const LfibStatus& s = *lfibStatus_;
+  std::vector<LfibViaKey> viaKeys;
+  auto collect = [&](const std::vector<LfibViaKey>& keys) {
+    viaKeys.insert(viaKeys.end(), keys.begin(), keys.end());
+  };
+  collect(keysOf<LfibViaKey>([&](auto f) { s.mplsViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.pwViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.ipLookupViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.vlanViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanAwareViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnEthernetSegmentFilterViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanFloodViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanAwareFloodViaForEach(f); }));
+  collect(keysOf<LfibViaKey>([&](auto f) { s.extFecViaForEach(f); }));
+  for (const LfibViaKey& viaKey : viaKeys) {
+    handleVia(viaKey);
+  }
+}
+
+void LfibTrackingSm::handleViaSets() {
+  KEL_FATAL_ASSERT(initialized());
+  for (const LfibViaSetKey& viaSetKey :
+       keysOf<LfibViaSetKey>([&](auto f) { lfibStatus_->viaSetForEach(f); })) {
+    handleViaSet(viaSetKey);
+  }
+}
+
+void LfibTrackingSm::handleLfibRoutes() {
+  KEL_FATAL_ASSERT(initialized());
+  for (const RouteKey& routeKey :
+       keysOf<RouteKey>([&](auto f) { lfibStatus_->lfibRouteForEach(f); })) {
+    handleLfibRoute(routeKey);
+  }
+}
+
+void LfibTrackingSm::addRouteKeyViaSetKeyMapping(const RouteKey& routeKey,
+                                                 const LfibViaSetKey& viaSetKey) {
+  KEL_FATAL_ASSERT(initialized());
+  routeKeyToViaSetKey_[routeKey] = viaSetKey;
+  lfibTrackingStatus_->viaSetKeyToRouteKeySetIs(viaSetKey)->routeKeyIs(routeKey, true);
+}
+
+void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
+  KEL_FATAL_ASSERT(initialized());
+  auto mapped = routeKeyToViaSetKey_.find(routeKey);
+  if (mapped == routeKeyToViaSetKey_.end()) {
+    return;
+  }
+  const LfibViaSetKey viaSetKey = mapped->second;
+  routeKeyToViaSetKey_.erase(mapped);
+  LfibViaSetKeyToRouteKeySet::Ptr viaSetToRouteMap =
+      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
+  KEL_FATAL_ASSERT(!!viaSetToRouteMap);
+  viaSetToRouteMap->routeKeyDel(routeKey);
+  if (!viaSetToRouteMap->routeKeys()) {
+    lfibTrackingStatus_->viaSetKeyToRouteKeySetDel(viaSetKey);
+  }
+}
+
+void LfibTrackingSm::addViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey,
+                                               const LfibViaKey& viaKey) {
+  KEL_FATAL_ASSERT(initialized());
+  auto& viaKeys = viaSetKeyToViaKeySet_[viaSetKey];
+  if (!viaKeys) {
+    viaKeys = Kel::make<LfibViaSetKeyToLfibViaKeySet>(viaSetKey);
+  }
+  viaKeys->viaKeyIs(viaKey, true);
+  auto& viaSetKeys = viaKeyToViaSetKeySet_[viaKey];
+  if (!viaSetKeys) {
+    viaSetKeys = Kel::make<LfibViaKeyToLfibViaSetKeySet>(viaKey);
+  }
+  viaSetKeys->viaSetKeyIs(viaSetKey, true);
+}
+
+void LfibTrackingSm::delViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey) {
+  KEL_FATAL_ASSERT(initialized());
+  auto indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
+  if (indexed == viaSetKeyToViaKeySet_.end()) {
+    return;
+  }
+  const LfibViaSetKeyToLfibViaKeySet::Ptr viaKeys = std::move(indexed->second);
+  viaSetKeyToViaKeySet_.erase(indexed);
+  for (const LfibViaKey& viaKey : viaKeys->viaKeyIter()) {
+    auto found = viaKeyToViaSetKeySet_.find(viaKey);
+    LfibViaKeyToLfibViaSetKeySet* viaToViaSetMap =
+        found == viaKeyToViaSetKeySet_.end() ? nullptr : found->second.get();
+    KEL_FATAL_ASSERT(!!viaToViaSetMap);
+    viaToViaSetMap->viaSetKeyDel(viaSetKey);
+    if (!viaToViaSetMap->viaSetKeys()) {
+      viaKeyToViaSetKeySet_.erase(found);
+    }
+  }
+}
+
+void LfibTrackingSm::addRouteKeyBacklog(const RouteKey& routeKey) {
+  KEL_FATAL_ASSERT(initialized());
+  if (trackingMode_.backlogRoutes()) {
+    lfibTrackingStatus_->routeKeyBacklogIs(routeKey, true);
+  }
+}
+
+void LfibTrackingSm::addViaSetKeyBacklog(const LfibViaSetKey& viaSetKey) {
+  KEL_FATAL_ASSERT(initialized());
+  if (trackingMode_.backlogViaSets()) {
+    lfibTrackingStatus_->viaSetKeyBacklogIs(viaSetKey, true);
+  }
+}
+
+void LfibTrackingSm::updateRouteKeyShadow(const RouteKey& routeKey) {
+  KEL_FATAL_ASSERT(initialized());
+  if (trackingMode_.shadowRouteKeys()) {
+    const uint32_t version = lfibTrackingStatus_->routeVersion(routeKey).version() + 1;
+    lfibTrackingStatus_->routeVersionIs(LfibRouteVersion(routeKey, version));
+  }
+}
+
+void LfibTrackingSm::delRouteKeyShadow(const RouteKey& routeKey) {
+  KEL_FATAL_ASSERT(initialized());
+  if (trackingMode_.shadowRouteKeys()) {
+    lfibTrackingStatus_->routeVersionDel(routeKey);
+  }
+}
+
+void LfibTrackingSm::maybeAddBacklogByViaKey(const LfibViaKey& viaKey) {
+  KEL_FATAL_ASSERT(initialized());
+  auto found = viaKeyToViaSetKeySet_.find(viaKey);
+  if (found == viaKeyToViaSetKeySet_.end()) {
+    return;
+  }
+  const auto viaSetKeys = membersOf<8>(found->second->viaSetKeyIter());
+  for (const LfibViaSetKey& viaSetKey : viaSetKeys) {
+    maybeAddBacklogByViaSetKey(viaSetKey);
+  }
+}
+
+void LfibTrackingSm::maybeAddBacklogByViaSetKey(const LfibViaSetKey& viaSetKey) {
+  KEL_FATAL_ASSERT(initialized());
+  addViaSetKeyBacklog(viaSetKey);
+  const LfibViaSetKeyToRouteKeySet::Ptr routes =
+      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
+  if (!routes) {
+    return;
+  }
+  for (const RouteKey& routeKey : membersOf<16>(routes->routeKeyIter())) {
+    addRouteKeyBacklog(routeKey);
+    updateRouteKeyShadow(routeKey);
+  }
+}
+
+Kel::Ptr<LfibTrackingSm> lfibTrackingSmFactory(const LfibStatus::PtrConst& lfibStatus,
+                                               const LfibTrackingStatus::Ptr& lfibTrackingStatus,
+                                               LfibTrackingMode trackingMode,
+                                               const std::string& smTraceName) {
+  return Kel::make<LfibTrackingSm>(lfibStatus, lfibTrackingStatus, trackingMode, smTraceName);
+}
+
+}  // namespace Mpls

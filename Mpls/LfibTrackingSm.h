@@ -1,0 +1,186 @@
+// LfibTrackingSm: follows an LfibStatus and records, in an LfibTrackingStatus
+// (Mpls/LfibTracking.h), which routes and via sets were touched, directly or through a
+// via they depend on, and a version per route.
+//
+// Two reverse indexes make a via's change reach the routes that forward through it: via
+// -> via sets that use it (kept here, with its mirror via set -> vias) and via set ->
+// routes that use it (kept in the tracking status, for the consumer too). Both via indexes
+// are exact mirrors, and no index entry is left with an empty set.
+//
+// What changes do:
+//   - a route: its index entry follows the route's via set; its key goes to the route
+//     backlog (a deletion too); its version is raised by one, or deleted with the route;
+//   - a via set: its vias are indexed anew; its key goes to the via-set backlog, and every
+//     route that uses it is touched (backlog, version + 1);
+//   - a via (any of the via collections): every via set that uses it is touched as above.
+//     A via no via set uses touches nothing.
+// The LfibTrackingMode decides which of the backlogs and the versions are written; the
+// indexes are kept in every mode. A route or via set rewritten with the mapping it
+// already had leaves its index entries as they are.
+//
+// Roles. On the writer's own LfibStatus the notifications arrive synchronously as the
+// writer changes it. On a reader-role LfibStatus they come from its mount group's
+// processChanges(); rows already present when a table opens come with none, so the state
+// machine makes a pass over all vias, via sets and routes whenever the group becomes
+// ready. When the LfibStatus moves to another mount group, the state machine follows the
+// new group and brings everything it knows in line with the new tables.
+//
+// Lifecycle. Created by the hosting agent through lfibTrackingSmFactory(), which starts it
+// (handleInitialized: one full pass); the agent owns it and it holds both entities. The
+// tracking status must be empty then. handleDel() ends the tracking when the LFIB goes
+// away. Destroying the state machine leaves the tracking status as it is.
+//
+// Failures. A state the machine cannot be in (a handler before initialization, an index
+// entry missing where another names it, a tracking status not empty at the start) is a
+// fatal assertion: the process aborts.
+//
+// Single-threaded: used on the reactor thread of the agent that owns the LfibStatus.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include <absl/container/flat_hash_map.h>
+
+#include "Kel/Entity.h"
+#include "Kel/Value.h"
+#include "Mpls/LfibTracking.h"
+#include "Mpls/MplsLfib.h"
+#include "Pond/MountGroup.h"
+
+namespace Mpls {
+
+class LfibTrackingSm : public Kel::Reactor {
+ public:
+  using Ptr = Kel::Ptr<LfibTrackingSm>;
+
+  // Routes, via sets, vias of every kind, and the mount group of the LFIB status.
+  class KelLfibStatus : public Kel::Nested<LfibStatus::NotifieeConst> {
+   public:
+    KelLfibStatus(LfibTrackingSm* sm, const LfibStatus::PtrConst& lfibStatus);
+    void onLfibRoute(const RouteKey& key) override;
+    void onViaSet(const LfibViaSetKey& key) override;
+    void onMplsVia(const LfibViaKey& key) override;
+    void onPwVia(const LfibViaKey& key) override;
+    void onIpLookupVia(const LfibViaKey& key) override;
+    void onVlanVia(const LfibViaKey& key) override;
+    void onEvpnVlanAwareVia(const LfibViaKey& key) override;
+    void onEvpnEthernetSegmentFilterVia(const LfibViaKey& key) override;
+    void onEvpnVlanFloodVia(const LfibViaKey& key) override;
+    void onEvpnVlanAwareFloodVia(const LfibViaKey& key) override;
+    void onExtFecVia(const LfibViaKey& key) override;
+    void onMountGroup() override;
+
+   private:
+    LfibTrackingSm* sm_;
+  };
+
+  // The `ready` attribute of the LFIB status's mount group.
+  class KelMountGroup : public Kel::Nested<Pond::MountGroup::NotifieeConst> {
+   public:
+    explicit KelMountGroup(LfibTrackingSm* sm) : Nested(sm), sm_(sm) {}
+    void onReady() override;
+
+   private:
+    LfibTrackingSm* sm_;
+  };
+
+  // Watches lfibStatus and its mount group, then runs handleInitialized().
+  LfibTrackingSm(const LfibStatus::PtrConst& lfibStatus,
+                 const LfibTrackingStatus::Ptr& lfibTrackingStatus, LfibTrackingMode trackingMode,
+                 std::string smTraceName);
+
+  // Null after handleDel().
+  const LfibStatus::PtrConst& lfibStatus() const noexcept { return lfibStatus_; }
+  const LfibTrackingStatus::Ptr& lfibTrackingStatus() const noexcept {
+    return lfibTrackingStatus_;
+  }
+  LfibTrackingMode trackingMode() const noexcept { return trackingMode_; }
+  const std::string& smTraceName() const noexcept { return smTraceName_; }
+  // The group whose `ready` is followed; null when the LFIB status has none.
+  Kel::PtrConst<Pond::MountGroup> mountGroup() const { return kelMountGroup_.notifier(); }
+  bool initialized() const noexcept { return initialized_; }
+
+  // The indexes. A key that is not indexed gives the default via-set key, respectively
+  // null.
+  LfibViaSetKey routeKeyToViaSetKey(const RouteKey& routeKey) const;
+  uint32_t routeKeyToViaSetKeys() const noexcept {
+    return static_cast<uint32_t>(routeKeyToViaSetKey_.size());
+  }
+  LfibViaSetKeyToLfibViaKeySet::Ptr viaSetKeyToViaKeySet(const LfibViaSetKey& viaSetKey) const;
+  uint32_t viaSetKeyToViaKeySets() const noexcept {
+    return static_cast<uint32_t>(viaSetKeyToViaKeySet_.size());
+  }
+  LfibViaKeyToLfibViaSetKeySet::Ptr viaKeyToViaSetKeySet(const LfibViaKey& viaKey) const;
+  uint32_t viaKeyToViaSetKeySets() const noexcept {
+    return static_cast<uint32_t>(viaKeyToViaSetKeySet_.size());
+  }
+
+  // Follows `group`'s `ready` (null: none). Once initialized, a group other than the one
+  // followed so far brings the indexes, backlogs and versions in line with what the LFIB
+  // status holds now: known routes and via sets are visited again (those gone are
+  // deleted), then every via, via set and route.
+  void mountGroupIs(const Kel::Ptr<Pond::MountGroup>& group);
+
+  // Aborts unless the tracking status is empty; sets `initialized`, then handleViaSets()
+  // and handleLfibRoutes().
+  void handleInitialized();
+  // The LFIB status goes away: stops following it, forgets the indexes and empties the
+  // tracking status (backlogs, route sets, versions). `initialized` is cleared: no
+  // handler may run afterwards.
+  void handleDel();
+
+  // The handlers. Each aborts unless initialized.
+  void handleLfibRoute(const RouteKey& routeKey);
+  void handleViaSet(const LfibViaSetKey& viaSetKey);
+  void handleVia(const LfibViaKey& viaKey);
+  // handleVia() for every via of every via collection, handleViaSet() for every via set,
+  // handleLfibRoute() for every route of the LFIB status.
+  void handleVias();
+  void handleViaSets();
+  void handleLfibRoutes();
+
+  // The index operations. delRouteKeyViaSetKeyMapping aborts when the route's via set has
+  // no entry in viaSetKeyToRouteKeySet; delViaSetKeyViaKeyMapping when one of the set's
+  // vias has none in viaKeyToViaSetKeySet. Deleting what is not indexed does nothing.
+  void addRouteKeyViaSetKeyMapping(const RouteKey& routeKey, const LfibViaSetKey& viaSetKey);
+  void delRouteKeyViaSetKeyMapping(const RouteKey& routeKey);
+  void addViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey, const LfibViaKey& viaKey);
+  void delViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey);
+
+  // The backlog operations, each subject to the mode (see the top of this file).
+  void addRouteKeyBacklog(const RouteKey& routeKey);
+  void addViaSetKeyBacklog(const LfibViaSetKey& viaSetKey);
+  // The route's version + 1 (from 0 when it has none).
+  void updateRouteKeyShadow(const RouteKey& routeKey);
+  void delRouteKeyShadow(const RouteKey& routeKey);
+  // maybeAddBacklogByViaSetKey() for every via set that uses the via.
+  void maybeAddBacklogByViaKey(const LfibViaKey& viaKey);
+  // The via set to its backlog; every route that uses it to the route backlog, version + 1.
+  void maybeAddBacklogByViaSetKey(const LfibViaSetKey& viaSetKey);
+
+ private:
+  void indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet);
+  void resynchronize();
+
+  LfibStatus::PtrConst lfibStatus_;
+  LfibTrackingStatus::Ptr lfibTrackingStatus_;
+  const LfibTrackingMode trackingMode_;
+  const std::string smTraceName_;
+  bool initialized_ = false;
+  absl::flat_hash_map<RouteKey, LfibViaSetKey, Kel::Hasher<RouteKey>> routeKeyToViaSetKey_;
+  absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToLfibViaKeySet::Ptr, Kel::Hasher<LfibViaSetKey>>
+      viaSetKeyToViaKeySet_;
+  absl::flat_hash_map<LfibViaKey, LfibViaKeyToLfibViaSetKeySet::Ptr, Kel::Hasher<LfibViaKey>>
+      viaKeyToViaSetKeySet_;
+  KelMountGroup kelMountGroup_;
+  KelLfibStatus kelLfibStatus_;
+};
+
+// A started LfibTrackingSm (see above).
+Kel::Ptr<LfibTrackingSm> lfibTrackingSmFactory(const LfibStatus::PtrConst& lfibStatus,
+                                               const LfibTrackingStatus::Ptr& lfibTrackingStatus,
+                                               LfibTrackingMode trackingMode,
+                                               const std::string& smTraceName);
+
+}  // namespace Mpls

@@ -1,0 +1,206 @@
+// LfibIpLookupSm: the (label, VRF, payload type) triples of the IP-lookup routes of an
+// LFIB, kept in step through the route versions of the LFIB's tracking.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Mpls/LfibIpLookupSm.h"
+#include "Mpls/LfibTrackingSm.h"
+#include "platform/Pond/PondTestTypes.h"
+
+namespace {
+
+using namespace Mpls;
+using PondTest::ScopedGroupName;
+
+LfibViaKey ipViaKey(uint32_t index) {
+  return LfibViaKey(LFib::sourceVrfLabel, viaTypeIpLookup, index);
+}
+LfibViaSetKey ipSetKey(uint32_t index) {
+  return LfibViaSetKey(LFib::sourceVrfLabel, index, viaTypeIpLookup, viaSetTypeDefault);
+}
+LfibViaSetKey mplsSetKey(uint32_t index) {
+  return LfibViaSetKey(LFib::sourceVrfLabel, index, viaTypeMplsIp, viaSetTypeEcmp);
+}
+
+// A writer's LFIB, tracked with route versions, and its IP-lookup table.
+struct IpLookupLfib {
+  explicit IpLookupLfib(const std::string& test)
+      : name(test),
+        group(Pond::MountGroup::writer(*name)),
+        lfib(lfibStatusFactory()),
+        tracking(lfibTrackingStatusFactory("ipLookup")),
+        status(lfibIpLookupStatusFactory()) {
+    lfib->mountGroupIs(group);
+  }
+  void start() {
+    trackingSm = lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "t");
+    sm = lfibIpLookupSmFactory(lfib, tracking, status);
+  }
+  void via(uint32_t index, const char* vrf, PayloadType af) {
+    lfib->ipLookupViaIs(LfibIpLookupVia(ipViaKey(index), L3::VrfName(vrf), af));
+  }
+  void viaSet(const LfibViaSetKey& key, const std::vector<LfibViaKey>& vias) {
+    LfibViaSet set(key);
+    uint32_t slot = 0;
+    for (const LfibViaKey& via : vias) {
+      set.viaKeyIs(slot++, via);
+    }
+    lfib->viaSetIs(set);
+  }
+  void route(uint32_t label, const LfibViaSetKey& set) {
+    LfibRoute route;
+    route.keyIs(RouteKey(label));
+    route.viaSetKeyIs(set);
+    lfib->lfibRouteIs(route);
+  }
+  // One IP-lookup route of its own: via, via set and route share `n`.
+  void lookupRoute(uint32_t label, uint32_t n, const char* vrf, PayloadType af) {
+    via(n, vrf, af);
+    viaSet(ipSetKey(n), {ipViaKey(n)});
+    route(label, ipSetKey(n));
+  }
+  // "<label>:<vrf>:<af> ..." sorted.
+  std::string triples() const {
+    std::set<std::string> out;
+    for (const LfibIpLookupStatusLabelVrfAf& t : status->labelVrfAfIter()) {
+      out.insert(fmt::format("{}:{}:{}", t.label().value(), t.vrfName().stringValue(),
+                             t.payloadType()));
+    }
+    return fmt::format("{}", fmt::join(out, " "));
+  }
+
+  ScopedGroupName name;
+  Kel::Ptr<Pond::MountGroup> group;
+  LfibStatus::Ptr lfib;
+  LfibTrackingStatus::Ptr tracking;
+  LfibIpLookupStatus::Ptr status;
+  LfibTrackingSm::Ptr trackingSm;
+  LfibIpLookupSm::Ptr sm;
+};
+
+// Every change of the table: "+<label>:<vrf>" when a triple is there after it, "-" when not.
+struct Changes : LfibIpLookupStatus::NotifieeConst {
+  explicit Changes(const LfibIpLookupStatus::Ptr& s) { notifierIs(s); }
+  void onLabelVrfAf(const LfibIpLookupStatusLabelVrfAf& t) override {
+    seen.push_back(fmt::format("{}{}:{}", notifier()->labelVrfAf(t) ? "+" : "-",
+                               t.label().value(), t.vrfName().stringValue()));
+  }
+  std::vector<std::string> take() { return std::exchange(seen, {}); }
+  std::vector<std::string> seen;
+};
+
+TEST(LfibIpLookupStatusLabelVrfAf, TheWholeTripleIsTheValue) {
+  const LfibIpLookupStatusLabelVrfAf red(100, L3::VrfName("red"), payloadTypeIpv4);
+  EXPECT_EQ(Kel::valueToStrep(red),
+            "Value('Mpls::LfibIpLookupStatusLabelVrfAf', ** {'label': 100, 'vrfName': 'red', "
+            "'payloadType': payloadTypeIpv4})");
+  EXPECT_FALSE(red == LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv6));
+  EXPECT_FALSE(static_cast<bool>(LfibIpLookupStatusLabelVrfAf()));
+  EXPECT_TRUE(static_cast<bool>(red));
+}
+
+TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
+  IpLookupLfib l("ipLookupSteps");
+  l.lookupRoute(100, 1, "red", payloadTypeIpv4);
+  l.lookupRoute(101, 2, "blue", payloadTypeIpv6);
+  l.viaSet(mplsSetKey(9), {});  // an MPLS route never has a triple
+  l.route(300, mplsSetKey(9));
+  // A triple left by an earlier run, for a label that has none now.
+  l.status->labelVrfAfIs(LfibIpLookupStatusLabelVrfAf(555, L3::VrfName("old"), payloadTypeIpv4),
+                         true);
+  l.start();
+  EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv6");
+  EXPECT_EQ(l.sm->vrfAf(100).vrfName(), L3::VrfName("red"));
+
+  Changes changes(l.status);
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+    const char* triples;
+    std::vector<std::string> changes;
+  } steps[] = {
+      {"the via's VRF goes from red to blue", [&] { l.via(1, "blue", payloadTypeIpv4); },
+       "100:blue:payloadTypeIpv4 101:blue:payloadTypeIpv6", {"-100:red", "+100:blue"}},
+      {"the family alone changes", [&] { l.via(1, "blue", payloadTypeAutoDecide); },
+       "100:blue:payloadTypeAutoDecide 101:blue:payloadTypeIpv6", {"-100:blue", "+100:blue"}},
+      {"the route moves to another lookup via set",
+       [&] {
+         l.via(3, "green", payloadTypeIpv6);
+         l.viaSet(ipSetKey(3), {ipViaKey(3)});
+         l.route(100, ipSetKey(3));
+       },
+       "100:green:payloadTypeIpv6 101:blue:payloadTypeIpv6", {"-100:blue", "+100:green"}},
+      {"a new version with the same contents writes nothing",
+       [&] {
+         l.route(100, ipSetKey(3));
+         l.viaSet(ipSetKey(3), {ipViaKey(3)});
+       },
+       "100:green:payloadTypeIpv6 101:blue:payloadTypeIpv6", {}},
+      {"the route stops being an IP lookup", [&] { l.route(101, mplsSetKey(9)); },
+       "100:green:payloadTypeIpv6", {"-101:blue"}},
+      {"and becomes one again", [&] { l.route(101, ipSetKey(2)); },
+       "100:green:payloadTypeIpv6 101:blue:payloadTypeIpv6", {"+101:blue"}},
+      {"the route is deleted", [&] { l.lfib->lfibRouteDel(RouteKey(100)); },
+       "101:blue:payloadTypeIpv6", {"-100:green"}},
+      {"an MPLS route comes and goes", [&] {
+         l.route(301, mplsSetKey(9));
+         l.lfib->lfibRouteDel(RouteKey(301));
+       },
+       "101:blue:payloadTypeIpv6", {}},
+  };
+  for (const Step& step : steps) {
+    step.change();
+    EXPECT_EQ(l.triples(), step.triples) << step.what;
+    EXPECT_EQ(changes.take(), step.changes) << step.what;
+  }
+  EXPECT_EQ(l.sm->vrfAfs(), 1u);
+  EXPECT_FALSE(static_cast<bool>(l.sm->vrfAf(100)));
+}
+
+TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersions) {
+  IpLookupLfib l("ipLookupLate");
+  l.lookupRoute(100, 1, "red", payloadTypeIpv4);
+  l.trackingSm = lfibTrackingSmFactory(l.lfib, l.tracking, LfibTrackingMode(7), "t");
+  l.lookupRoute(101, 2, "blue", payloadTypeIpv4);
+  // Created after the tracking: it finds both routes through their versions.
+  l.sm = lfibIpLookupSmFactory(l.lfib, l.tracking, l.status);
+  EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
+  // Dropped, it no longer follows.
+  l.sm = nullptr;
+  l.lfib->lfibRouteDel(RouteKey(100));
+  EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
+}
+
+TEST(LfibIpLookupSmDeathTest, ABrokenLookupViaSetStopsTheProcess) {
+  // The LFIB's own check refuses two vias, but leaves the via set stored.
+  IpLookupLfib two("ipLookupTwoVias");
+  two.start();
+  two.via(1, "red", payloadTypeIpv4);
+  two.via(2, "blue", payloadTypeIpv4);
+  EXPECT_THROW(two.viaSet(ipSetKey(1), {ipViaKey(1), ipViaKey(2)}), Kel::InternalException);
+  EXPECT_DEATH(two.route(100, ipSetKey(1)),
+               "^Mpls/LfibIpLookupSm:[0-9]+ void Mpls::LfibIpLookupSm::handleRouteVersion\\("
+               "const Mpls::RouteKey&\\) -- fatal assertion failed\\(viaSet.viaKeys\\(\\) == "
+               "1\\)\n$");
+
+  IpLookupLfib none("ipLookupNoVia");
+  none.start();
+  none.viaSet(ipSetKey(1), {});
+  EXPECT_DEATH(none.route(100, ipSetKey(1)), "fatal assertion failed\\(viaSet.viaKeys\\(\\) == 1\\)");
+
+  IpLookupLfib missing("ipLookupMissingVia");
+  missing.start();
+  missing.viaSet(ipSetKey(1), {ipViaKey(7)});
+  EXPECT_DEATH(missing.route(100, ipSetKey(1)),
+               "^Mpls/LfibIpLookupSm:[0-9]+ void Mpls::LfibIpLookupSm::handleRouteVersion\\("
+               "const Mpls::RouteKey&\\) -- fatal assertion failed\\(!!viaKey\\)\n$");
+}
+
+}  // namespace

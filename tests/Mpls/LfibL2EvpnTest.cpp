@@ -1,0 +1,286 @@
+// LfibL2EvpnSm: the layer-2 decapsulation entries of the VLAN and EVPN routes of an LFIB,
+// kept in step with the routes' versions, the tag-to-VLAN maps and the EVPN control-word
+// preference.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "Mpls/LfibL2EvpnSm.h"
+#include "Mpls/LfibTrackingSm.h"
+#include "platform/Pond/PondTestTypes.h"
+
+namespace {
+
+using namespace Mpls;
+using PondTest::ScopedGroupName;
+
+LfibViaKey viaKey(LfibViaType type, uint32_t index) {
+  return LfibViaKey(LFib::sourceEvpn, type, index);
+}
+LfibViaSetKey setKey(LfibViaType type, uint32_t index) {
+  return LfibViaSetKey(LFib::sourceEvpn, index, type, viaSetTypeDefault);
+}
+LfibDot1qTagToVlanKey mapKey(uint32_t index) {
+  return LfibDot1qTagToVlanKey(LFib::sourceEvpn, index);
+}
+
+// A writer's LFIB with the EVPN MPLS configuration, tracked with route versions, and its
+// layer-2 EVPN tables.
+struct L2Lfib {
+  explicit L2Lfib(const std::string& test)
+      : name(test),
+        group(Pond::MountGroup::writer(*name)),
+        lfib(lfibStatusFactory()),
+        tracking(lfibTrackingStatusFactory("l2Evpn")),
+        status(lfibL2EvpnStatusFactory()),
+        config(Evpn::mplsConfigFactory()) {
+    lfib->mountGroupIs(group);
+  }
+  void start() {
+    trackingSm = lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "t");
+    sm = lfibL2EvpnSmFactory(lfib, tracking, status, config);
+  }
+  // Via `n` of `type` (with a VLAN or a map index), its via set `n`, and route `label`.
+  void route(uint32_t label, LfibViaType type, uint32_t n, uint16_t vlanOrMap = 0) {
+    const LfibViaKey via = viaKey(type, n);
+    switch (type) {
+      case viaTypeVlan:
+        lfib->vlanViaIs(LfibVlanVia(via, vlanOrMap, lfibFlagNone));
+        break;
+      case viaTypeEvpnVlanFlood:
+        lfib->evpnVlanFloodViaIs(LfibEvpnVlanFloodVia(via, vlanOrMap, lfibFlagNone));
+        break;
+      case viaTypeEvpnVlanAware:
+        lfib->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(via, mapKey(vlanOrMap), lfibFlagNone));
+        break;
+      case viaTypeEvpnVlanAwareFlood:
+        lfib->evpnVlanAwareFloodViaIs(
+            LfibEvpnVlanAwareFloodVia(via, mapKey(vlanOrMap), lfibFlagNone));
+        break;
+      default:
+        break;
+    }
+    LfibViaSet set(setKey(type, n));
+    if (type != viaTypeMplsIp) {
+      set.viaKeyIs(0, via);
+    }
+    lfib->viaSetIs(set);
+    LfibRoute r;
+    r.keyIs(RouteKey(label));
+    r.viaSetKeyIs(set.key());
+    lfib->lfibRouteIs(r);
+  }
+  void tag(uint32_t map, uint16_t tag, uint16_t vlan) {
+    lfib->dot1qTagToVlanCollIs(mapKey(map))->dot1qTagToVlanIdIs(tag, vlan);
+  }
+  // "<label>:<dstVlanId>:<cw or ->:<x (dot1qXlate) or -> ..." sorted; "!" marks an entry
+  // whose payload type is not Ethernet or whose key is not its label.
+  std::string labelInfos() const {
+    std::set<std::string> out;
+    for (const auto& [label, i] : status->labelInfoIter()) {
+      const bool sane = i.payloadType() == payloadTypeEthernet && i.label() == label;
+      out.insert(fmt::format("{}:{}:{}:{}{}", label.value(), i.dstVlanId().value(),
+                             i.hasControlWord() ? "cw" : "-", i.dot1qXlate() ? "x" : "-",
+                             sane ? "" : "!"));
+    }
+    return fmt::format("{}", fmt::join(out, " "));
+  }
+  // "<label>/<tag>:<vlan> ..." sorted.
+  std::string decaps() const {
+    std::set<std::string> out;
+    for (const auto& [key, vlan] : status->vlanAwareDecapKeyToVlanIdIter()) {
+      out.insert(fmt::format("{}/{}:{}", key.label().value(), key.dot1qTag().value(), vlan.value()));
+    }
+    return fmt::format("{}", fmt::join(out, " "));
+  }
+
+  ScopedGroupName name;
+  Kel::Ptr<Pond::MountGroup> group;
+  LfibStatus::Ptr lfib;
+  LfibTrackingStatus::Ptr tracking;
+  LfibL2EvpnStatus::Ptr status;
+  Evpn::MplsConfig::Ptr config;
+  LfibTrackingSm::Ptr trackingSm;
+  LfibL2EvpnSm::Ptr sm;
+};
+
+// Every change of the tables, in order: "+<label>:<dstVlanId>" or "-<label>" for labelInfo,
+// "+<label>/<tag>:<vlan>" or "-<label>/<tag>" for the decap entries.
+struct Changes : LfibL2EvpnStatus::NotifieeConst {
+  explicit Changes(const LfibL2EvpnStatus::Ptr& s) { notifierIs(s); }
+  void onLabelInfo(const Netbase::MplsLabel& label) override {
+    seen.push_back(notifier()->labelInfoHas(label)
+                       ? fmt::format("+{}:{}", label.value(),
+                                     notifier()->labelInfo(label).dstVlanId().value())
+                       : fmt::format("-{}", label.value()));
+  }
+  void onVlanAwareDecapKeyToVlanId(const VlanAwareDecapKey& k) override {
+    const std::string key = fmt::format("{}/{}", k.label().value(), k.dot1qTag().value());
+    seen.push_back(notifier()->vlanAwareDecapKeyToVlanIdHas(k)
+                       ? fmt::format("+{}:{}", key, notifier()->vlanAwareDecapKeyToVlanId(k).value())
+                       : "-" + key);
+  }
+  std::vector<std::string> take() { return std::exchange(seen, {}); }
+  std::vector<std::string> seen;
+};
+
+TEST(LfibL2EvpnStatusLabelInfo, TextForms) {
+  EXPECT_EQ(Kel::valueToStrep(LfibL2EvpnStatusLabelInfo(100, 10, true, payloadTypeEthernet, false)),
+            "Value('Mpls::LfibL2EvpnStatusLabelInfo', ** {'label': 100, 'dstVlanId': 10, "
+            "'hasControlWord': True, 'payloadType': payloadTypeEthernet, 'dot1qXlate': False})");
+  EXPECT_EQ(Kel::valueToStrep(VlanAwareDecapKey(100, 5)),
+            "Value('Mpls::VlanAwareDecapKey', ** {'label': 100, 'dot1qTag': 5})");
+}
+
+TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesAndLosesThemWithItsRoute) {
+  L2Lfib l("l2Kinds");
+  l.tag(1, 5, 50);
+  l.tag(1, 6, 60);
+  l.tag(1, 7, 0);  // no VLAN: no entry
+  l.tag(2, 8, 80);
+  l.route(100, viaTypeVlan, 1, 10);
+  l.route(101, viaTypeEvpnVlanFlood, 2, 11);
+  l.route(102, viaTypeEvpnVlanAware, 3, 1);
+  l.route(103, viaTypeEvpnVlanAwareFlood, 4, 2);
+  l.route(104, viaTypeMplsIp, 5);
+  l.lfib->evpnEthernetSegmentFilterViaIs(
+      LfibEvpnEthernetSegmentFilterVia(viaKey(viaTypeEvpnEthernetSegment, 6), {}));
+  LfibViaSet esSet(setKey(viaTypeEvpnEthernetSegment, 6));
+  esSet.viaKeyIs(0, viaKey(viaTypeEvpnEthernetSegment, 6));
+  l.lfib->viaSetIs(esSet);
+  LfibRoute esRoute;
+  esRoute.keyIs(RouteKey(105));
+  esRoute.viaSetKeyIs(esSet.key());
+  l.lfib->lfibRouteIs(esRoute);
+  // Entries of an earlier run go at the start.
+  l.status->labelInfoIs(999, LfibL2EvpnStatusLabelInfo(999, 9, false, payloadTypeEthernet, false));
+  l.status->vlanAwareDecapKeyToVlanIdIs(VlanAwareDecapKey(999, 9), 9);
+  l.start();
+  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:x 103:0:-:x");
+  EXPECT_EQ(l.decaps(), "102/5:50 102/6:60 103/8:80");
+  EXPECT_EQ(l.sm->routeViaTypes(), 4u);
+  EXPECT_EQ(l.sm->routeViaType(RouteKey(103)), viaTypeEvpnVlanAwareFlood);
+  EXPECT_EQ(l.sm->vlanAwareRouteKeyToDot1qTagVlanKey(RouteKey(102)), mapKey(1));
+
+  for (uint32_t label : {100, 102, 101, 103, 104, 105}) {
+    l.lfib->lfibRouteDel(RouteKey(label));
+  }
+  EXPECT_EQ(l.labelInfos(), "");
+  EXPECT_EQ(l.decaps(), "");
+  EXPECT_EQ(l.sm->routeViaTypes(), 0u);
+  EXPECT_FALSE(l.sm->vlanAwareDot1qTagVlanToRouteKeySet(mapKey(1)));
+}
+
+TEST(LfibL2EvpnSm, TheControlWordPreferenceRewritesEveryEntryAndNothingElse) {
+  L2Lfib l("l2ControlWord");
+  l.tag(1, 5, 50);
+  l.route(100, viaTypeVlan, 1, 10);
+  l.route(101, viaTypeEvpnVlanFlood, 2, 11);
+  l.route(102, viaTypeEvpnVlanAware, 3, 1);
+  l.start();
+  Changes changes(l.status);
+  l.config->controlWordIs(true);
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:x");
+  std::vector<std::string> seen = changes.take();
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::string>{"+100:10", "+101:11", "+102:0"}));
+  // Routes that come later take the preference too.
+  l.route(103, viaTypeVlan, 4, 12);
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:x 103:12:cw:-");
+  l.config->controlWordIs(false);
+  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:x 103:12:-:-");
+  EXPECT_EQ(l.decaps(), "102/5:50");
+}
+
+TEST(LfibL2EvpnSm, AViaKindChangeWithdrawsTheOldEntriesBeforeTheNewOnes) {
+  L2Lfib l("l2KindChange");
+  l.tag(1, 5, 50);
+  l.tag(1, 6, 60);
+  l.route(100, viaTypeVlan, 1, 10);
+  l.start();
+  Changes changes(l.status);
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+    std::vector<std::string> changes;
+  } steps[] = {
+      {"VLAN via to VLAN-aware via", [&] { l.route(100, viaTypeEvpnVlanAware, 2, 1); },
+       {"-100", "+100:0", "+100/5:50", "+100/6:60"}},
+      {"an identical new version", [&] { l.route(100, viaTypeEvpnVlanAware, 2, 1); }, {}},
+      {"VLAN-aware to an MPLS via set", [&] { l.route(100, viaTypeMplsIp, 3); },
+       {"-100/5", "-100/6", "-100"}},
+      {"to a flood via", [&] { l.route(100, viaTypeEvpnVlanFlood, 4, 11); }, {"+100:11"}},
+      {"the flood via's VLAN changes", [&] { l.route(100, viaTypeEvpnVlanFlood, 4, 12); },
+       {"+100:12"}},
+      {"to a VLAN-aware flood via", [&] { l.route(100, viaTypeEvpnVlanAwareFlood, 5, 1); },
+       {"-100", "+100:0", "+100/5:50", "+100/6:60"}},
+  };
+  for (const Step& step : steps) {
+    step.change();
+    std::vector<std::string> seen = changes.take();
+    // The order among the decap entries of one step is the map's.
+    auto firstDecap = std::find_if(seen.begin(), seen.end(),
+                                   [](const std::string& s) { return s.find('/') != s.npos; });
+    auto lastDecap = std::find_if(firstDecap, seen.end(),
+                                  [](const std::string& s) { return s.find('/') == s.npos; });
+    std::sort(firstDecap, lastDecap);
+    EXPECT_EQ(seen, step.changes) << step.what;
+  }
+}
+
+TEST(LfibL2EvpnSm, DecapEntriesFollowTheMapTheirRouteNames) {
+  L2Lfib l("l2Maps");
+  l.tag(1, 5, 50);
+  l.tag(1, 6, 60);
+  l.tag(2, 8, 80);
+  l.route(100, viaTypeEvpnVlanAware, 1, 1);
+  l.route(101, viaTypeEvpnVlanAwareFlood, 2, 1);
+  l.route(102, viaTypeEvpnVlanAware, 3, 2);
+  l.route(103, viaTypeVlan, 4, 10);
+  l.start();
+  EXPECT_EQ(l.decaps(), "100/5:50 100/6:60 101/5:50 101/6:60 102/8:80");
+
+  LfibDot1qTagToVlan::Ptr removed;
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+    const char* decaps;
+  } steps[] = {
+      {"a tag added", [&] { l.tag(1, 9, 90); },
+       "100/5:50 100/6:60 100/9:90 101/5:50 101/6:60 101/9:90 102/8:80"},
+      {"a tag's VLAN changes", [&] { l.tag(1, 5, 51); },
+       "100/5:51 100/6:60 100/9:90 101/5:51 101/6:60 101/9:90 102/8:80"},
+      {"a tag's VLAN goes to 0", [&] { l.tag(1, 6, 0); },
+       "100/5:51 100/9:90 101/5:51 101/9:90 102/8:80"},
+      {"a tag removed", [&] { l.lfib->dot1qTagToVlanColl(mapKey(1))->dot1qTagToVlanIdDel(9); },
+       "100/5:51 101/5:51 102/8:80"},
+      {"the whole map removed", [&] { removed = l.lfib->dot1qTagToVlanCollDel(mapKey(1)); },
+       "102/8:80"},
+      {"the removed map is no longer followed", [&] { removed->dot1qTagToVlanIdIs(7, 70); },
+       "102/8:80"},
+      {"a new map under its key is", [&] { l.tag(1, 5, 52); }, "100/5:52 101/5:52 102/8:80"},
+      {"a via that names another map",
+       [&] {
+         l.lfib->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(viaKey(viaTypeEvpnVlanAware, 1),
+                                                         mapKey(2), lfibFlagNone));
+       },
+       "100/8:80 101/5:52 102/8:80"},
+      {"a tag of the old map no longer reaches it", [&] { l.tag(1, 5, 53); },
+       "100/8:80 101/5:53 102/8:80"},
+  };
+  for (const Step& step : steps) {
+    step.change();
+    EXPECT_EQ(l.decaps(), step.decaps) << step.what;
+  }
+  EXPECT_EQ(l.labelInfos(), "100:0:-:x 101:0:-:x 102:0:-:x 103:10:-:-");
+  EXPECT_EQ(l.sm->dot1qTagToVlanColls(), 2u);
+}
+
+}  // namespace
