@@ -14,13 +14,18 @@
 // over the same LfibStatus: a change of routeVersion[key] (a new version, or its deletion
 // with the route) runs handleRouteVersion(key).
 //
-// Lifecycle. Created by the hosting agent through lfibIpLookupSmFactory(), which starts it
+// Lifecycle. Created by the hosting agent through lfibIpLookupSmFactory() (or
+// LfibIpLookupSmIs(), which returns the one already there), which starts it
 // (handleInitialized: the status is emptied, then every route that has a version is
 // visited); the agent owns it and it holds the three entities. Destroying it leaves the
 // status as it is. Handlers do nothing before initialization.
 //
 // Failures. An IP-lookup via set that does not hold exactly one via key, or whose via is
-// missing, means the LFIB is broken: a fatal assertion, the process aborts.
+// missing, means the LFIB is broken: a fatal assertion, the process aborts. In a reading
+// process the route, its via set and its via are read one after the other while the
+// writer goes on; when the route or the via set read differently a moment later, the
+// writer changed them in between, and the label waits for that change's notification
+// instead (as it waits for the mount group to be ready while tables are still opening).
 //
 // Single-threaded: used on the reactor thread of the agent that owns the LfibStatus.
 #pragma once
@@ -77,6 +82,10 @@ class LfibIpLookupSm : public Kel::Reactor {
   void handleRouteVersion(const RouteKey& routeKey);
 
  private:
+  // Whether what was read of the route and its via set may not be one state of the LFIB:
+  // its mount group is not ready, or they read differently now.
+  bool lfibInFlux(const RouteKey& routeKey, const LfibRoute& route,
+                  const LfibViaSet& viaSet) const;
   void vrfAfIs(const LfibIpLookupStatusLabelVrfAf& triple) { vrfAf_.set(triple.label(), triple); }
   void vrfAfDel(const Netbase::MplsLabel& label) { vrfAf_.erase(label); }
 
@@ -92,5 +101,11 @@ class LfibIpLookupSm : public Kel::Reactor {
 Kel::Ptr<LfibIpLookupSm> lfibIpLookupSmFactory(
     const LfibStatus::PtrConst& lfibStatus, const LfibTrackingStatus::PtrConst& lfibTrackingStatus,
     const LfibIpLookupStatus::Ptr& lfibIpLookupStatus);
+
+// The create-or-return form: the live LfibIpLookupSm that already derives
+// lfibIpLookupStatus from lfibStatus through lfibTrackingStatus, or else a new one.
+Kel::Ptr<LfibIpLookupSm> LfibIpLookupSmIs(const LfibStatus::PtrConst& lfibStatus,
+                                          const LfibTrackingStatus::PtrConst& lfibTrackingStatus,
+                                          const LfibIpLookupStatus::Ptr& lfibIpLookupStatus);
 
 }  // namespace Mpls

@@ -84,7 +84,8 @@ LfibL2EvpnSm::KelDot1qTagToVlanColl::KelDot1qTagToVlanColl(
 }
 
 void LfibL2EvpnSm::KelDot1qTagToVlanColl::onDot1qTagToVlanId(const Bridging::VlanId& tag) {
-  sm_->handleDot1qTagToVlan(notifier()->key(), tag);
+  const LfibDot1qTagToVlanKey key = notifier()->key();
+  sm_->handleDot1qTagToVlan(key, tag);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -269,10 +270,13 @@ void LfibL2EvpnSm::createVlanAwareKind(const RouteKey& routeKey, const LfibViaKe
   routeViaType_[routeKey] = viaKey.viaType();
   updateLabelInfo(LfibL2EvpnStatusLabelInfo(routeKey.topLabel(), Bridging::VlanId(),
                                             evpnMplsConfig_->controlWord(), payloadTypeEthernet,
-                                            true));
+                                            false));
   auto recorded = vlanAwareRouteKeyToDot1qTagVlanKey_.find(routeKey);
   if (recorded != vlanAwareRouteKeyToDot1qTagVlanKey_.end() && !(recorded->second == mapKey)) {
-    withdrawVlanAwareRoute(routeKey, recorded->second);
+    // A copy: withdrawing notifies the status's readers, who may change the LFIB and with
+    // it this index.
+    const LfibDot1qTagToVlanKey oldMapKey = recorded->second;
+    withdrawVlanAwareRoute(routeKey, oldMapKey);
   }
   KEL_TRACE(trace, 8, "{} route {} dot1qTagToVlanKey {}", what, routeKey, mapKey);
   vlanAwareRouteKeyToDot1qTagVlanKey_[routeKey] = mapKey;
@@ -304,7 +308,8 @@ void LfibL2EvpnSm::deleteEvpnVlanAwareFloodVia(const RouteKey& routeKey) {
 void LfibL2EvpnSm::deleteVlanAwareKind(const RouteKey& routeKey) {
   auto recorded = vlanAwareRouteKeyToDot1qTagVlanKey_.find(routeKey);
   if (recorded != vlanAwareRouteKeyToDot1qTagVlanKey_.end()) {
-    withdrawVlanAwareRoute(routeKey, recorded->second);
+    const LfibDot1qTagToVlanKey mapKey = recorded->second;
+    withdrawVlanAwareRoute(routeKey, mapKey);
   }
   deleteLabelInfo(routeKey);
 }
@@ -323,11 +328,12 @@ void LfibL2EvpnSm::withdrawVlanAwareRoute(const RouteKey& routeKey,
       lfibL2EvpnStatus_->vlanAwareDecapKeyToVlanIdDel(decapKey);
     }
   }
-  auto routes = vlanAwareDot1qTagVlanToRouteKeySet_.find(mapKey);
-  if (routes != vlanAwareDot1qTagVlanToRouteKeySet_.end()) {
-    routes->second->routeKeySetDel(routeKey);
-    if (!routes->second->routeKeySets()) {
-      vlanAwareDot1qTagVlanToRouteKeySet_.erase(routes);
+  if (VlanAwareDot1qTagVlanRouteKeySet::Ptr routes = vlanAwareDot1qTagVlanToRouteKeySet(mapKey)) {
+    routes->routeKeySetDel(routeKey);
+    auto entry = vlanAwareDot1qTagVlanToRouteKeySet_.find(mapKey);
+    if (!routes->routeKeySets() && entry != vlanAwareDot1qTagVlanToRouteKeySet_.end() &&
+        entry->second == routes) {
+      vlanAwareDot1qTagVlanToRouteKeySet_.erase(entry);
     }
   }
   vlanAwareRouteKeyToDot1qTagVlanKey_.erase(routeKey);
@@ -339,7 +345,10 @@ void LfibL2EvpnSm::deleteRoute(const RouteKey& routeKey) {
     return;
   }
   KEL_TRACE(trace, 8, "deleteRoute route {}", routeKey);
+  // Forgotten first: the deletions below notify the status's readers, and a route that
+  // comes back from there must stay recorded.
   const LfibViaType viaType = recorded->second;
+  routeViaType_.erase(recorded);
   switch (viaType) {
     case viaTypeVlan:
       deleteVlanVia(routeKey);
@@ -356,7 +365,6 @@ void LfibL2EvpnSm::deleteRoute(const RouteKey& routeKey) {
     default:
       break;
   }
-  routeViaType_.erase(routeKey);
 }
 
 void LfibL2EvpnSm::handleDot1qTagToVlan(const LfibDot1qTagToVlanKey& key,
@@ -439,6 +447,24 @@ Kel::Ptr<LfibL2EvpnSm> lfibL2EvpnSmFactory(const LfibStatus::PtrConst& lfibStatu
                                            const Evpn::MplsConfig::PtrConst& evpnMplsConfig) {
   return Kel::make<LfibL2EvpnSm>(lfibStatus, lfibTrackingStatus, lfibL2EvpnStatus,
                                  evpnMplsConfig);
+}
+
+Kel::Ptr<LfibL2EvpnSm> LfibL2EvpnSmIs(const LfibStatus::PtrConst& lfibStatus,
+                                      const LfibTrackingStatus::PtrConst& lfibTrackingStatus,
+                                      const LfibL2EvpnStatus::Ptr& lfibL2EvpnStatus,
+                                      const Evpn::MplsConfig::PtrConst& evpnMplsConfig) {
+  for (Kel::NotifieeBase* notifiee : lfibStatus->notifieeList().members()) {
+    const auto* kel = dynamic_cast<const LfibL2EvpnSm::KelLfibStatus*>(notifiee);
+    if (!kel) {
+      continue;
+    }
+    auto* sm = static_cast<LfibL2EvpnSm*>(kel->owner());
+    if (!sm->isZombie() && sm->lfibTrackingStatus() == lfibTrackingStatus &&
+        sm->lfibL2EvpnStatus() == lfibL2EvpnStatus && sm->evpnMplsConfig() == evpnMplsConfig) {
+      return Kel::Ptr<LfibL2EvpnSm>(sm);
+    }
+  }
+  return lfibL2EvpnSmFactory(lfibStatus, lfibTrackingStatus, lfibL2EvpnStatus, evpnMplsConfig);
 }
 
 }  // namespace Mpls

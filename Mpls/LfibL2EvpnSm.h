@@ -6,9 +6,10 @@
 // flood via, an EVPN VLAN-aware via or an EVPN VLAN-aware flood via; routes of other kinds
 // produce no entries. Per handled route, keyed by its top label:
 //   - labelInfo: {label, dstVlanId, hasControlWord, payloadTypeEthernet, dot1qXlate}.
-//     VLAN and VLAN flood vias give their VLAN and dot1qXlate false; VLAN-aware vias have
-//     no VLAN of their own: dstVlanId 0 and dot1qXlate true. hasControlWord is the EVPN
-//     configuration's control-word preference (Evpn::MplsConfig::controlWord); when it
+//     VLAN and VLAN flood vias give their VLAN; VLAN-aware vias have no VLAN of their own
+//     (dstVlanId 0: their VLANs are in the decap entries below). dot1qXlate is false for
+//     every kind: the tag translation of VLAN-aware routes is those decap entries.
+//     hasControlWord is the EVPN configuration's control-word preference (Evpn::MplsConfig::controlWord); when it
 //     changes, every entry is rewritten with it and nothing else changes.
 //   - for VLAN-aware vias, vlanAwareDecapKeyToVlanId[{label, tag}] for every tag of the
 //     tag-to-VLAN map the via names (LfibStatus::dot1qTagToVlanColl), with the tag's VLAN.
@@ -24,7 +25,8 @@
 // over the same LfibStatus. In a reading process the LfibStatus's tag-to-VLAN maps are
 // rebuilt by LfibStatusConsumerSm (Mpls/LfibStatusSm.h).
 //
-// Lifecycle. Created by the hosting agent through lfibL2EvpnSmFactory(), which starts it
+// Lifecycle. Created by the hosting agent through lfibL2EvpnSmFactory() (or
+// LfibL2EvpnSmIs(), which returns the one already there), which starts it
 // (handleInitialized: both tables emptied, then every route that has a version visited);
 // the agent owns it and it holds the four entities. Destroying it leaves the status as it
 // is. Handlers do nothing before initialization.
@@ -189,5 +191,12 @@ Kel::Ptr<LfibL2EvpnSm> lfibL2EvpnSmFactory(const LfibStatus::PtrConst& lfibStatu
                                            const LfibTrackingStatus::PtrConst& lfibTrackingStatus,
                                            const LfibL2EvpnStatus::Ptr& lfibL2EvpnStatus,
                                            const Evpn::MplsConfig::PtrConst& evpnMplsConfig);
+
+// The create-or-return form: the live LfibL2EvpnSm that already derives lfibL2EvpnStatus
+// from the same LFIB, tracking status and configuration, or else a new one.
+Kel::Ptr<LfibL2EvpnSm> LfibL2EvpnSmIs(const LfibStatus::PtrConst& lfibStatus,
+                                      const LfibTrackingStatus::PtrConst& lfibTrackingStatus,
+                                      const LfibL2EvpnStatus::Ptr& lfibL2EvpnStatus,
+                                      const Evpn::MplsConfig::PtrConst& evpnMplsConfig);
 
 }  // namespace Mpls

@@ -176,18 +176,27 @@ void LfibTrackingSm::handleDel() {
 
 void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey) {
   KEL_FATAL_ASSERT(initialized());
+  const uint64_t pass = ++routePasses_;
   const LfibRoute route = lfibStatus_->lfibRoute(routeKey);
   const bool present = exists(route);
   KEL_TRACE(trace, 8, "{} handleLfibRoute {} present: {}", smTraceName_, routeKey, present);
   auto mapped = routeKeyToViaSetKey_.find(routeKey);
   if (!present || mapped == routeKeyToViaSetKey_.end() || !(mapped->second == route.viaSetKey())) {
     delRouteKeyViaSetKeyMapping(routeKey);
+    if (routePasses_ != pass) {
+      // A notifiee of the route set changed the LFIB and a route was handled meanwhile,
+      // perhaps this one: what was read of it may be stale.
+      handleLfibRoute(routeKey);
+      return;
+    }
     if (present) {
       addRouteKeyViaSetKeyMapping(routeKey, route.viaSetKey());
     }
   }
   addRouteKeyBacklog(routeKey);
-  if (present) {
+  // The index, not what was read, says whether the route is there: the notifiees of the
+  // steps above may have changed it, and it has been handled anew then.
+  if (routeKeyToViaSetKey_.contains(routeKey)) {
     updateRouteKeyShadow(routeKey);
   } else {
     delRouteKeyShadow(routeKey);
@@ -247,18 +256,16 @@ void LfibTrackingSm::handleVias() {
   KEL_FATAL_ASSERT(initialized());
   const LfibStatus& s = *lfibStatus_;
   std::vector<LfibViaKey> viaKeys;
-  auto collect = [&](const std::vector<LfibViaKey>& keys) {
-    viaKeys.insert(viaKeys.end(), keys.begin(), keys.end());
-  };
-  collect(keysOf<LfibViaKey>([&](auto f) { s.mplsViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.pwViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.ipLookupViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.vlanViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanAwareViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnEthernetSegmentFilterViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanFloodViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.evpnVlanAwareFloodViaForEach(f); }));
-  collect(keysOf<LfibViaKey>([&](auto f) { s.extFecViaForEach(f); }));
+  auto collect = [&](const auto& row) { viaKeys.push_back(row.key()); };
+  s.mplsViaForEach(collect);
+  s.pwViaForEach(collect);
+  s.ipLookupViaForEach(collect);
+  s.vlanViaForEach(collect);
+  s.evpnVlanAwareViaForEach(collect);
+  s.evpnEthernetSegmentFilterViaForEach(collect);
+  s.evpnVlanFloodViaForEach(collect);
+  s.evpnVlanAwareFloodViaForEach(collect);
+  s.extFecViaForEach(collect);
   for (const LfibViaKey& viaKey : viaKeys) {
     handleVia(viaKey);
   }
@@ -299,7 +306,10 @@ void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
       lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
   KEL_FATAL_ASSERT(!!viaSetToRouteMap);
   viaSetToRouteMap->routeKeyDel(routeKey);
-  if (!viaSetToRouteMap->routeKeys()) {
+  // The consumer hears of the removal and may change the LFIB from there: delete the entry
+  // only if it is still the one just emptied.
+  if (!viaSetToRouteMap->routeKeys() &&
+      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey) == viaSetToRouteMap) {
     lfibTrackingStatus_->viaSetKeyToRouteKeySetDel(viaSetKey);
   }
 }
@@ -325,17 +335,25 @@ void LfibTrackingSm::delViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey) {
   if (indexed == viaSetKeyToViaKeySet_.end()) {
     return;
   }
+  // Out of the index first: a notifiee of the entries below may bring this via set back
+  // while its old vias are being unlinked.
   const LfibViaSetKeyToLfibViaKeySet::Ptr viaKeys = std::move(indexed->second);
   viaSetKeyToViaKeySet_.erase(indexed);
   for (const LfibViaKey& viaKey : viaKeys->viaKeyIter()) {
-    auto found = viaKeyToViaSetKeySet_.find(viaKey);
-    LfibViaKeyToLfibViaSetKeySet* viaToViaSetMap =
-        found == viaKeyToViaSetKeySet_.end() ? nullptr : found->second.get();
+    LfibViaKeyToLfibViaSetKeySet::Ptr viaToViaSetMap = viaKeyToViaSetKeySet(viaKey);
     KEL_FATAL_ASSERT(!!viaToViaSetMap);
     viaToViaSetMap->viaSetKeyDel(viaSetKey);
     if (!viaToViaSetMap->viaSetKeys()) {
-      viaKeyToViaSetKeySet_.erase(found);
+      auto found = viaKeyToViaSetKeySet_.find(viaKey);
+      if (found != viaKeyToViaSetKeySet_.end() && found->second == viaToViaSetMap) {
+        viaKeyToViaSetKeySet_.erase(found);
+      }
     }
+  }
+  // Whoever still holds the entry (a notifiee included) sees it emptied; otherwise it
+  // simply goes.
+  if (viaKeys->kelRefCount() > 1) {
+    viaKeys->viaKeyDelAll();
   }
 }
 
@@ -374,9 +392,13 @@ void LfibTrackingSm::maybeAddBacklogByViaKey(const LfibViaKey& viaKey) {
   if (found == viaKeyToViaSetKeySet_.end()) {
     return;
   }
-  const auto viaSetKeys = membersOf<8>(found->second->viaSetKeyIter());
-  for (const LfibViaSetKey& viaSetKey : viaSetKeys) {
-    maybeAddBacklogByViaSetKey(viaSetKey);
+  // Worked through from a copy, each member checked before use: the backlog's notifiees
+  // may change the LFIB, and these sets with it.
+  const LfibViaKeyToLfibViaSetKeySet::Ptr viaSets = found->second;
+  for (const LfibViaSetKey& viaSetKey : membersOf<8>(viaSets->viaSetKeyIter())) {
+    if (viaSets->viaSetKey(viaSetKey)) {
+      maybeAddBacklogByViaSetKey(viaSetKey);
+    }
   }
 }
 
@@ -388,9 +410,14 @@ void LfibTrackingSm::maybeAddBacklogByViaSetKey(const LfibViaSetKey& viaSetKey) 
   if (!routes) {
     return;
   }
+  // As above: a route deleted or moved meanwhile has been handled on its own.
   for (const RouteKey& routeKey : membersOf<16>(routes->routeKeyIter())) {
-    addRouteKeyBacklog(routeKey);
-    updateRouteKeyShadow(routeKey);
+    if (routes->routeKey(routeKey)) {
+      addRouteKeyBacklog(routeKey);
+      if (routes->routeKey(routeKey)) {
+        updateRouteKeyShadow(routeKey);
+      }
+    }
   }
 }
 
@@ -399,6 +426,24 @@ Kel::Ptr<LfibTrackingSm> lfibTrackingSmFactory(const LfibStatus::PtrConst& lfibS
                                                LfibTrackingMode trackingMode,
                                                const std::string& smTraceName) {
   return Kel::make<LfibTrackingSm>(lfibStatus, lfibTrackingStatus, trackingMode, smTraceName);
+}
+
+Kel::Ptr<LfibTrackingSm> LfibTrackingSmIs(const LfibStatus::PtrConst& lfibStatus,
+                                          const LfibTrackingStatus::Ptr& lfibTrackingStatus,
+                                          LfibTrackingMode trackingMode,
+                                          const std::string& smTraceName) {
+  for (Kel::NotifieeBase* notifiee : lfibStatus->notifieeList().members()) {
+    const auto* kel = dynamic_cast<const LfibTrackingSm::KelLfibStatus*>(notifiee);
+    if (!kel) {
+      continue;
+    }
+    auto* sm = static_cast<LfibTrackingSm*>(kel->owner());
+    if (!sm->isZombie() && sm->initialized() && sm->lfibTrackingStatus() == lfibTrackingStatus &&
+        sm->trackingMode() == trackingMode && sm->smTraceName() == smTraceName) {
+      return Kel::Ptr<LfibTrackingSm>(sm);
+    }
+  }
+  return lfibTrackingSmFactory(lfibStatus, lfibTrackingStatus, trackingMode, smTraceName);
 }
 
 }  // namespace Mpls

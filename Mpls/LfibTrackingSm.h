@@ -25,7 +25,8 @@
 // ready. When the LfibStatus moves to another mount group, the state machine follows the
 // new group and brings everything it knows in line with the new tables.
 //
-// Lifecycle. Created by the hosting agent through lfibTrackingSmFactory(), which starts it
+// Lifecycle. Created by the hosting agent through lfibTrackingSmFactory() (or
+// LfibTrackingSmIs(), which returns the one already there), which starts it
 // (handleInitialized: one full pass); the agent owns it and it holds both entities. The
 // tracking status must be empty then. handleDel() ends the tracking when the LFIB goes
 // away. Destroying the state machine leaves the tracking status as it is.
@@ -168,6 +169,8 @@ class LfibTrackingSm : public Kel::Reactor {
   const LfibTrackingMode trackingMode_;
   const std::string smTraceName_;
   bool initialized_ = false;
+  // Counts handleLfibRoute() calls, so that one can tell it was re-entered.
+  uint64_t routePasses_ = 0;
   absl::flat_hash_map<RouteKey, LfibViaSetKey, Kel::Hasher<RouteKey>> routeKeyToViaSetKey_;
   absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToLfibViaKeySet::Ptr, Kel::Hasher<LfibViaSetKey>>
       viaSetKeyToViaKeySet_;
@@ -182,5 +185,12 @@ Kel::Ptr<LfibTrackingSm> lfibTrackingSmFactory(const LfibStatus::PtrConst& lfibS
                                                const LfibTrackingStatus::Ptr& lfibTrackingStatus,
                                                LfibTrackingMode trackingMode,
                                                const std::string& smTraceName);
+
+// The create-or-return form: the live LfibTrackingSm that already follows lfibStatus with
+// the same tracking status, mode and trace name, or else a new one as from the factory.
+Kel::Ptr<LfibTrackingSm> LfibTrackingSmIs(const LfibStatus::PtrConst& lfibStatus,
+                                          const LfibTrackingStatus::Ptr& lfibTrackingStatus,
+                                          LfibTrackingMode trackingMode,
+                                          const std::string& smTraceName);
 
 }  // namespace Mpls

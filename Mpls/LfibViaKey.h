@@ -18,6 +18,8 @@ class LfibViaKey {
             (LFib::Source, source),
             (LfibViaType, viaType),
             (uint32_t, index));
+  // The via index allocator counts indices upwards.
+  KEL_HASH_ORDINAL(index)
 };
 
 static_assert(sizeof(LfibViaKey) == 12 && std::is_trivially_copyable_v<LfibViaKey> &&

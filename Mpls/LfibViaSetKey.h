@@ -18,6 +18,8 @@ class LfibViaSetKey {
             (uint32_t, index),
             (LfibViaType, viaType),
             (LfibViaSetType, viaSetType));
+  // The via index allocator counts indices upwards.
+  KEL_HASH_ORDINAL(index)
 };
 
 static_assert(sizeof(LfibViaSetKey) == 16 && std::is_trivially_copyable_v<LfibViaSetKey> &&

@@ -232,20 +232,24 @@ uint32_t LfibViaSet::deserializeLen(const uint8_t* in, size_t len) {
 
 uint32_t LfibViaSet::deserialize(const uint8_t* in, size_t len) {
   uint32_t need = deserializeLen(in, len);
+  // The record is whole; only its flags can still be refused, and they are read first.
+  uint32_t flagBits;
+  std::memcpy(&flagBits, in + 36, sizeof(flagBits));
+  const LfibViaSetFlags flags(flagBits);
   Kel::ByteReader r(in, need);
-  LfibViaSet v;
-  v.key_ = r.get<LfibViaSetKey>();
-  v.backupViaSetKey_ = r.get<LfibViaSetKey>();
-  v.isUsableAsPrimaryVia_ = r.get<uint8_t>() != 0;
+  key_ = r.get<LfibViaSetKey>();
+  backupViaSetKey_ = r.get<LfibViaSetKey>();
+  isUsableAsPrimaryVia_ = r.get<uint8_t>() != 0;
   r.skip(3);
-  v.flags_ = LfibViaSetFlags(r.get<uint32_t>());
-  v.resetFailoverState_ = r.get<uint8_t>() != 0;
+  r.get<uint32_t>();
+  flags_ = flags;
+  resetFailoverState_ = r.get<uint8_t>() != 0;
   r.skip(3);
   uint32_t count = r.get<uint32_t>();
+  viaKey_.delAll();
   for (uint32_t i = 0; i < count; ++i) {
-    v.viaKey_.set(i, r.get<LfibViaKey>());
+    viaKey_.set(i, r.get<LfibViaKey>());
   }
-  *this = std::move(v);
   return need;
 }
 

@@ -9,6 +9,8 @@
 //     slot lowers the count and then drops every default element that is now last;
 //   - delAll() sets the count to 0;
 //   - iteration runs over the slots below the count, in index order.
+// Only the slots below the count are kept: creating, copying, comparing or emptying an
+// array costs its count, not its capacity. Elements are trivially copyable.
 // An index outside 0..N-1 is refused by the index type's range check. Equality compares
 // the count and the slots below it.
 //
@@ -32,6 +34,8 @@ template <class T, uint32_t N, class IndexT>
 class FixedArray {
   static_assert(IndexT::kelMin == 0 && IndexT::kelMax == N - 1,
                 "the index type must span the array's capacity");
+  static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>,
+                "fixed arrays hold plain values");
 
  public:
   using value_type = T;
@@ -39,16 +43,32 @@ class FixedArray {
   using const_iterator = const T*;
   static constexpr uint32_t capacity = N;
 
-  FixedArray() { slots_.fill(defaultElement()); }
+  FixedArray() noexcept {}
+  FixedArray(const FixedArray& o) noexcept : count_(o.count_) {
+    std::memcpy(slots_, o.slots_, sizeof(T) * count_);
+  }
+  FixedArray& operator=(const FixedArray& o) noexcept {
+    if (this != &o) {
+      count_ = o.count_;
+      std::memmove(slots_, o.slots_, sizeof(T) * count_);
+    }
+    return *this;
+  }
 
   uint32_t count() const noexcept { return count_; }
   bool empty() const noexcept { return count_ == 0; }
 
-  const T& at(Index i) const noexcept { return slots_[i.value()]; }
+  const T& at(Index i) const noexcept {
+    uint32_t idx = i.value();
+    return idx < count_ ? slots_[idx] : defaultElement();
+  }
   const T& operator[](Index i) const noexcept { return at(i); }
 
   void set(Index i, const T& e) {
     uint32_t idx = i.value();
+    for (uint32_t gap = count_; gap < idx; ++gap) {
+      slots_[gap] = defaultElement();
+    }
     slots_[idx] = e;
     if (idx >= count_) {
       count_ = idx + 1;
@@ -70,17 +90,12 @@ class FixedArray {
     }
     return removed;
   }
-  T del(const_iterator it) { return del(Index(static_cast<uint32_t>(it - slots_.data()))); }
+  T del(const_iterator it) { return del(Index(static_cast<uint32_t>(it - slots_))); }
 
-  void delAll() {
-    for (uint32_t i = 0; i < count_; ++i) {
-      slots_[i] = defaultElement();
-    }
-    count_ = 0;
-  }
+  void delAll() noexcept { count_ = 0; }
 
-  const_iterator begin() const noexcept { return slots_.data(); }
-  const_iterator end() const noexcept { return slots_.data() + count_; }
+  const_iterator begin() const noexcept { return slots_; }
+  const_iterator end() const noexcept { return slots_ + count_; }
 
   friend bool operator==(const FixedArray& a, const FixedArray& b) {
     if (a.count_ != b.count_) {
@@ -152,7 +167,7 @@ class FixedArray {
     std::memcpy(out, &count_, 4);
     std::memcpy(out + 4, &cap, 2);
     std::memcpy(out + 6, &elem, 1);
-    std::memcpy(out + kBinaryHeadLen, slots_.data(), count_ * sizeof(T));
+    std::memcpy(out + kBinaryHeadLen, slots_, count_ * sizeof(T));
     return serializeLen();
   }
   // Reads the array from `in` (`len` bytes available); returns the bytes read. Throws
@@ -162,8 +177,7 @@ class FixedArray {
     uint32_t need = deserializeLen(in, len);
     uint32_t count;
     std::memcpy(&count, in, 4);
-    delAll();
-    std::memcpy(slots_.data(), in + kBinaryHeadLen, count * sizeof(T));
+    std::memcpy(slots_, in + kBinaryHeadLen, count * sizeof(T));
     count_ = count;
     return need;
   }
@@ -195,7 +209,9 @@ class FixedArray {
   }
 
   uint32_t count_ = 0;
-  std::array<T, N> slots_;
+  union {
+    T slots_[N];  // only the first count_ are alive
+  };
 };
 
 }  // namespace Kel

@@ -490,8 +490,38 @@ constexpr bool isWordImage() {
 
 }  // namespace internal
 
+// A key numbered from a counter (a label, an index handed out in sequence) may name that
+// number, its ordinal, with KEL_HASH_ORDINAL(field). Its hash then keeps the ordinal's low
+// kHashOrdinalBits bits as its own low bits and draws the rest from the whole key with
+// those bits cleared: keys with neighbouring ordinals land in neighbouring buckets of a
+// table indexed by the hash's low bits, so that a walk in key order reads memory in order,
+// while blocks of 2^kHashOrdinalBits ordinals are spread over the table as by any hash.
+constexpr uint32_t kHashOrdinalBits = 6;
+
+template <class T>
+concept OrdinalHash = requires(const T& v, T& m, uint32_t o) {
+  { v.kelHashOrdinal() } -> std::same_as<uint32_t>;
+  m.kelHashOrdinalIs(o);
+};
+
+template <class T>
+uint32_t hashOfValue(const T& v, uint32_t seed);
+
 template <class T>
 uint32_t hashOf(const T& v, uint32_t seed = 0) {
+  if constexpr (OrdinalHash<T>) {
+    constexpr uint32_t lowMask = (1u << kHashOrdinalBits) - 1;
+    const uint32_t ordinal = v.kelHashOrdinal();
+    T block = v;
+    block.kelHashOrdinalIs(ordinal & ~lowMask);
+    return (hashOfValue(block, seed) & ~lowMask) | (ordinal & lowMask);
+  } else {
+    return hashOfValue(v, seed);
+  }
+}
+
+template <class T>
+uint32_t hashOfValue(const T& v, uint32_t seed) {
   if constexpr (internal::isWordImage<T>() &&
                 sizeof(T) <= HashAccumulator::kBlockWords * sizeof(uint32_t)) {
     // The same words as below, read from the value itself.

@@ -96,6 +96,10 @@ std::string schemaOf() {
            ...);
         },
         T::kelFields());
+    if constexpr (OrdinalHash<T>) {
+      // Hashed otherwise than by its fields alone: tables of it are laid out otherwise.
+      s += "#ordinal" + std::to_string(kHashOrdinalBits);
+    }
     return s + "}";
   } else if constexpr (KelEnum<T>) {
     return std::string(kelEnumInfo(static_cast<T*>(nullptr)).typeName) + "/" +
@@ -130,7 +134,26 @@ struct Hasher {
   }
 };
 
+namespace internal {
+
+template <class F>
+constexpr uint32_t ordinalOf(const F& f) noexcept {
+  if constexpr (std::is_integral_v<F>) {
+    return static_cast<uint32_t>(f);
+  } else {
+    return static_cast<uint32_t>(f.value());
+  }
+}
+
+}  // namespace internal
+
 }  // namespace Kel
+
+// Inside a KEL_VALUE class: names the field that numbers the key (see Kel::hashOf). The
+// field is a 32-bit unsigned number or a range of one.
+#define KEL_HASH_ORDINAL(field)                                                      \
+  uint32_t kelHashOrdinal() const noexcept { return ::Kel::internal::ordinalOf(field##_); } \
+  void kelHashOrdinalIs(uint32_t o) noexcept { field##_ = decltype(field##_)(o); }
 
 #define KEL_VALUE_PARAM_(ctx, f) KEL_PP_APPLY(KEL_VALUE_PARAM__, f)
 #define KEL_VALUE_PARAM__(T, n, ...) const T& n

@@ -10,8 +10,10 @@
 
 #include <fmt/format.h>
 
+#include "Kel/Trace.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
+#include "Pond/PondMap.h"
 #include "platform/Pond/PondTestTypes.h"
 
 namespace {
@@ -176,6 +178,73 @@ TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersions) {
   l.sm = nullptr;
   l.lfib->lfibRouteDel(RouteKey(100));
   EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
+}
+
+TEST(LfibIpLookupSm, TracesItsMappingsAndTheIsFormReturnsTheMachineThere) {
+  IpLookupLfib l("ipLookupTrace");
+  l.start();
+  std::vector<std::string> lines;
+  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
+    if (facility.name() == "LfibIpLookupSm") {
+      lines.emplace_back(message);
+    }
+  });
+  Kel::traceConfigIs("LfibIpLookupSm/*");
+  l.lookupRoute(100, 1, "red", payloadTypeIpv4);
+  l.route(100, ipSetKey(1));
+  Kel::traceSinkIs({});
+  Kel::traceConfigIs("");
+  EXPECT_EQ(lines, (std::vector<std::string>{
+                       "updating mapping label= 100 vrfName= red af= payloadTypeIpv4",
+                       "no change for label= 100",
+                   }));
+
+  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, l.status), l.sm);
+  auto other = lfibIpLookupStatusFactory();
+  auto second = LfibIpLookupSmIs(l.lfib, l.tracking, other);
+  EXPECT_NE(second, l.sm);
+  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, other), second);
+  EXPECT_EQ(other->labelVrfAfs(), 1u);
+}
+
+// A reader mounts the group while the writer is still creating its tables: a route may be
+// heard of before the via-set table opens. Its via set reads as absent then, which is no
+// broken LFIB: the label waits for the group to be ready.
+TEST(LfibIpLookupSm, OnAReaderARouteHeardBeforeItsViaSetTableOpensWaitsForReadiness) {
+  ScopedGroupName name("ipLookupOpening");
+  auto readerGroup = Pond::MountGroup::reader(*name);
+  auto lfib = lfibStatusFactory();
+  lfib->mountGroupIs(readerGroup);
+  auto tracking = lfibTrackingStatusFactory("reader");
+  auto trackingSm =
+      lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "reader");
+  auto status = lfibIpLookupStatusFactory();
+  auto sm = lfibIpLookupSmFactory(lfib, tracking, status);
+
+  auto writerGroup = Pond::MountGroup::writer(*name);
+  {
+    Pond::PondMap<RouteKey, LfibRoute> routes(writerGroup, "lfibRoute",
+                                              LfibStatusSizing().lfibRoute);
+    readerGroup->processChanges();
+    LfibRoute route;
+    route.keyIs(RouteKey(100));
+    route.viaSetKeyIs(ipSetKey(1));
+    routes.upsert(route);
+    readerGroup->processChanges();
+    EXPECT_FALSE(readerGroup->ready());
+    EXPECT_EQ(tracking->routeVersion(RouteKey(100)).version(), 1u);
+    EXPECT_EQ(status->labelVrfAfs(), 0u);
+  }
+  auto writer = lfibStatusFactory();
+  writer->mountGroupIs(writerGroup);
+  writer->ipLookupViaIs(LfibIpLookupVia(ipViaKey(1), L3::VrfName("red"), payloadTypeIpv4));
+  LfibViaSet set(ipSetKey(1));
+  set.viaKeyIs(0, ipViaKey(1));
+  writer->viaSetIs(set);
+  readerGroup->processChanges();
+  ASSERT_TRUE(readerGroup->ready());
+  ASSERT_EQ(status->labelVrfAfs(), 1u);
+  EXPECT_EQ(sm->vrfAf(100), LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv4));
 }
 
 TEST(LfibIpLookupSmDeathTest, ABrokenLookupViaSetStopsTheProcess) {

@@ -12,7 +12,9 @@
 
 #include <fmt/format.h>
 
+#include "Kel/Trace.h"
 #include "Mpls/LfibL2EvpnSm.h"
+#include "Mpls/LfibStatusSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "platform/Pond/PondTestTypes.h"
 
@@ -163,7 +165,7 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesAndLosesThemWithItsRoute) {
   l.status->labelInfoIs(999, LfibL2EvpnStatusLabelInfo(999, 9, false, payloadTypeEthernet, false));
   l.status->vlanAwareDecapKeyToVlanIdIs(VlanAwareDecapKey(999, 9), 9);
   l.start();
-  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:x 103:0:-:x");
+  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:- 103:0:-:-");
   EXPECT_EQ(l.decaps(), "102/5:50 102/6:60 103/8:80");
   EXPECT_EQ(l.sm->routeViaTypes(), 4u);
   EXPECT_EQ(l.sm->routeViaType(RouteKey(103)), viaTypeEvpnVlanAwareFlood);
@@ -187,15 +189,15 @@ TEST(LfibL2EvpnSm, TheControlWordPreferenceRewritesEveryEntryAndNothingElse) {
   l.start();
   Changes changes(l.status);
   l.config->controlWordIs(true);
-  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:x");
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:-");
   std::vector<std::string> seen = changes.take();
   std::sort(seen.begin(), seen.end());
   EXPECT_EQ(seen, (std::vector<std::string>{"+100:10", "+101:11", "+102:0"}));
   // Routes that come later take the preference too.
   l.route(103, viaTypeVlan, 4, 12);
-  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:x 103:12:cw:-");
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:- 103:12:cw:-");
   l.config->controlWordIs(false);
-  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:x 103:12:-:-");
+  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:- 103:12:-:-");
   EXPECT_EQ(l.decaps(), "102/5:50");
 }
 
@@ -279,8 +281,158 @@ TEST(LfibL2EvpnSm, DecapEntriesFollowTheMapTheirRouteNames) {
     step.change();
     EXPECT_EQ(l.decaps(), step.decaps) << step.what;
   }
-  EXPECT_EQ(l.labelInfos(), "100:0:-:x 101:0:-:x 102:0:-:x 103:10:-:-");
+  EXPECT_EQ(l.labelInfos(), "100:0:-:- 101:0:-:- 102:0:-:- 103:10:-:-");
   EXPECT_EQ(l.sm->dot1qTagToVlanColls(), 2u);
+}
+
+// A reader of the tables that writes the LFIB from inside a notification (the writer's own
+// agent may): when route 100's first decap entry goes, it adds 64 VLAN-aware routes,
+// enough to regrow every index of the state machine under the withdrawal in progress.
+TEST(LfibL2EvpnSm, AReaderWritingTheLfibFromANotificationLeavesConsistentTables) {
+  L2Lfib l("l2Reentry");
+  l.tag(1, 5, 50);
+  l.tag(1, 6, 60);
+  l.tag(2, 8, 80);
+  l.route(100, viaTypeEvpnVlanAware, 1, 1);
+  l.start();
+  struct Interloper : LfibL2EvpnStatus::NotifieeConst {
+    explicit Interloper(L2Lfib& lfib) : l(lfib) { notifierIs(l.status); }
+    void onVlanAwareDecapKeyToVlanId(const VlanAwareDecapKey& k) override {
+      if (!done && !notifier()->vlanAwareDecapKeyToVlanIdHas(k)) {
+        done = true;
+        for (uint32_t n = 0; n < 64; ++n) {
+          l.route(200 + n, viaTypeEvpnVlanAware, 10 + n, 2);
+        }
+      }
+    }
+    L2Lfib& l;
+    bool done = false;
+  } interloper(l);
+
+  // The via of route 100 moves from map 1 to map 2.
+  l.route(100, viaTypeEvpnVlanAware, 1, 2);
+  ASSERT_TRUE(interloper.done);
+  EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanIds(), 65u);
+  EXPECT_EQ(l.status->labelInfos(), 65u);
+  for (uint32_t label = 200; label < 264; ++label) {
+    EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanId(VlanAwareDecapKey(label, 8)).value(), 80)
+        << label;
+  }
+  EXPECT_FALSE(l.sm->vlanAwareDot1qTagVlanToRouteKeySet(mapKey(1)));
+  EXPECT_EQ(l.sm->vlanAwareDot1qTagVlanToRouteKeySet(mapKey(2))->routeKeySets(), 65u);
+  // Map 1 reaches nobody any more; map 2 reaches all 65 routes and only them.
+  l.tag(1, 5, 55);
+  l.tag(2, 9, 90);
+  EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanIds(), 130u);
+  l.lfib->dot1qTagToVlanCollDel(mapKey(2));
+  EXPECT_EQ(l.decaps(), "");
+}
+
+// In a forwarding agent the LFIB is a reader-role LfibStatus: rows present when the tables
+// open come with no notification, and the tag-to-VLAN maps are rebuilt from their shared
+// table. The reader mounts before the writer exists and derives, step by step, what the
+// writer's own LfibL2EvpnSm derives.
+TEST(LfibL2EvpnSm, OnAReaderTheTablesFollowTheWritersLfib) {
+  ScopedGroupName name("l2Reader");
+  auto group = Pond::MountGroup::reader(*name);
+  auto lfib = lfibStatusFactory();
+  lfib->mountGroupIs(group);
+  auto consumer = lfibStatusConsumerSmFactory(lfib);
+  auto tracking = lfibTrackingStatusFactory("reader");
+  auto trackingSm =
+      lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "reader");
+  auto status = lfibL2EvpnStatusFactory();
+  auto config = Evpn::mplsConfigFactory();
+  auto sm = lfibL2EvpnSmFactory(lfib, tracking, status, config);
+
+  L2Lfib w("l2Reader");  // the same group
+  auto producer = lfibStatusProducerSmFactory(w.lfib);
+  w.start();
+
+  // Both sides as text: the writer's tables are the expectation.
+  auto tables = [](const LfibL2EvpnStatus& s) {
+    std::set<std::string> out;
+    for (const auto& [label, i] : s.labelInfoIter()) {
+      out.insert(Kel::valueToStrep(i));
+    }
+    for (const auto& [key, vlan] : s.vlanAwareDecapKeyToVlanIdIter()) {
+      out.insert(fmt::format("{}:{}", Kel::valueToStrep(key), vlan.value()));
+    }
+    return fmt::format("{}", fmt::join(out, "\n"));
+  };
+  struct Step {
+    const char* what;
+    std::function<void()> change;
+  } steps[] = {
+      {"the writer's first rows",
+       [&] {
+         w.tag(1, 5, 50);
+         w.tag(1, 6, 60);
+         w.route(100, viaTypeVlan, 1, 10);
+         w.route(101, viaTypeEvpnVlanAware, 2, 1);
+         w.route(102, viaTypeEvpnVlanAwareFlood, 3, 1);
+       }},
+      {"a tag changes VLAN", [&] { w.tag(1, 5, 51); }},
+      {"a VLAN route becomes VLAN-aware", [&] { w.route(100, viaTypeEvpnVlanAware, 4, 1); }},
+      {"a route goes", [&] { w.lfib->lfibRouteDel(RouteKey(101)); }},
+      {"the control word",
+       [&] {
+         w.config->controlWordIs(true);
+         config->controlWordIs(true);
+       }},
+      {"the map goes", [&] { w.lfib->dot1qTagToVlanCollDel(mapKey(1)); }},
+  };
+  for (const Step& step : steps) {
+    step.change();
+    group->processChanges();
+    ASSERT_TRUE(group->ready()) << step.what;
+    EXPECT_EQ(tables(*status), tables(*w.status)) << step.what;
+  }
+  EXPECT_EQ(w.decaps(), "");
+  EXPECT_EQ(w.labelInfos(), "100:0:cw:- 102:0:cw:-");
+}
+
+TEST(LfibL2EvpnSm, TracesWhatItWritesAndTheIsFormReturnsTheMachineThere) {
+  L2Lfib l("l2Trace");
+  l.tag(1, 5, 50);
+  l.start();
+  std::string text;
+  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
+    if (facility.name() == "LfibL2EvpnSm") {
+      text += std::string(message) + "\n";
+    }
+  });
+  Kel::traceConfigIs("LfibL2EvpnSm/*");
+  l.route(100, viaTypeVlan, 1, 10);
+  l.config->controlWordIs(true);
+  l.route(100, viaTypeEvpnVlanAware, 2, 1);
+  l.tag(1, 5, 0);
+  l.lfib->lfibRouteDel(RouteKey(100));
+  Kel::traceSinkIs({});
+  Kel::traceConfigIs("");
+  const std::string route = "Value('Mpls::RouteKey', ** {'label': 100})";
+  const std::string decap = "Value('Mpls::VlanAwareDecapKey', ** {'label': 100, 'dot1qTag': 5})";
+  for (const std::string& fragment : {
+           "createVlanVia route " + route + " via Value('Mpls::LfibViaKey', ",
+           std::string(" updating mapping label:100 dstVlanId:10 hasControlWord:false "
+                       "payloadType:payloadTypeEthernet\n"),
+           std::string("Updated controlWord preference: true\n"),
+           std::string(" updating mapping label:100 dstVlanId:10 hasControlWord:true "),
+           "deleteRoute route " + route + "\n",
+           std::string(" deleting labelinfo for:100 dstVlanId:10 hasControlWord:true "
+                       "payloadType:payloadTypeEthernet\n"),
+           "createEvpnVlanAwareVia route " + route + " via ",
+           "create " + decap,
+           " deleting " + decap,
+       }) {
+    EXPECT_NE(text.find(fragment), std::string::npos) << fragment << "\nin:\n" << text;
+  }
+
+  EXPECT_EQ(LfibL2EvpnSmIs(l.lfib, l.tracking, l.status, l.config), l.sm);
+  auto other = lfibL2EvpnStatusFactory();
+  auto second = LfibL2EvpnSmIs(l.lfib, l.tracking, other, l.config);
+  EXPECT_NE(second, l.sm);
+  EXPECT_EQ(LfibL2EvpnSmIs(l.lfib, l.tracking, other, l.config), second);
 }
 
 }  // namespace

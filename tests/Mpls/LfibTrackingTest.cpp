@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
@@ -202,6 +203,9 @@ TEST(LfibTrackingSm, RoutesAndViaSetsMoveDisappearAndTakeTheirIndexEntriesAlong)
   auto t = lfibTrackingStatusFactory("test");
   auto sm = lfibTrackingSmFactory(w.status, t, LfibTrackingMode(7), "test");
   LfibStatus& s = *w.status;
+  // An entry held by someone is emptied when its via set goes.
+  const LfibViaSetKeyToLfibViaKeySet::Ptr heldEntry = sm->viaSetKeyToViaKeySet(setKey(1));
+  ASSERT_TRUE(heldEntry);
   struct Step {
     const char* what;
     std::function<void()> change;
@@ -242,6 +246,8 @@ TEST(LfibTrackingSm, RoutesAndViaSetsMoveDisappearAndTakeTheirIndexEntriesAlong)
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(2)), "");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(3)), "2");
+  EXPECT_FALSE(sm->viaSetKeyToViaKeySet(setKey(1)));
+  EXPECT_EQ(heldEntry->viaKeys(), 0u);
   EXPECT_EQ(sm->viaKeyToViaSetKeySets(), 1u);
   EXPECT_EQ(sm->viaSetKeyToViaKeySets(), 1u);
   EXPECT_EQ(sm->routeKeyToViaSetKeys(), 4u);
@@ -283,6 +289,130 @@ TEST(LfibTrackingSm, TheModeDecidesWhatIsWrittenNotWhatIsIndexed) {
     EXPECT_EQ(routeSetsOf(*t), "1{102} 2{100 103 104 105}") << mode;
     EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "1 2") << mode;
   }
+}
+
+// The indexes and versions as the LFIB says they must be: "<via-set index>{<labels>} ...
+// | via <index>: <via-set indices> ... | <labels with a version>".
+std::string expectedIndexes(const LfibStatus& s) {
+  std::map<uint32_t, std::set<uint32_t>> routeSets;
+  std::set<uint32_t> labels;
+  s.lfibRouteForEach([&](const LfibRoute& r) {
+    routeSets[r.viaSetKey().index()].insert(r.key().topLabel().value());
+    labels.insert(r.key().topLabel().value());
+  });
+  std::map<uint32_t, std::set<uint32_t>> viaSets;
+  s.viaSetForEach([&](const LfibViaSet& set) {
+    for (const LfibViaKey& via : set.viaKey()) {
+      viaSets[via.index()].insert(set.key().index());
+    }
+  });
+  std::vector<std::string> out;
+  for (const auto& [index, routes] : routeSets) {
+    out.push_back(fmt::format("{}{{{}}}", index, joined(routes)));
+  }
+  std::string text = joined(out) + " |";
+  for (const auto& [index, sets] : viaSets) {
+    text += fmt::format(" via {}: {}", index, joined(sets));
+  }
+  return text + " | " + joined(labels);
+}
+
+// The same, from what the state machine keeps.
+std::string trackedIndexes(const LfibTrackingSm& sm, const LfibTrackingStatus& t,
+                           const LfibStatus& s) {
+  std::set<uint32_t> viaIndexes;
+  s.mplsViaForEach([&](const LfibMplsVia& via) { viaIndexes.insert(via.key().index()); });
+  std::string text = routeSetsOf(t) + " |";
+  for (uint32_t index : viaIndexes) {
+    const std::string sets = viaSetsOf(sm, mplsViaKey(index));
+    if (!sets.empty()) {
+      text += fmt::format(" via {}: {}", index, sets);
+    }
+  }
+  std::set<uint32_t> labels;
+  for (const auto& [key, version] : t.routeVersionIter()) {
+    labels.insert(key.topLabel().value());
+  }
+  return text + " | " + joined(labels);
+}
+
+// A consumer in the writer's own agent may write the LFIB from inside a notification of
+// the tracking status. Whatever it changes from there, the indexes and versions must match
+// the LFIB exactly afterwards.
+TEST(LfibTrackingSm, AConsumerWritingTheLfibFromANotificationLeavesExactIndexes) {
+  ScopedGroupName name("reentry");
+  WriterLfib w(*name);
+  writeSharedVia(w);
+  auto t = lfibTrackingStatusFactory("test");
+  auto sm = lfibTrackingSmFactory(w.status, t, LfibTrackingMode(7), "test");
+  drain(*t);
+  // Each reaction runs once, at the next notification of its kind.
+  struct Consumer : LfibTrackingStatus::NotifieeConst {
+    explicit Consumer(const LfibTrackingStatus::Ptr& t) { notifierIs(t); }
+    void onRouteKeyBacklog(const RouteKey&) override {
+      if (auto react = std::exchange(onBacklog, nullptr)) {
+        react();
+      }
+    }
+    void onViaSetKeyToRouteKeySet(const LfibViaSetKey&) override {
+      if (auto react = std::exchange(onRouteSet, nullptr)) {
+        react();
+      }
+    }
+    std::function<void()> onBacklog, onRouteSet;
+  } consumer(t);
+
+  // On the first backlog entry a via change causes: 64 routes join the via set being
+  // worked through, others go or move, and via sets change.
+  consumer.onBacklog = [&] {
+    for (uint32_t label = 300; label < 364; ++label) {
+      w.route(label, setKey(1));
+    }
+    w.status->lfibRouteDel(RouteKey(101));
+    w.route(103, setKey(1));
+    w.mplsVia(3);
+    w.viaSet(setKey(2), {mplsViaKey(3)});
+    w.viaSet(setKey(5), {mplsViaKey(1), mplsViaKey(3)});
+    w.route(105, setKey(5));
+  };
+  w.mplsVia(1, 2);
+  EXPECT_FALSE(consumer.onBacklog);
+  EXPECT_EQ(trackedIndexes(*sm, *t, *w.status), expectedIndexes(*w.status));
+  drain(*t);
+  w.mplsVia(1, 3);
+  EXPECT_EQ(t->routeKeyBacklogs(), 3u + 64u + 1u) << "every route the via reaches now";
+  EXPECT_EQ(t->viaSetKeyBacklogs(), 2u);
+
+  // A new route deleted as soon as it is reported.
+  consumer.onBacklog = [&] { w.status->lfibRouteDel(RouteKey(106)); };
+  w.route(106, setKey(2));
+  EXPECT_EQ(trackedIndexes(*sm, *t, *w.status), expectedIndexes(*w.status));
+  // A route deleted while it moves, as its old via set's entry goes.
+  consumer.onRouteSet = [&] { w.status->lfibRouteDel(RouteKey(105)); };
+  w.route(105, setKey(2));
+  EXPECT_FALSE(consumer.onRouteSet);
+  EXPECT_EQ(trackedIndexes(*sm, *t, *w.status), expectedIndexes(*w.status));
+}
+
+// The create-or-return form gives the machine that already tracks the LFIB into the same
+// status, and a new one for anything else.
+TEST(LfibTrackingSm, TheIsFormReturnsTheMachineAlreadyThere) {
+  ScopedGroupName name("isForm");
+  WriterLfib w(*name);
+  writeSharedVia(w);
+  auto t = lfibTrackingStatusFactory("test");
+  auto sm = LfibTrackingSmIs(w.status, t, LfibTrackingMode(7), "test");
+  EXPECT_EQ(t->routeVersions(), 6u);
+  EXPECT_EQ(LfibTrackingSmIs(w.status, t, LfibTrackingMode(7), "test"), sm);
+  auto other = lfibTrackingStatusFactory("other");
+  auto second = LfibTrackingSmIs(w.status, other, LfibTrackingMode(4), "other");
+  EXPECT_NE(second, sm);
+  EXPECT_EQ(other->routeVersions(), 6u);
+  // Once it has stopped, it is not handed out again.
+  sm->handleDel();
+  auto third = LfibTrackingSmIs(w.status, t, LfibTrackingMode(7), "test");
+  EXPECT_NE(third, sm);
+  EXPECT_EQ(t->routeVersions(), 6u);
 }
 
 TEST(LfibTrackingSm, OnAReaderItCatchesUpWhenTheGroupIsReadyAndFollowsANewGroup) {
@@ -346,6 +476,17 @@ TEST(LfibTrackingSmDeathTest, StartsOnlyOnAnEmptyTrackingStatus) {
                              "failed\\(") +
                      c.expression + "\\)\n$");
   }
+}
+
+TEST(LfibTrackingSmDeathTest, NoHandlerRunsOnceTheLfibIsGone) {
+  auto t = lfibTrackingStatusFactory("test");
+  auto sm = lfibTrackingSmFactory(lfibStatusFactory(), t, LfibTrackingMode(7), "test");
+  sm->handleDel();
+  EXPECT_DEATH(sm->handleVia(mplsViaKey(1)),
+               "^Mpls/LfibTrackingSm:[0-9]+ void Mpls::LfibTrackingSm::handleVia\\(const "
+               "Mpls::LfibViaKey&\\) -- fatal assertion failed\\(initialized\\(\\)\\)\n$");
+  EXPECT_DEATH(sm->addRouteKeyBacklog(RouteKey(1)),
+               "fatal assertion failed\\(initialized\\(\\)\\)");
 }
 
 TEST(LfibTrackingSmDeathTest, AViaSetEntryRemovedUnderItsRoutesStopsTheProcess) {

@@ -86,6 +86,8 @@ KEL_ENUM(LfibFlag, "Mpls::LfibFlag",
 class RouteKey {
  public:
   KEL_VALUE(RouteKey, "Mpls::RouteKey", (Netbase::MplsLabel, label));
+  // Labels are handed out in blocks, in sequence.
+  KEL_HASH_ORDINAL(label)
   Netbase::MplsLabel topLabel() const noexcept { return label_; }
 };
 

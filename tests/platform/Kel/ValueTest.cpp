@@ -31,6 +31,11 @@ class Flat {
   KEL_VALUE(Flat, "Demo::Flat", (int32_t, source), (uint32_t, index), (uint32_t, tag));
 };
 
+class Numbered {
+  KEL_VALUE(Numbered, "Demo::Numbered", (uint32_t, space), (uint32_t, number));
+  KEL_HASH_ORDINAL(number)
+};
+
 class Shelf {
   KEL_VALUE(Shelf, "Demo::Shelf", (Slots, slot), (Kel::ValueSet<Key>, keys));
   KEL_ARRAY_ACCESSORS(Slots, slot)
@@ -277,6 +282,35 @@ TEST(FlagSet, KeepsDefinedBitsAndRefusesHigherOnes) {
                Kel::ParseError);
 }
 
+// A key numbered in sequence hashes neighbouring numbers to neighbouring low bits, so
+// that tables indexed by the low bits keep them together; the rest of the hash still
+// depends on every field.
+TEST(ValueType, OrdinalHashKeepsNeighboursTogether) {
+  constexpr uint32_t block = 1u << Kel::kHashOrdinalBits;
+  const uint32_t base = Numbered(7, 5 * block).hash(11);
+  for (uint32_t i = 0; i < block; ++i) {
+    const uint32_t h = Numbered(7, 5 * block + i).hash(11);
+    EXPECT_EQ(h & (block - 1), i);
+    EXPECT_EQ(h & ~(block - 1), base & ~(block - 1));
+  }
+  EXPECT_NE(Numbered(7, 6 * block).hash(11) & ~(block - 1), base & ~(block - 1));
+  EXPECT_NE(Numbered(8, 5 * block).hash(11), base);
+  EXPECT_NE(Numbered(7, 5 * block).hash(12), base);
+  EXPECT_EQ(Kel::strepToValue<Numbered>(Kel::valueToStrep(Numbered(7, 9))), Numbered(7, 9));
+  // Tables record how their keys hash: a table of the plain layout is not read as this.
+  EXPECT_NE(Kel::schemaOf<Numbered>().find("#ordinal"), std::string::npos);
+  EXPECT_EQ(Kel::schemaOf<Flat>().find("#ordinal"), std::string::npos);
+  // Blocks spread over the table: 4096 neighbouring blocks fill most of 4096 block places.
+  std::vector<bool> used(4096);
+  uint32_t places = 0;
+  for (uint32_t b = 0; b < 4096; ++b) {
+    uint32_t place = (Numbered(1, b * block).hash() >> Kel::kHashOrdinalBits) % 4096;
+    places += !used[place];
+    used[place] = true;
+  }
+  EXPECT_GT(places, 2400u);  // uniform hashing fills 1 - 1/e of them: about 2589
+}
+
 TEST(FixedArray, CountRules) {
   const Key a(sourceLdp, 1), b(sourceBgp, 2), c(sourceBgp, 3);
   auto contents = [](const Shelf& s) {
@@ -323,6 +357,24 @@ TEST(FixedArray, CountRules) {
   y.slotDel(1);
   EXPECT_EQ(x, y);
   EXPECT_EQ(x.hash(3), y.hash(3));
+
+  // Slots beyond the count keep nothing of what they held: not after delAll, not after a
+  // shorter array is copied over a longer one, not through a gap opened by a set.
+  Shelf full;
+  for (int i = 0; i < 4; ++i) {
+    full.slotIs(i, c);
+  }
+  Shelf reused = full;
+  reused.slotDelAll();
+  reused.slotIs(2, a);
+  EXPECT_EQ(contents(reused), (std::vector<Key>{Key(), Key(), a}));
+  EXPECT_EQ(reused.slot(3), Key());
+  Shelf copied = full;
+  copied = x;
+  EXPECT_EQ(copied, x);
+  EXPECT_EQ(copied.slot(1), Key());
+  copied.slotIs(3, b);
+  EXPECT_EQ(contents(copied), (std::vector<Key>{a, Key(), Key(), b}));
 }
 
 TEST(FixedArray, BinaryForm) {
