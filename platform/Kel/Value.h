@@ -126,11 +126,19 @@ std::string schemaOf() {
 
 // Hash functor for hash containers keyed by framework values. The 32-bit framework hash
 // is spread over 64 bits so that containers that take their control bits from the top
-// (Abseil's Swiss tables) get well-mixed bits there too.
+// (Abseil's Swiss tables) get well-mixed bits there too. Keys with an ordinal (see
+// hashOf) keep their neighbours together in a Swiss table as well: it starts its probe at
+// the bits above the low 7, which then carry the framework hash as it is, and takes its
+// 7-bit tag from the low bits, which then differ between neighbours.
 template <class T>
 struct Hasher {
   size_t operator()(const T& v) const noexcept {
-    return static_cast<size_t>(static_cast<uint64_t>(hashOf(v)) * 0x9E3779B97F4A7C15ull);
+    const uint64_t h = hashOf(v);
+    if constexpr (OrdinalHash<T>) {
+      return static_cast<size_t>((h << 7) | ((h ^ (h >> 25)) & 0x7f));
+    } else {
+      return static_cast<size_t>(h * 0x9E3779B97F4A7C15ull);
+    }
   }
 };
 

@@ -309,6 +309,17 @@ TEST(ValueType, OrdinalHashKeepsNeighboursTogether) {
     used[place] = true;
   }
   EXPECT_GT(places, 2400u);  // uniform hashing fills 1 - 1/e of them: about 2589
+
+  // In Swiss tables too: the probe starts at the bits above the low 7, which carry the
+  // framework hash, and the low 7 (the tag) differ between neighbours.
+  const Kel::Hasher<Numbered> hasher;
+  std::vector<bool> tags(128);
+  for (uint32_t i = 0; i < block; ++i) {
+    const size_t h = hasher(Numbered(7, 5 * block + i));
+    EXPECT_EQ(h >> 7, Numbered(7, 5 * block + i).hash());
+    EXPECT_FALSE(tags[h & 0x7f]) << i;
+    tags[h & 0x7f] = true;
+  }
 }
 
 TEST(FixedArray, CountRules) {
