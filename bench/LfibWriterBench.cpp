@@ -306,6 +306,8 @@ int main(int argc, char** argv) {
   if (ran == 0) {
     return 1;
   }
+  std::fflush(stdout);
+  std::printf("\n");  // after the console report's last colour code
   for (const auto& [name, runs] : rates()) {
     std::string each;
     for (double r : runs) {
