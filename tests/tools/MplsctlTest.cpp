@@ -1,0 +1,357 @@
+// mplsctl run as a user runs it, one process per command, on LFIBs of their own: load then
+// show (table and JSON), a reload that writes only what changed, --replace, check, dump,
+// clear, the errors for a missing LFIB and a bad route file, and --help.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Mpls/MplsLfib.h"
+#include "Pond/MountGroup.h"
+
+namespace {
+
+struct Result {
+  int status = -1;  // exit status; 128 + signal; -1 when it had to be killed
+  std::string out;
+  std::string err;
+};
+
+// Runs `program` with `args`, at most `timeout`; stdin is /dev/null.
+Result runProgram(const std::string& program, const std::vector<std::string>& args,
+                  std::chrono::seconds timeout = std::chrono::seconds(30)) {
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
+    ADD_FAILURE() << "pipe failed";
+    return {};
+  }
+  std::vector<char*> argv;
+  argv.push_back(const_cast<char*>(program.c_str()));
+  for (const std::string& a : args) {
+    argv.push_back(const_cast<char*>(a.c_str()));
+  }
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    int null = open("/dev/null", O_RDONLY);
+    dup2(null, 0);
+    dup2(out[1], 1);
+    dup2(err[1], 2);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  close(err[1]);
+  Result r;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
+  std::string* sinks[2] = {&r.out, &r.err};
+  int open = 2;
+  bool killed = false;
+  while (open > 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      kill(pid, SIGKILL);
+      killed = true;
+      break;
+    }
+    if (poll(fds, 2, static_cast<int>(left.count())) < 0) {
+      continue;
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd >= 0 && (fds[i].revents & (POLLIN | POLLHUP | POLLERR))) {
+        char buf[4096];
+        const ssize_t n = read(fds[i].fd, buf, sizeof buf);
+        if (n > 0) {
+          sinks[i]->append(buf, static_cast<size_t>(n));
+        } else if (n == 0 || errno != EINTR) {
+          close(fds[i].fd);
+          fds[i].fd = -1;
+          --open;
+        }
+      }
+    }
+  }
+  for (pollfd& f : fds) {
+    if (f.fd >= 0) {
+      close(f.fd);
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (killed) {
+    ADD_FAILURE() << program << " did not end within " << timeout.count() << " s";
+    r.status = -1;
+  } else {
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  return r;
+}
+
+Result mplsctl(const std::vector<std::string>& args) { return runProgram(MPLSCTL_PATH, args); }
+
+// A scratch directory for route files, and an LFIB name of its own that is cleared
+// before and after.
+class Mplsctl : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/mplsctl-test-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    lfib_ = std::string("mplsctl-test-") + ::testing::UnitTest::GetInstance()->current_test_info()->name() +
+            "-" + std::to_string(getpid());
+    mplsctl({"clear", "--lfib", lfib_});
+  }
+  void TearDown() override {
+    mplsctl({"clear", "--lfib", lfib_});
+    std::system(("rm -rf " + dir_).c_str());
+  }
+  std::string file(const std::string& name, const std::string& text) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  std::string dir_;
+  std::string lfib_;
+};
+
+const char* kRoutes =
+    "100 swap 200 via 10.0.0.1 dev Ethernet1 weight 2 via 10.0.0.3 dev Ethernet4\n"
+    "101 pop via 10.0.0.2 dev Ethernet2\n"
+    "102 push 300/301 via 2001:db8::1 dev Ethernet3 source ldp metric 10\n"
+    "16 pop lookup vrf red ipv4\n"
+    "103 pseudowire dev Pseudowire1\n";
+
+TEST_F(Mplsctl, LoadShowReloadReplaceCheck) {
+  const std::string routes = file("routes.txt", kRoutes);
+  Result r = mplsctl({"load", routes, "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 5 routes written, 0 unchanged, 0 deleted\n");
+
+  r = mplsctl({"show", "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::istringstream lines(r.out);
+  std::string line;
+  std::vector<std::string> table;
+  while (std::getline(lines, line)) {
+    table.push_back(line);
+  }
+  ASSERT_EQ(table.size(), 7u) << r.out;  // header, 16, 100 (two vias), 101, 102, 103
+  EXPECT_EQ(table[0].substr(0, 5), "LABEL");
+  for (const char* expected : {"VIA SET", "NEXT HOP", "INTERFACE", "WEIGHT"}) {
+    EXPECT_NE(table[0].find(expected), std::string::npos) << table[0];
+  }
+  EXPECT_EQ(table[1].substr(0, 2), "16");
+  EXPECT_NE(table[1].find("lookup ipv4"), std::string::npos) << table[1];
+  EXPECT_NE(table[1].find("vrf red"), std::string::npos) << table[1];
+  EXPECT_EQ(table[2].substr(0, 3), "100");
+  EXPECT_EQ(table[3].substr(0, 3), "   ");  // the second via of route 100
+  EXPECT_NE(table[2].find("swap 200"), std::string::npos) << table[2];
+  EXPECT_NE(table[3].find("swap 200"), std::string::npos) << table[3];
+  EXPECT_NE(table[5].find("push 300/301"), std::string::npos) << table[5];
+  EXPECT_NE(table[5].find("2001:db8::1"), std::string::npos) << table[5];
+  EXPECT_NE(table[6].find("Pseudowire1"), std::string::npos) << table[6];
+
+  r = mplsctl({"show", "--lfib", lfib_, "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const nlohmann::json json = nlohmann::json::parse(r.out);
+  ASSERT_EQ(json.size(), 5u);
+  const nlohmann::json& swap = json[1];
+  EXPECT_EQ(swap["label"], 100);
+  EXPECT_EQ(swap["source"], "static");
+  EXPECT_EQ(swap["viaSet"]["viaSetType"], "ucmp");
+  ASSERT_EQ(swap["vias"].size(), 2u);
+  EXPECT_EQ(swap["vias"][0]["nextHop"], "10.0.0.1");
+  EXPECT_EQ(swap["vias"][0]["interface"], "Ethernet1");
+  EXPECT_EQ(swap["vias"][0]["weight"], 2);
+  EXPECT_EQ(swap["vias"][1]["weight"], 1);
+  EXPECT_EQ(swap["vias"][0]["labels"], nlohmann::json::array({200}));
+  EXPECT_EQ(json[3]["source"], "ldp");
+  EXPECT_EQ(json[3]["metric"], 10);
+  EXPECT_EQ(json[3]["vias"][0]["labels"], nlohmann::json::array({300, 301}));
+  EXPECT_EQ(json[0]["vias"][0]["vrf"], "red");
+  EXPECT_EQ(json[4]["vias"][0]["action"], "pseudowire");
+
+  r = mplsctl({"show", "102", "--lfib", lfib_, "--json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(nlohmann::json::parse(r.out).size(), 1u);
+  r = mplsctl({"show", "999", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' has no route for label 999\n");
+
+  // The same file again writes nothing.
+  r = mplsctl({"load", routes, "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 0 routes written, 5 unchanged, 0 deleted\n");
+
+  // One route changed, one dropped: without --replace the dropped one stays.
+  const std::string changed = file(
+      "changed.txt",
+      "100 swap 250 via 10.0.0.1 dev Ethernet1 weight 2 via 10.0.0.3 dev Ethernet4\n"
+      "101 pop via 10.0.0.2 dev Ethernet2\n"
+      "102 push 300/301 via 2001:db8::1 dev Ethernet3 source ldp metric 10\n"
+      "16 pop lookup vrf red ipv4\n");
+  r = mplsctl({"load", changed, "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 1 routes written, 3 unchanged, 0 deleted\n");
+  r = mplsctl({"show", "103", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  r = mplsctl({"show", "100", "--lfib", lfib_, "--json"});
+  EXPECT_EQ(nlohmann::json::parse(r.out)[0]["vias"][0]["labels"], nlohmann::json::array({250}));
+
+  r = mplsctl({"load", changed, "--lfib", lfib_, "--replace"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 0 routes written, 4 unchanged, 1 deleted\n");
+  r = mplsctl({"show", "103", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+
+  // 4 routes: route 100 has two vias, the others one each.
+  r = mplsctl({"check", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "' is consistent: 4 routes, 4 via sets, 5 vias\n");
+
+  r = mplsctl({"dump", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("lfibRoutes #4\n"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("mplsVias #4\n"), std::string::npos) << r.out;
+
+  r = mplsctl({"clear", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind("LFIB '" + lfib_ + "': removed ", 0), 0u) << r.out;
+  r = mplsctl({"show", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+}
+
+TEST_F(Mplsctl, MissingLfibIsAnError) {
+  const std::string missing = "mplsctl: no LFIB named '" + lfib_ + "' (no shared-memory segments)\n";
+  for (const char* command : {"show", "check", "dump", "clear"}) {
+    Result r = mplsctl({command, "--lfib", lfib_});
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_EQ(r.err, missing) << command;
+    EXPECT_EQ(r.out, "") << command;
+  }
+}
+
+TEST_F(Mplsctl, BadRouteFileProgramsNothing) {
+  const std::string bad = file("bad.txt",
+                               "100 swap 200 via 10.0.0.1 dev Ethernet1\n"
+                               "101 pop via 10.0.0.2 dev Ethernet2\n"
+                               "102 swap x via 10.0.0.3 dev Ethernet3\n");
+  Result r = mplsctl({"load", bad, "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: " + bad + ":3:10: expected a label after 'swap', found 'x'\n");
+  r = mplsctl({"show", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1) << "a refused file created the LFIB: " << r.out;
+
+  // Over an existing LFIB, a refused file leaves it as it was.
+  ASSERT_EQ(mplsctl({"load", file("good.txt", kRoutes), "--lfib", lfib_}).status, 0);
+  const std::string before = mplsctl({"show", "--lfib", lfib_, "--json"}).out;
+  r = mplsctl({"load", bad, "--lfib", lfib_, "--replace"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(mplsctl({"show", "--lfib", lfib_, "--json"}).out, before);
+
+  r = mplsctl({"load", dir_ + "/none.txt", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: " + dir_ + "/none.txt: cannot read: No such file or directory\n");
+}
+
+TEST_F(Mplsctl, GeneratedRoutesAndTheExample) {
+  const Result gen = runProgram(MPLS_EXAMPLES_DIR "/gen-routes", {"3000", "--vias", "3"});
+  ASSERT_EQ(gen.status, 0) << gen.err;
+  const std::string generated = file("gen.txt", gen.out);
+  const std::string example = MPLS_EXAMPLES_DIR "/routes.txt";
+
+  // The first load sizes the tables for the example: the generated routes do not fit.
+  Result r = mplsctl({"load", example, "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 7 routes written, 0 unchanged, 0 deleted\n");
+  r = mplsctl({"load", generated, "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' has room for 1024 routes, this load may need 3007: "
+                   "nothing loaded (run 'mplsctl clear --lfib " + lfib_ +
+                   "' and load again to size it for the file)\n");
+  r = mplsctl({"check", "--lfib", lfib_});
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "' is consistent: 7 routes, 7 via sets, 9 vias\n");
+
+  ASSERT_EQ(mplsctl({"clear", "--lfib", lfib_}).status, 0);
+  r = mplsctl({"load", generated, "--lfib", lfib_});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 3000 routes written, 0 unchanged, 0 deleted\n");
+  r = mplsctl({"check", "--lfib", lfib_});
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "' is consistent: 3000 routes, 3000 via sets, 9000 vias\n");
+  r = mplsctl({"load", example, "--lfib", lfib_, "--replace"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "': 7 routes written, 0 unchanged, 3000 deleted\n");
+  r = mplsctl({"check", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "LFIB '" + lfib_ + "' is consistent: 7 routes, 7 via sets, 9 vias\n");
+}
+
+// An LFIB written here, past the LFIB writer: a route without its via set, a via set
+// without its via, and a via no via set uses.
+TEST_F(Mplsctl, CheckReportsWhatIsMissing) {
+  using namespace Mpls;
+  auto group = Pond::MountGroup::writer(lfib_);
+  auto lfib = lfibStatusFactory();
+  lfib->mountGroupIs(group);
+  const LfibViaSetKey missingSet(LFib::sourceStatic, 1, viaTypeMplsIp, viaSetTypeEcmp);
+  lfib->lfibRouteIs(LfibRoute(RouteKey(100), missingSet, LFib::sourceStatic, FwdEqvClass(), 0));
+  LfibViaSet set(LfibViaSetKey(LFib::sourceStatic, 2, viaTypeMplsIp, viaSetTypeEcmp));
+  set.viaKeyIs(0, LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 7));
+  lfib->viaSetIs(set);
+  lfib->mplsViaIs(LfibMplsVia(LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 9),
+                              Netbase::IpGenAddr("10.0.0.9"), Netbase::labelActionPop,
+                              Netbase::UnboundedMplsLabelOperation(), false));
+  group->publish();
+
+  const Result r = mplsctl({"check", "--lfib", lfib_});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out,
+            "route 100: via set static/1/mplsIp/ecmp is missing\n"
+            "via set static/2/mplsIp/ecmp: via static/mplsIp/7 is missing\n"
+            "via static/mplsIp/9 is used by no via set\n");
+  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' is inconsistent: 3 problems\n");
+  // show marks what is missing rather than failing.
+  const Result show = mplsctl({"show", "--lfib", lfib_, "--json"});
+  EXPECT_EQ(show.status, 0) << show.err;
+  EXPECT_EQ(nlohmann::json::parse(show.out)[0]["viaSet"]["missing"], true);
+}
+
+TEST_F(Mplsctl, HelpAndUsage) {
+  for (const char* command : {"load", "show", "dump", "check", "clear"}) {
+    const Result r = mplsctl({command, "--help"});
+    EXPECT_EQ(r.status, 0) << command;
+    EXPECT_NE(r.out.find("--lfib"), std::string::npos) << command << ": " << r.out;
+  }
+  Result r = mplsctl({"--help"});
+  EXPECT_EQ(r.status, 0);
+  for (const char* command : {"load", "show", "dump", "check", "clear"}) {
+    EXPECT_NE(r.out.find(command), std::string::npos) << r.out;
+  }
+  r = mplsctl({});
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err, "");
+  r = mplsctl({"frobnicate"});
+  EXPECT_NE(r.status, 0);
+  r = mplsctl({"load"});
+  EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("FILE"), std::string::npos) << r.err;
+  r = mplsctl({"show", "2000000"});
+  EXPECT_NE(r.status, 0);
+}
+
+}  // namespace

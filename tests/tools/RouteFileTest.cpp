@@ -1,0 +1,179 @@
+// The route file parser: every route form, with its options and comments, into the
+// consolidated routes the LFIB writer takes; each kind of error with its exact message.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tools/mplsctl/RouteFile.h"
+
+namespace {
+
+using namespace Mpls;
+using Mplsctl::parseRouteFile;
+using Mplsctl::ParsedRoute;
+using Mplsctl::RouteFileError;
+
+LfibMplsVia mplsVia(const char* nextHop, const char* intf, Netbase::MplsLabelAction action,
+                    Netbase::MplsLabelStack stack, uint32_t weight = 1) {
+  LfibMplsVia v(LfibViaKey(), Netbase::IpGenAddr(nextHop), action,
+                Netbase::UnboundedMplsLabelOperation(action, stack), false);
+  v.intfIs(Netbase::IntfId(intf));
+  v.weightIs(weight);
+  return v;
+}
+
+ConsolidatedLfibRoute route(uint32_t label, LfibViaType type, LFib::Source source = LFib::sourceStatic,
+                            uint8_t metric = 0, LfibViaSetType setType = viaSetTypeEcmp) {
+  ConsolidatedLfibRoute r(RouteKey(label), source, FwdEqvClass(), metric, type);
+  r.viaSetTypeIs(setType);
+  return r;
+}
+
+std::string errorOf(const std::string& text) {
+  try {
+    parseRouteFile(text, "routes.txt");
+  } catch (const RouteFileError& e) {
+    return e.what();
+  }
+  return "<no error>";
+}
+
+TEST(RouteFile, EveryRouteForm) {
+  const std::vector<ParsedRoute> routes = parseRouteFile(
+      "# comment line\n"
+      "\n"
+      "100 swap 200 via 10.0.0.1 dev Ethernet1 weight 3 via 10.0.0.3 dev Et4\n"
+      "  101\tpop via 10.0.0.2 dev Ethernet2   # trailing comment\n"
+      "102 push 300/301 via 2001:db8::1 dev Ethernet3 metric 7 source ldp\n"
+      "16 pop lookup vrf red ipv4\n"
+      "17 pop lookup auto source vrf-label\r\n"
+      "103 pseudowire dev Pseudowire1 source pseudowire\n"
+      "104 swap 204 via 10.0.1.1 dev Ethernet5 via 10.0.1.1 dev Ethernet5 weight 2",
+      "routes.txt");
+  ASSERT_EQ(routes.size(), 7u);
+
+  // A via of weight N is N vias that differ by weight only: the writer counts them.
+  ConsolidatedLfibRoute swap = route(100, viaTypeMplsIp, LFib::sourceStatic, 0, viaSetTypeUcmp);
+  for (uint32_t w = 1; w <= 3; ++w) {
+    swap.mplsViaIs(mplsVia("10.0.0.1", "Ethernet1", Netbase::labelActionSwap, {200}, w));
+  }
+  swap.mplsViaIs(mplsVia("10.0.0.3", "Ethernet4", Netbase::labelActionSwap, {200}));
+  EXPECT_EQ(routes[0].route, swap);
+  EXPECT_EQ(routes[0].line, 3u);
+  EXPECT_EQ(routes[0].vias, 2u);
+
+  ConsolidatedLfibRoute pop = route(101, viaTypeMplsIp);
+  pop.mplsViaIs(mplsVia("10.0.0.2", "Ethernet2", Netbase::labelActionPop, {}));
+  EXPECT_EQ(routes[1].route, pop);
+
+  ConsolidatedLfibRoute push = route(102, viaTypeMplsIp, LFib::sourceLdp, 7);
+  push.mplsViaIs(mplsVia("2001:db8::1", "Ethernet3", Netbase::labelActionPush, {300, 301}));
+  EXPECT_EQ(routes[2].route, push);
+
+  ConsolidatedLfibRoute lookup = route(16, viaTypeIpLookup);
+  lookup.ipLookupViaIs(LfibIpLookupVia(LfibViaKey(), L3::VrfName("red"), payloadTypeIpv4));
+  EXPECT_EQ(routes[3].route, lookup);
+
+  ConsolidatedLfibRoute lookupDefault = route(17, viaTypeIpLookup, LFib::sourceVrfLabel);
+  lookupDefault.ipLookupViaIs(
+      LfibIpLookupVia(LfibViaKey(), L3::VrfName::defaultVrf(), payloadTypeAutoDecide));
+  EXPECT_EQ(routes[4].route, lookupDefault);
+
+  ConsolidatedLfibRoute pw = route(103, viaTypeMplsPseudowire, LFib::sourcePseudowire);
+  pw.pwViaIs(LfibPwVia(LfibViaKey(), Netbase::IntfId("Pseudowire1")));
+  EXPECT_EQ(routes[5].route, pw);
+
+  // The same next hop twice: the weights add up.
+  ConsolidatedLfibRoute twice = route(104, viaTypeMplsIp, LFib::sourceStatic, 0, viaSetTypeUcmp);
+  for (uint32_t w = 1; w <= 3; ++w) {
+    twice.mplsViaIs(mplsVia("10.0.1.1", "Ethernet5", Netbase::labelActionSwap, {204}, w));
+  }
+  EXPECT_EQ(routes[6].route, twice);
+  EXPECT_EQ(routes[6].vias, 1u);
+
+  EXPECT_TRUE(parseRouteFile("", "empty.txt").empty());
+  EXPECT_TRUE(parseRouteFile("# nothing\n\n   \n", "empty.txt").empty());
+}
+
+TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"\n\n100 swap x via 10.0.0.1 dev Ethernet1", "routes.txt:3:10: expected a label after 'swap', found 'x'"},
+      {"100 swap", "routes.txt:1:9: expected a label after 'swap', found end of line"},
+      {"100 push 300/ via 10.0.0.1 dev Ethernet1",
+       "routes.txt:1:14: expected a label after '/', found '300/'"},
+      {"100 swap 1048576 via 10.0.0.1 dev Ethernet1",
+       "routes.txt:1:10: label '1048576' out of range 0..1048575"},
+      {"100 swap 1/2/3/4/5/6/7/8/9/10/11/12/13/14/15/16/17 via 10.0.0.1 dev Ethernet1",
+       "routes.txt:1:49: label stack '1/2/3/4/5/6/7/8/9/10/11/12/13/14/15/16/17' has more than 16 labels"},
+      {"abc pop via 10.0.0.1 dev Ethernet1", "routes.txt:1:1: expected an incoming label, found 'abc'"},
+      {"3 pop via 10.0.0.1 dev Ethernet1", "routes.txt:1:1: incoming label '3' out of range 16..1048575"},
+      {"100", "routes.txt:1:4: expected 'swap', 'push', 'pop' or 'pseudowire', found end of line"},
+      {"100 jump", "routes.txt:1:5: expected 'swap', 'push', 'pop' or 'pseudowire', found 'jump'"},
+      {"100 pop", "routes.txt:1:8: expected 'via', found end of line"},
+      {"100 pop via 10.0.0.300 dev Ethernet1",
+       "routes.txt:1:13: expected an IPv4 or IPv6 address after 'via', found '10.0.0.300'"},
+      {"100 pop via 10.0.0.1 Ethernet1",
+       "routes.txt:1:22: expected 'dev' after the next hop, found 'Ethernet1'"},
+      {"100 pop via 10.0.0.1 dev Bogus1",
+       "routes.txt:1:26: expected an interface name after 'dev', found 'Bogus1'"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 weight 0",
+       "routes.txt:1:43: weight '0' out of range 1..255"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 weight 200 via 10.0.0.1 dev Ethernet1 weight 56",
+       "routes.txt:1:47: via 10.0.0.1 dev Ethernet1 has a total weight above 255"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 source isis",
+       "routes.txt:1:43: expected a source name (static, ldp, rsvp, bgp-lu, isis-sr, ospf-sr, bgp, "
+       "evpn, mldp, pseudowire, vrf-label, sr-te, ti-lfa) after 'source', found 'isis'"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 metric 256",
+       "routes.txt:1:43: metric '256' out of range 0..255"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 metric 1 metric 2",
+       "routes.txt:1:45: expected 'source' or end of line, found 'metric'"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 metric 1 via 10.0.0.2 dev Ethernet2",
+       "routes.txt:1:45: expected 'source' or end of line, found 'via'"},
+      {"100 pop via 10.0.0.1 dev Ethernet1 fec 10.0.0.0/8",
+       "routes.txt:1:36: expected 'via', 'source', 'metric' or end of line, found 'fec'"},
+      {"16 pop lookup", "routes.txt:1:14: expected 'vrf', 'ipv4', 'ipv6' or 'auto' after 'lookup', found end of line"},
+      {"16 pop lookup vrf red", "routes.txt:1:22: expected 'ipv4', 'ipv6' or 'auto' after the VRF name, found end of line"},
+      {"16 pop lookup ipv4 metric 5", "routes.txt:1:27: a lookup route takes metric 0 only"},
+      {"16 pop lookup ipv4 via 10.0.0.1 dev Ethernet1",
+       "routes.txt:1:20: expected 'source', 'metric' or end of line, found 'via'"},
+      {"16 pop lookup vrf " + std::string(101, 'v') + " ipv4",
+       "routes.txt:1:19: VRF name '" + std::string(101, 'v') + "' longer than 100 bytes"},
+      {"103 pseudowire Pseudowire1", "routes.txt:1:16: expected 'dev' after 'pseudowire', found 'Pseudowire1'"},
+      {"100 pop via 10.0.0.1 dev Ethernet1\n# again\n100 swap 5 via 10.0.0.2 dev Ethernet2",
+       "routes.txt:3:1: label 100 is already routed on line 1"},
+  };
+  for (const auto& [text, message] : cases) {
+    EXPECT_EQ(errorOf(text), message) << text;
+  }
+
+  // A route may have 128 vias, not 129.
+  std::string wide = "100 pop";
+  for (int n = 1; n <= 129; ++n) {
+    wide += " via 10.0." + std::to_string(n / 250) + "." + std::to_string(n % 250 + 1) + " dev Ethernet1";
+  }
+  const std::string error = errorOf(wide);
+  EXPECT_NE(error.find("routes.txt:1:"), std::string::npos) << error;
+  EXPECT_NE(error.find(": more than 128 vias"), std::string::npos) << error;
+  wide.resize(wide.rfind(" via"));
+  EXPECT_EQ(parseRouteFile(wide, "routes.txt").at(0).vias, 128u);
+}
+
+TEST(RouteFile, ReadsFilesAndTheExample) {
+  try {
+    Mplsctl::readRouteFile("/nonexistent/routes.txt");
+    ADD_FAILURE() << "no error";
+  } catch (const RouteFileError& e) {
+    EXPECT_EQ(std::string(e.what()), "/nonexistent/routes.txt: cannot read: No such file or directory");
+  }
+  const std::vector<ParsedRoute> example =
+      Mplsctl::readRouteFile(std::string(MPLS_EXAMPLES_DIR) + "/routes.txt");
+  std::vector<LfibViaType> types;
+  for (const ParsedRoute& r : example) {
+    types.push_back(r.route.viaType());
+  }
+  EXPECT_EQ(types, (std::vector<LfibViaType>{viaTypeMplsIp, viaTypeMplsIp, viaTypeMplsIp, viaTypeMplsIp,
+                                            viaTypeIpLookup, viaTypeIpLookup, viaTypeMplsPseudowire}));
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+#include <fmt/format.h>
+
+#include <chrono>
+
+#include "Pond/MountGroup.h"
+#include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/RouteFile.h"
+
+namespace Mplsctl {
+
+using namespace Mpls;
+
+Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
+  if (Pond::MountGroup::tableNames(name).empty()) {
+    throw CommandError(fmt::format("no LFIB named '{}' (no shared-memory segments)", name));
+  }
+  LfibStatus::Ptr lfib = lfibStatusFactory();
+  lfib->mountGroupIs(Pond::MountGroup::reader(name));
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  const Kel::Ptr<Pond::MountGroup>& group = lfib->mountGroup();
+  group->processChanges();
+  while (!group->ready()) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      throw CommandError(fmt::format(
+          "LFIB '{}' is incomplete: not all its tables opened within 5 s (its writer may still "
+          "be creating them; 'mplsctl clear --lfib {}' removes what is there)",
+          name, name));
+    }
+    group->waitForChange(std::chrono::milliseconds(100));
+    group->processChanges();
+  }
+  return lfib;
+}
+
+std::string viaTypeName(LfibViaType type) {
+  switch (type) {
+    case viaTypeMplsIp:
+      return "mplsIp";
+    case viaTypeMplsPseudowire:
+      return "pseudowire";
+    case viaTypeIpLookup:
+      return "ipLookup";
+    case viaTypeVlan:
+      return "vlan";
+    case viaTypeEvpnVlanAware:
+      return "evpnVlanAware";
+    case viaTypeEvpnEthernetSegment:
+      return "evpnEthernetSegment";
+    case viaTypeEvpnVlanFlood:
+      return "evpnVlanFlood";
+    case viaTypeEvpnVlanAwareFlood:
+      return "evpnVlanAwareFlood";
+    case viaTypeExternalFec:
+      return "externalFec";
+    default:
+      return fmt::format("viaType{}", static_cast<uint32_t>(type));
+  }
+}
+
+std::string viaSetTypeName(LfibViaSetType type) {
+  switch (type) {
+    case viaSetTypeDefault:
+      return "default";
+    case viaSetTypeEcmp:
+      return "ecmp";
+    case viaSetTypeUcmp:
+      return "ucmp";
+    case viaSetTypeBackup:
+      return "backup";
+    default:
+      return fmt::format("viaSetType{}", static_cast<uint32_t>(type));
+  }
+}
+
+std::string viaKeyText(const LfibViaKey& key) {
+  return fmt::format("{}/{}/{}", sourceName(key.source()), viaTypeName(key.viaType()), key.index());
+}
+
+std::string viaSetKeyText(const LfibViaSetKey& key) {
+  return fmt::format("{}/{}/{}/{}", sourceName(key.source()), key.index(),
+                     viaTypeName(key.viaType()), viaSetTypeName(key.viaSetType()));
+}
+
+bool viaStored(const LfibStatus& s, const LfibViaKey& k) {
+  switch (k.viaType()) {
+    case viaTypeMplsIp:
+      return s.mplsVia(k).key() == k;
+    case viaTypeMplsPseudowire:
+      return s.pwVia(k).key() == k;
+    case viaTypeIpLookup:
+      return s.ipLookupVia(k).key() == k;
+    case viaTypeVlan:
+      return s.vlanVia(k).key() == k;
+    case viaTypeEvpnVlanAware:
+      return s.evpnVlanAwareVia(k).key() == k;
+    case viaTypeEvpnEthernetSegment:
+      return s.evpnEthernetSegmentFilterVia(k).key() == k;
+    case viaTypeEvpnVlanFlood:
+      return s.evpnVlanFloodVia(k).key() == k;
+    case viaTypeEvpnVlanAwareFlood:
+      return s.evpnVlanAwareFloodVia(k).key() == k;
+    case viaTypeExternalFec:
+      return s.extFecVia(k).key() == k;
+    default:
+      return false;
+  }
+}
+
+}  // namespace Mplsctl

@@ -1,0 +1,201 @@
+// mplsctl show: the routes of an LFIB with their via sets and vias, as a table or as JSON.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/RouteFile.h"
+
+namespace Mplsctl {
+
+namespace {
+
+using namespace Mpls;
+
+std::string actionText(const LfibMplsVia& via) {
+  switch (via.labelAction()) {
+    case Netbase::labelActionSwap:
+      return "swap " + via.labelStack().labelStackString();
+    case Netbase::labelActionPush:
+      return "push " + via.labelStack().labelStackString();
+    case Netbase::labelActionPop:
+      return "pop";
+    default:
+      return "none";
+  }
+}
+
+std::string payloadName(PayloadType type) {
+  switch (type) {
+    case payloadTypeMpls:
+      return "mpls";
+    case payloadTypeIpv4:
+      return "ipv4";
+    case payloadTypeIpv6:
+      return "ipv6";
+    case payloadTypeAutoDecide:
+      return "auto";
+    case payloadTypeEthernet:
+      return "ethernet";
+    default:
+      return fmt::format("payloadType{}", static_cast<uint32_t>(type));
+  }
+}
+
+// One via as show prints it; `found` false when the via set names a via the LFIB lacks.
+struct ViaView {
+  LfibViaKey key;
+  bool found = false;
+  std::string action, nextHop, intf;
+  uint32_t weight = 0;  // MPLS vias only
+  nlohmann::json json;
+};
+
+ViaView viaView(const LfibStatus& lfib, const LfibViaKey& key) {
+  ViaView v;
+  v.key = key;
+  v.found = viaStored(lfib, key);
+  v.json = {{"key", viaKeyText(key)}, {"type", viaTypeName(key.viaType())}};
+  if (!v.found) {
+    v.action = "(missing)";
+    v.json["missing"] = true;
+    return v;
+  }
+  switch (key.viaType()) {
+    case viaTypeMplsIp: {
+      const LfibMplsVia via = lfib.mplsVia(key);
+      v.action = actionText(via);
+      v.nextHop = via.nextHop().stringValue();
+      v.intf = via.intf().stringValue();
+      v.weight = via.weight();
+      nlohmann::json labels = nlohmann::json::array();
+      for (const Netbase::MplsLabel& l : via.labelStack().labelStack()) {
+        labels.push_back(l.value());
+      }
+      v.json.update({{"action", v.action.substr(0, v.action.find(' '))},
+                     {"labels", labels},
+                     {"nextHop", v.nextHop},
+                     {"interface", v.intf},
+                     {"weight", v.weight}});
+      break;
+    }
+    case viaTypeMplsPseudowire: {
+      const LfibPwVia via = lfib.pwVia(key);
+      v.action = "pseudowire";
+      v.intf = via.pwIntfId().stringValue();
+      v.json.update({{"action", "pseudowire"}, {"interface", v.intf}});
+      break;
+    }
+    case viaTypeIpLookup: {
+      const LfibIpLookupVia via = lfib.ipLookupVia(key);
+      v.action = "lookup " + payloadName(via.payloadType());
+      v.nextHop = "vrf " + via.vrfName().stringValue();
+      v.json.update({{"action", "lookup"},
+                     {"vrf", via.vrfName().stringValue()},
+                     {"payload", payloadName(via.payloadType())}});
+      break;
+    }
+    default:
+      v.action = viaTypeName(key.viaType());
+      v.json["action"] = v.action;
+  }
+  return v;
+}
+
+void printTable(const std::vector<std::vector<std::string>>& rows) {
+  std::vector<size_t> width;
+  for (const auto& row : rows) {
+    width.resize(std::max(width.size(), row.size()));
+    for (size_t i = 0; i < row.size(); ++i) {
+      width[i] = std::max(width[i], row[i].size());
+    }
+  }
+  for (const auto& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) {
+        line.append(width[i] - row[i].size() + 2, ' ');
+      }
+    }
+    while (!line.empty() && line.back() == ' ') {
+      line.pop_back();
+    }
+    std::printf("%s\n", line.c_str());
+  }
+}
+
+}  // namespace
+
+int runShow(const ShowOptions& options) {
+  LfibStatus::Ptr lfib = mountLfibReader(options.lfib);
+  std::vector<LfibRoute> routes;
+  if (options.label) {
+    const LfibRoute r = lfib->lfibRoute(RouteKey(Netbase::MplsLabel(*options.label)));
+    if (r.key() != RouteKey(Netbase::MplsLabel(*options.label))) {
+      throw CommandError(
+          fmt::format("LFIB '{}' has no route for label {}", options.lfib, *options.label));
+    }
+    routes.push_back(r);
+  } else {
+    lfib->lfibRouteForEach([&](const LfibRoute& r) { routes.push_back(r); });
+    std::sort(routes.begin(), routes.end(),
+              [](const LfibRoute& a, const LfibRoute& b) { return a.key() < b.key(); });
+  }
+
+  nlohmann::json out = nlohmann::json::array();
+  std::vector<std::vector<std::string>> rows = {
+      {"LABEL", "SOURCE", "METRIC", "VIA SET", "VIA", "ACTION", "NEXT HOP", "INTERFACE", "WEIGHT"}};
+  for (const LfibRoute& r : routes) {
+    const LfibViaSet set = lfib->viaSet(r.viaSetKey());
+    const bool setFound = set.key() == r.viaSetKey();
+    std::vector<ViaView> vias;
+    if (setFound) {
+      for (const LfibViaKey& k : set.viaKey()) {
+        if (k != LfibViaKey()) {
+          vias.push_back(viaView(*lfib, k));
+        }
+      }
+    }
+    nlohmann::json route = {{"label", r.key().label().value()},
+                            {"source", sourceName(r.source())},
+                            {"metric", static_cast<uint32_t>(r.metric().value())},
+                            {"viaSet",
+                             {{"key", viaSetKeyText(r.viaSetKey())},
+                              {"viaType", viaTypeName(r.viaSetKey().viaType())},
+                              {"viaSetType", viaSetTypeName(r.viaSetKey().viaSetType())}}}};
+    if (r.fec().fecType() == fecTypePrefix) {
+      route["fec"] = r.fec().prefix().stringValue();
+    }
+    if (!setFound) {
+      route["viaSet"]["missing"] = true;
+    }
+    route["vias"] = nlohmann::json::array();
+    std::vector<std::string> head = {std::to_string(r.key().label().value()), sourceName(r.source()),
+                                     std::to_string(r.metric().value()),
+                                     viaSetKeyText(r.viaSetKey()) + (setFound ? "" : " (missing)")};
+    if (vias.empty()) {
+      rows.push_back(head);
+    }
+    for (size_t i = 0; i < vias.size(); ++i) {
+      const ViaView& v = vias[i];
+      std::vector<std::string> row = i == 0 ? head : std::vector<std::string>(4);
+      row.insert(row.end(), {viaKeyText(v.key), v.action, v.nextHop, v.intf,
+                             v.weight ? std::to_string(v.weight) : ""});
+      rows.push_back(std::move(row));
+      route["vias"].push_back(v.json);
+    }
+    out.push_back(std::move(route));
+  }
+  if (options.json) {
+    std::printf("%s\n", out.dump(2).c_str());
+  } else {
+    printTable(rows);
+  }
+  return 0;
+}
+
+}  // namespace Mplsctl

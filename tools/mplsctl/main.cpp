@@ -1,0 +1,91 @@
+// mplsctl: programs and inspects an MPLS LFIB kept in shared memory.
+//
+//   mplsctl load FILE [--lfib NAME] [--replace]
+//   mplsctl show [LABEL] [--lfib NAME] [--json]
+//   mplsctl dump [--lfib NAME]
+//   mplsctl check [--lfib NAME]
+//   mplsctl clear [--lfib NAME]
+//
+// Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
+// LFIB (check), 2 for bad usage.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+
+#include "Kel/Exception.h"
+#include "Pond/Exception.h"
+#include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/RouteFile.h"
+
+namespace {
+
+void addLfibOption(CLI::App* command, std::string& lfib) {
+  command->add_option("--lfib", lfib, "Name of the LFIB (its shared-memory mount group)")
+      ->default_val(Mplsctl::kDefaultLfib);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Programs and inspects an MPLS LFIB kept in shared memory.", "mplsctl");
+  app.require_subcommand(1);
+  std::function<int()> run;
+
+  Mplsctl::LoadOptions load;
+  CLI::App* loadCmd = app.add_subcommand(
+      "load", "Program the routes of a route file into the LFIB (only what changed is written)");
+  loadCmd->add_option("FILE", load.file, "Route file, one route per line; - for standard input")
+      ->required();
+  addLfibOption(loadCmd, load.lfib);
+  loadCmd->add_flag("--replace", load.replace, "Also delete the routes the file does not have");
+  loadCmd->callback([&] { run = [&] { return Mplsctl::runLoad(load); }; });
+
+  Mplsctl::ShowOptions show;
+  uint32_t label = 0;
+  CLI::App* showCmd = app.add_subcommand("show", "Print the routes with their via sets and vias");
+  CLI::Option* labelOpt =
+      showCmd->add_option("LABEL", label, "Only the route of this incoming label")
+          ->check(CLI::Range(0u, 1048575u));
+  addLfibOption(showCmd, show.lfib);
+  showCmd->add_flag("--json", show.json, "Print a JSON array, one object per route");
+  showCmd->callback([&] {
+    if (labelOpt->count() > 0) {
+      show.label = label;
+    }
+    run = [&] { return Mplsctl::runShow(show); };
+  });
+
+  std::string lfib;
+  CLI::App* dumpCmd = app.add_subcommand("dump", "Print the LFIB's state dump, every table");
+  addLfibOption(dumpCmd, lfib);
+  dumpCmd->callback([&] { run = [&] { return Mplsctl::runDump(lfib); }; });
+
+  CLI::App* checkCmd = app.add_subcommand(
+      "check", "Report routes whose via set is missing, via sets whose via is missing and "
+               "vias no via set uses; exit 1 if there are any");
+  addLfibOption(checkCmd, lfib);
+  checkCmd->callback([&] { run = [&] { return Mplsctl::runCheck(lfib); }; });
+
+  CLI::App* clearCmd =
+      app.add_subcommand("clear", "Remove the LFIB's shared-memory segments");
+  addLfibOption(clearCmd, lfib);
+  clearCmd->callback([&] { run = [&] { return Mplsctl::runClear(lfib); }; });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e);
+  }
+  try {
+    return run();
+  } catch (const Mplsctl::CommandError& e) {
+    std::fprintf(stderr, "mplsctl: %s\n", e.what());
+  } catch (const Mplsctl::RouteFileError& e) {
+    std::fprintf(stderr, "mplsctl: %s\n", e.what());
+  } catch (const Pond::PondException& e) {
+    std::fprintf(stderr, "mplsctl: %s\n", e.what());
+  } catch (const Kel::Exception& e) {
+    std::fprintf(stderr, "mplsctl: %s\n", e.what());
+  }
+  return 1;
+}
