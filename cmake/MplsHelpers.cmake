@@ -2,6 +2,13 @@
 
 set(MPLS_SOURCE_ROOT ${CMAKE_SOURCE_DIR})
 
+# Where `cmake --install` puts things. Public headers go under one include root,
+# include/mpls, laid out as in the source tree's two roots: "Mpls/MplsLfib.h" from the
+# repository root, "Kel/Value.h", "Pond/MountGroup.h" and "types/Netbase/..." from platform/.
+include(GNUInstallDirs)
+set(MPLS_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/mpls)
+set(MPLS_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Mpls)
+
 # Flags shared by every target we compile. Assertion texts name source files relative to
 # the source root ("Mpls/MplsLfib"), so __FILE__ is mapped to the relative path.
 function(mpls_target_defaults target)
@@ -53,8 +60,25 @@ function(mpls_add_library name)
   endif()
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${MPLS_SOURCE_ROOT}>
-    $<BUILD_INTERFACE:${MPLS_SOURCE_ROOT}/platform>)
+    $<BUILD_INTERFACE:${MPLS_SOURCE_ROOT}/platform>
+    $<INSTALL_INTERFACE:${MPLS_INSTALL_INCLUDEDIR}>)
   target_link_libraries(${name} PUBLIC ${ARG_PUBLIC_DEPS} PRIVATE ${ARG_PRIVATE_DEPS})
+  # The public headers are C++20: users of the library compile as C++20 too.
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  if(NOT ARG_STATIC)
+    set_target_properties(${name} PROPERTIES
+      VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+      # Installed libraries find each other in their own directory.
+      INSTALL_RPATH "$ORIGIN")
+  endif()
+  if(MPLS_SANITIZE)
+    # A library built with the sanitizers needs their runtimes in the executable: an
+    # installed, sanitized library hands the flags on to whatever links it. (In the build
+    # tree every target gets them anyway.)
+    foreach(flag ${MPLS_SANITIZER_FLAGS})
+      target_link_options(${name} INTERFACE $<INSTALL_INTERFACE:${flag}>)
+    endforeach()
+  endif()
   mpls_target_defaults(${name})
   if(ARG_HEADERS)
     mpls_check_headers(${name} HEADERS ${ARG_HEADERS})
@@ -73,4 +97,24 @@ function(mpls_add_test name)
     set(ARG_TIMEOUT 120)
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+endfunction()
+
+# mpls_install_library(NAME [DIR dir]): installs the shared library NAME into the export
+# set MplsTargets (imported by users as Mpls::NAME) and the headers of the calling
+# directory, with their subdirectories, under include/mpls/DIR (DIR defaults to the
+# directory's name).
+function(mpls_install_library name)
+  cmake_parse_arguments(ARG "" "DIR" "" ${ARGN})
+  if(NOT ARG_DIR)
+    get_filename_component(ARG_DIR ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+  endif()
+  install(TARGETS ${name} EXPORT MplsTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+      NAMELINK_COMPONENT development
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/
+    DESTINATION ${MPLS_INSTALL_INCLUDEDIR}/${ARG_DIR}
+    COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
 endfunction()

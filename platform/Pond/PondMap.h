@@ -64,7 +64,7 @@ uint64_t fingerprintOf(const std::string& schema);
 }  // namespace internal
 
 template <class Key, class Row>
-class PondMap : private internal::TableBase {
+class PondMap final : private internal::TableBase {
   static_assert(std::is_trivially_copyable_v<Key>, "keys are stored as they are");
   static_assert(VariableRow<Row> || std::is_trivially_copyable_v<Row>,
                 "a row is trivially copyable or has a binary form");

@@ -1,6 +1,7 @@
 // mplsctl run as a user runs it, one process per command, on LFIBs of their own: load then
 // show (table and JSON), a reload that writes only what changed, --replace, check, dump,
-// clear, the errors for a missing LFIB and a bad route file, and --help.
+// clear, the errors for a missing LFIB and a bad route file, --help, watch following
+// another process's loads, and the demo.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -10,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -332,14 +334,14 @@ TEST_F(Mplsctl, CheckReportsWhatIsMissing) {
 }
 
 TEST_F(Mplsctl, HelpAndUsage) {
-  for (const char* command : {"load", "show", "dump", "check", "clear"}) {
+  for (const char* command : {"load", "show", "dump", "check", "clear", "watch"}) {
     const Result r = mplsctl({command, "--help"});
     EXPECT_EQ(r.status, 0) << command;
     EXPECT_NE(r.out.find("--lfib"), std::string::npos) << command << ": " << r.out;
   }
   Result r = mplsctl({"--help"});
   EXPECT_EQ(r.status, 0);
-  for (const char* command : {"load", "show", "dump", "check", "clear"}) {
+  for (const char* command : {"load", "show", "dump", "check", "clear", "watch", "demo"}) {
     EXPECT_NE(r.out.find(command), std::string::npos) << r.out;
   }
   r = mplsctl({});
@@ -352,6 +354,156 @@ TEST_F(Mplsctl, HelpAndUsage) {
   EXPECT_NE(r.err.find("FILE"), std::string::npos) << r.err;
   r = mplsctl({"show", "2000000"});
   EXPECT_NE(r.status, 0);
+}
+
+// mplsctl started in the background; its stdout is read as it comes.
+struct Background {
+  pid_t pid = -1;
+  int out = -1;
+  std::string text;
+
+  explicit Background(const std::vector<std::string>& args) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+      ADD_FAILURE() << "pipe failed";
+      return;
+    }
+    std::vector<char*> argv = {const_cast<char*>(MPLSCTL_PATH)};
+    for (const std::string& a : args) {
+      argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid = fork();
+    if (pid == 0) {
+      dup2(fds[1], 1);
+      execv(MPLSCTL_PATH, argv.data());
+      _exit(127);
+    }
+    close(fds[1]);
+    out = fds[0];
+  }
+  ~Background() {
+    if (pid > 0) {
+      kill(pid, SIGKILL);
+      waitpid(pid, nullptr, 0);
+    }
+    if (out >= 0) {
+      close(out);
+    }
+  }
+  // Reads until the output holds `what` or the pipe closes; at most 10 s.
+  bool readUntil(const std::string& what) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (text.find(what) == std::string::npos) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd p = {out, POLLIN, 0};
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0) {
+        return false;
+      }
+      char buf[4096];
+      const ssize_t n = read(out, buf, sizeof buf);
+      if (n <= 0) {
+        return false;
+      }
+      text.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+  }
+  // The exit status once it has ended (at most 10 s), -1 if it had to be killed.
+  int wait() {
+    readUntil("\x01");  // everything up to end of file
+    for (int i = 0; i < 1000; ++i) {
+      int status = 0;
+      if (waitpid(pid, &status, WNOHANG) == pid) {
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      usleep(10000);
+    }
+    return -1;
+  }
+};
+
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// watch in another process: the LFIB as it opens, then one line per route whose
+// forwarding a load changed (a load that rewrites nothing prints nothing), --count, and
+// SIGTERM.
+TEST_F(Mplsctl, WatchFollowsLoads) {
+  ASSERT_EQ(mplsctl({"load", file("routes.txt", kRoutes), "--lfib", lfib_}).status, 0);
+  Background watch({"watch", "--lfib", lfib_, "--count", "3", "--timeout", "20"});
+  ASSERT_TRUE(watch.readUntil("\n")) << watch.text;
+  EXPECT_EQ(watch.text, "watching LFIB '" + lfib_ + "': 5 routes\n");
+
+  ASSERT_EQ(mplsctl({"load", file("same.txt", kRoutes), "--lfib", lfib_}).status, 0);
+  const std::string changed = file(
+      "changed.txt",
+      "100 swap 250 via 10.0.0.1 dev Ethernet1 weight 2 via 10.0.0.3 dev Ethernet4\n"
+      "101 pop via 10.0.0.2 dev Ethernet2\n"
+      "102 push 300/301 via 2001:db8::1 dev Ethernet3 source ldp metric 10\n"
+      "16 pop lookup vrf red ipv4\n"
+      "104 swap 204 via 10.0.1.1 dev Port-Channel10\n");
+  const Result load = mplsctl({"load", changed, "--lfib", lfib_, "--replace"});
+  ASSERT_EQ(load.status, 0) << load.err;
+  EXPECT_EQ(watch.wait(), 0);
+  std::vector<std::string> lines = linesOf(watch.text);
+  ASSERT_EQ(lines.size(), 4u) << watch.text;
+  std::sort(lines.begin() + 1, lines.end());
+  EXPECT_EQ(lines[1], "added 104 -> swap 204 via 10.0.1.1 dev Port-Channel10");
+  const std::string changedPrefix = "changed 100 version ";
+  ASSERT_EQ(lines[2].rfind(changedPrefix, 0), 0u) << lines[2];
+  EXPECT_GT(std::stoul(lines[2].substr(changedPrefix.size())), 1u) << lines[2];
+  EXPECT_NE(lines[2].find(" -> swap 250 via 10.0.0.1 dev Ethernet1 weight 2, swap 250 via "
+                          "10.0.0.3 dev Ethernet4"),
+            std::string::npos)
+      << lines[2];
+  EXPECT_EQ(lines[3], "deleted 103");
+
+  Background endless({"watch", "--lfib", lfib_});
+  ASSERT_TRUE(endless.readUntil("\n")) << endless.text;
+  kill(endless.pid, SIGTERM);
+  EXPECT_EQ(endless.wait(), 0);
+  EXPECT_EQ(endless.text, "watching LFIB '" + lfib_ + "': 5 routes\n");
+}
+
+TEST_F(Mplsctl, WatchOfAMissingLfibTimesOut) {
+  const Result r = mplsctl({"watch", "--lfib", lfib_, "--timeout", "0.3"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "mplsctl: no LFIB named '" + lfib_ + "' yet; waiting for it to appear\n"
+                   "mplsctl: LFIB '" + lfib_ + "' did not appear within 0.3 s\n");
+  EXPECT_NE(mplsctl({"watch", "--count", "0"}).status, 0);
+  EXPECT_NE(mplsctl({"watch", "--timeout", "-1"}).status, 0);
+}
+
+// The demo forks its own reader and removes its LFIB afterwards.
+TEST(MplsctlDemo, FollowsAndCleansUp) {
+  const Result r = mplsctl({"demo"});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(r.err, "");
+  const std::vector<std::string> lines = linesOf(r.out);
+  ASSERT_FALSE(lines.empty());
+  const std::string& summary = lines.back();
+  EXPECT_EQ(summary.rfind("demo: 12 routes written, 2 deleted, reader followed ", 0), 0u) << summary;
+  const std::string tail =
+      " changes, IP-lookup table 1 entries, L2 EVPN table 1 entries, all consistent";
+  ASSERT_GT(summary.size(), tail.size());
+  EXPECT_EQ(summary.substr(summary.size() - tail.size()), tail) << summary;
+  EXPECT_NE(r.out.find("reader IP-lookup table: 16:red:ipv4 17:default:ipv6\n"), std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("reader L2 EVPN table: 300:20\n"), std::string::npos) << r.out;
+  const size_t name = r.out.find("'mplsctl-demo-");
+  ASSERT_NE(name, std::string::npos) << r.out;
+  const std::string lfib = r.out.substr(name + 1, r.out.find('\'', name + 1) - name - 1);
+  EXPECT_TRUE(Pond::MountGroup::tableNames(lfib).empty()) << lfib << " was left behind";
 }
 
 }  // namespace

@@ -37,6 +37,20 @@ struct ShowOptions {
 };
 int runShow(const ShowOptions& options);
 
+struct WatchOptions {
+  std::string lfib = kDefaultLfib;
+  std::optional<uint64_t> count;  // exit after this many change lines
+  std::optional<double> timeout;  // exit 0 after this many seconds
+};
+// Prints "watching LFIB 'x': N routes" once the LFIB is open, then one line per route
+// change ("added 100 -> ...", "changed 100 version 3 -> ...", "deleted 100") until
+// --count, --timeout, SIGINT or SIGTERM. A missing LFIB is waited for.
+int runWatch(const WatchOptions& options);
+
+// Creates an LFIB of its own, follows it from a reading process while routes are
+// written, rewritten and deleted, and removes it again.
+int runDemo();
+
 int runDump(const std::string& lfib);
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);
@@ -52,6 +66,13 @@ std::string viaSetTypeName(Mpls::LfibViaSetType type);
 // "static/mplsIp/3", "static/3/mplsIp/ecmp".
 std::string viaKeyText(const Mpls::LfibViaKey& key);
 std::string viaSetKeyText(const Mpls::LfibViaSetKey& key);
+
+// "ipv4", "ipv6", "mpls", "auto", "ethernet".
+std::string payloadName(Mpls::PayloadType type);
+// The forwarding of a route on one line: its vias, as "swap 200 via 10.0.0.1 dev
+// Ethernet1 weight 2, swap 200 via 10.0.0.3 dev Ethernet4"; "(via set missing)" when the
+// LFIB lacks its via set.
+std::string routeSummary(const Mpls::LfibStatus& lfib, const Mpls::LfibRoute& route);
 
 // Whether the LFIB holds a via under `key`, in the collection of its via type.
 bool viaStored(const Mpls::LfibStatus& lfib, const Mpls::LfibViaKey& key);

@@ -28,6 +28,8 @@ std::string actionText(const LfibMplsVia& via) {
   }
 }
 
+}  // namespace
+
 std::string payloadName(PayloadType type) {
   switch (type) {
     case payloadTypeMpls:
@@ -44,6 +46,8 @@ std::string payloadName(PayloadType type) {
       return fmt::format("payloadType{}", static_cast<uint32_t>(type));
   }
 }
+
+namespace {
 
 // One via as show prints it; `found` false when the via set names a via the LFIB lacks.
 struct ViaView {
@@ -129,6 +133,36 @@ void printTable(const std::vector<std::vector<std::string>>& rows) {
 }
 
 }  // namespace
+
+std::string routeSummary(const LfibStatus& lfib, const LfibRoute& route) {
+  const LfibViaSet set = lfib.viaSet(route.viaSetKey());
+  if (set.key() != route.viaSetKey()) {
+    return "(via set missing)";
+  }
+  std::string out;
+  for (const LfibViaKey& k : set.viaKey()) {
+    if (k == LfibViaKey()) {
+      continue;
+    }
+    const ViaView v = viaView(lfib, k);
+    std::string text = v.action;
+    if (k.viaType() == viaTypeIpLookup) {
+      text += " " + v.nextHop;  // "vrf NAME"
+    } else if (k.viaType() == viaTypeVlan && v.found) {
+      text = fmt::format("vlan {}", lfib.vlanVia(k).vlanId().value());
+    } else if (!v.nextHop.empty()) {
+      text += " via " + v.nextHop;
+    }
+    if (!v.intf.empty()) {
+      text += " dev " + v.intf;
+    }
+    if (v.weight > 1) {
+      text += fmt::format(" weight {}", v.weight);
+    }
+    out += (out.empty() ? "" : ", ") + text;
+  }
+  return out.empty() ? "(no vias)" : out;
+}
 
 int runShow(const ShowOptions& options) {
   LfibStatus::Ptr lfib = mountLfibReader(options.lfib);

@@ -5,6 +5,8 @@
 //   mplsctl dump [--lfib NAME]
 //   mplsctl check [--lfib NAME]
 //   mplsctl clear [--lfib NAME]
+//   mplsctl watch [--lfib NAME] [--count N] [--timeout SECONDS]
+//   mplsctl demo
 //
 // Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
 // LFIB (check), 2 for bad usage.
@@ -70,6 +72,34 @@ int main(int argc, char** argv) {
       app.add_subcommand("clear", "Remove the LFIB's shared-memory segments");
   addLfibOption(clearCmd, lfib);
   clearCmd->callback([&] { run = [&] { return Mplsctl::runClear(lfib); }; });
+
+  Mplsctl::WatchOptions watch;
+  uint64_t count = 0;
+  double timeout = 0;
+  CLI::App* watchCmd = app.add_subcommand(
+      "watch", "Follow the LFIB from this process and print every route change as it happens");
+  addLfibOption(watchCmd, watch.lfib);
+  CLI::Option* countOpt =
+      watchCmd->add_option("--count", count, "Exit after this many change lines")
+          ->check(CLI::PositiveNumber);
+  CLI::Option* timeoutOpt =
+      watchCmd
+          ->add_option("--timeout", timeout,
+                       "Exit after this many seconds (status 1 if the LFIB never appeared)")
+          ->check(CLI::PositiveNumber);
+  watchCmd->callback([&] {
+    if (countOpt->count() > 0) {
+      watch.count = count;
+    }
+    if (timeoutOpt->count() > 0) {
+      watch.timeout = timeout;
+    }
+    run = [&] { return Mplsctl::runWatch(watch); };
+  });
+
+  CLI::App* demoCmd = app.add_subcommand(
+      "demo", "Write routes into an LFIB of its own and show a reading process follow them");
+  demoCmd->callback([&] { run = [] { return Mplsctl::runDemo(); }; });
 
   try {
     app.parse(argc, argv);

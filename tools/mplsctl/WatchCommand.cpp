@@ -1,0 +1,161 @@
+// mplsctl watch: follows an LFIB from another process and prints its route changes as
+// they happen.
+//
+// The LFIB is mounted for reading and followed by an LfibTrackingSm that keeps the route
+// backlog and the route versions. After every iteration of the event loop (that is, after
+// every batch of changes the mount group delivered) the backlog is worked off: one line
+// per route whose forwarding changed, in label order, and the key is removed from the
+// backlog. What the LFIB holds
+// when it opens is summed up in one line rather than listed.
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "Kel/EventLoop.h"
+#include "Mpls/LfibTrackingSm.h"
+#include "Pond/MountGroup.h"
+#include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/RouteFile.h"
+
+namespace Mplsctl {
+
+namespace {
+
+using namespace Mpls;
+
+// SIGINT and SIGTERM, blocked and delivered through a signalfd for as long as it lives.
+class SignalFd {
+ public:
+  SignalFd() {
+    sigemptyset(&set_);
+    sigaddset(&set_, SIGINT);
+    sigaddset(&set_, SIGTERM);
+    if (sigprocmask(SIG_BLOCK, &set_, &old_) != 0) {
+      throw CommandError(fmt::format("cannot block SIGINT and SIGTERM: {}", std::strerror(errno)));
+    }
+    fd_ = signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (fd_ < 0) {
+      const int error = errno;
+      sigprocmask(SIG_SETMASK, &old_, nullptr);
+      throw CommandError(fmt::format("signalfd failed: {}", std::strerror(error)));
+    }
+  }
+  ~SignalFd() {
+    close(fd_);
+    sigprocmask(SIG_SETMASK, &old_, nullptr);
+  }
+  SignalFd(const SignalFd&) = delete;
+  SignalFd& operator=(const SignalFd&) = delete;
+  int fd() const noexcept { return fd_; }
+
+ private:
+  sigset_t set_;
+  sigset_t old_;
+  int fd_ = -1;
+};
+
+}  // namespace
+
+int runWatch(const WatchOptions& options) {
+  const std::string& name = options.lfib;
+  if (Pond::MountGroup::tableNames(name).empty()) {
+    std::fprintf(stderr, "mplsctl: no LFIB named '%s' yet; waiting for it to appear\n",
+                 name.c_str());
+  }
+
+  SignalFd signals;
+  Kel::EventLoop loop;  // outlives the mount group
+  bool signalled = false;
+  loop.fdIs(signals.fd(), EPOLLIN, [&](uint32_t) {
+    signalfd_siginfo info;
+    while (read(signals.fd(), &info, sizeof info) == sizeof info) {
+      signalled = true;
+    }
+  });
+
+  const Kel::Ptr<Pond::MountGroup> group = Pond::MountGroup::reader(name);
+  LfibStatus::Ptr lfib = lfibStatusFactory();
+  lfib->mountGroupIs(group);
+  LfibTrackingStatus::Ptr tracking = lfibTrackingStatusFactory("mplsctl-watch");
+  LfibTrackingSm::Ptr trackingSm =
+      lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(true, false, true), "mplsctl-watch");
+  group->loopIs(&loop);
+
+  bool open = false;
+  uint64_t lines = 0;
+  // What each route forwards as last printed: a writer that attaches anew makes the
+  // readers revisit every route, which raises versions but changes nothing to print.
+  std::map<RouteKey, std::string> known;
+  auto forwarding = [&](const LfibRoute& r) {
+    return fmt::format("{} metric {} {}", sourceName(r.source()), r.metric().value(),
+                       routeSummary(*lfib, r));
+  };
+  auto done = [&] { return signalled || (options.count && lines >= *options.count); };
+  loop.afterIterationHookIs([&] {
+    if (!group->ready()) {
+      return;
+    }
+    if (!open) {
+      // The tracking state machine's pass over what the LFIB holds: the starting point,
+      // not a change.
+      open = true;
+      lfib->lfibRouteForEach([&](const LfibRoute& r) { known[r.key()] = forwarding(r); });
+      tracking->routeKeyBacklogDelAll();
+      std::printf("watching LFIB '%s': %zu routes\n", name.c_str(), known.size());
+      std::fflush(stdout);
+      return;
+    }
+    std::vector<RouteKey> keys(tracking->routeKeyBacklogIter().begin(),
+                               tracking->routeKeyBacklogIter().end());
+    std::sort(keys.begin(), keys.end());
+    for (const RouteKey& key : keys) {
+      if (done()) {
+        break;
+      }
+      const uint32_t label = key.topLabel().value();
+      const LfibRoute route = lfib->lfibRoute(key);
+      if (route.key() != key) {
+        if (known.erase(key) > 0) {
+          std::printf("deleted %u\n", label);
+          ++lines;
+        }
+      } else if (auto [it, added] = known.try_emplace(key, forwarding(route)); added) {
+        std::printf("added %u -> %s\n", label, routeSummary(*lfib, route).c_str());
+        ++lines;
+      } else if (std::string now = forwarding(route); now != it->second) {
+        it->second = std::move(now);
+        std::printf("changed %u version %u -> %s\n", label, tracking->routeVersion(key).version(),
+                    routeSummary(*lfib, route).c_str());
+        ++lines;
+      }
+      tracking->routeKeyBacklogDel(key);  // acknowledged
+    }
+    std::fflush(stdout);
+  });
+
+  // No --timeout: a century.
+  const std::chrono::nanoseconds limit =
+      options.timeout ? std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::duration<double>(*options.timeout))
+                      : std::chrono::nanoseconds(std::chrono::hours(24 * 365 * 100));
+  loop.runUntil(done, limit);
+  group->loopIs(nullptr);
+  loop.fdDel(signals.fd());
+
+  if (!open && !signalled) {
+    throw CommandError(
+        fmt::format("LFIB '{}' did not appear within {:g} s", name, options.timeout.value_or(0)));
+  }
+  return 0;
+}
+
+}  // namespace Mplsctl
