@@ -5,11 +5,14 @@
 // (routes, MPLS vias, pseudowire vias, IP lookup vias): a first load takes them from the
 // file (twice its counts, at least 1024, rounded up to a power of two); a later load reads
 // them back from the existing tables.
+#include <unistd.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <string>
 #include <unordered_set>
 
 #include "Mpls/MplsLfibWriter.h"
@@ -17,6 +20,44 @@
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
+
+namespace {
+
+// A progress bar on stderr for long loads, when stderr is a terminal: redrawn at each
+// whole percent, cleared when done.
+class Progress {
+ public:
+  explicit Progress(size_t total)
+      : total_(total), shown_(total > 10000 && ::isatty(STDERR_FILENO) == 1) {}
+  void step() {
+    if (!shown_) {
+      return;
+    }
+    const size_t percent = ++done_ * 100 / total_;
+    if (percent != percent_) {
+      percent_ = percent;
+      const int width = 40;
+      const int filled = static_cast<int>(percent * width / 100);
+      std::fprintf(stderr, "\r[%-*s] %3zu%% %zu/%zu routes", width,
+                   std::string(static_cast<size_t>(filled), '#').c_str(), percent, done_, total_);
+      std::fflush(stderr);
+    }
+  }
+  void done() const {
+    if (shown_) {
+      std::fprintf(stderr, "\r\033[K");
+      std::fflush(stderr);
+    }
+  }
+
+ private:
+  size_t total_;
+  bool shown_;
+  size_t done_ = 0;
+  size_t percent_ = 0;
+};
+
+}  // namespace
 
 namespace Mplsctl {
 
@@ -145,11 +186,14 @@ int runLoad(const LoadOptions& options) {
     writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
   }
   uint32_t written = 0, unchanged = 0;
+  Progress progress(routes.size());
   for (const ParsedRoute& r : routes) {
     const uint64_t before = versions(*lfib);
     writer->lfibRouteIs(r.route);
     (versions(*lfib) == before ? unchanged : written) += 1;
+    progress.step();
   }
+  progress.done();
   group->publish();
   std::printf("LFIB '%s': %u routes written, %u unchanged, %zu deleted\n", name.c_str(), written,
               unchanged, gone.size());
