@@ -65,12 +65,8 @@ void LfibIpLookupSm::handleRouteVersion() {
   if (!initialized_) {
     return;
   }
-  std::vector<RouteKey> routeKeys;
-  routeKeys.reserve(lfibTrackingStatus_->routeVersions());
-  for (const auto& [routeKey, version] : lfibTrackingStatus_->routeVersionIter()) {
-    routeKeys.push_back(routeKey);
-  }
-  for (const RouteKey& routeKey : routeKeys) {
+  // Keys first: the handler's notifiees may change the versions.
+  for (const RouteKey& routeKey : lfibTrackingStatus_->routeVersionIter().keys()) {
     handleRouteVersion(routeKey);
   }
 }

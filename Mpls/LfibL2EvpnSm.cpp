@@ -166,12 +166,8 @@ void LfibL2EvpnSm::handleLfibRoute() {
   if (!initialized_) {
     return;
   }
-  std::vector<RouteKey> routeKeys;
-  routeKeys.reserve(lfibTrackingStatus_->routeVersions());
-  for (const auto& [routeKey, version] : lfibTrackingStatus_->routeVersionIter()) {
-    routeKeys.push_back(routeKey);
-  }
-  for (const RouteKey& routeKey : routeKeys) {
+  // Keys first: the handler's notifiees may change the versions.
+  for (const RouteKey& routeKey : lfibTrackingStatus_->routeVersionIter().keys()) {
     handleLfibRoute(routeKey);
   }
 }

@@ -254,18 +254,8 @@ void LfibTrackingSm::handleVia(const LfibViaKey& viaKey) {
 
 void LfibTrackingSm::handleVias() {
   KEL_FATAL_ASSERT(initialized());
-  const LfibStatus& s = *lfibStatus_;
   std::vector<LfibViaKey> viaKeys;
-  auto collect = [&](const auto& row) { viaKeys.push_back(row.key()); };
-  s.mplsViaForEach(collect);
-  s.pwViaForEach(collect);
-  s.ipLookupViaForEach(collect);
-  s.vlanViaForEach(collect);
-  s.evpnVlanAwareViaForEach(collect);
-  s.evpnEthernetSegmentFilterViaForEach(collect);
-  s.evpnVlanFloodViaForEach(collect);
-  s.evpnVlanAwareFloodViaForEach(collect);
-  s.extFecViaForEach(collect);
+  lfibStatus_->viaKeyForEach([&](const LfibViaKey& key) { viaKeys.push_back(key); });
   for (const LfibViaKey& viaKey : viaKeys) {
     handleVia(viaKey);
   }

@@ -530,6 +530,21 @@ class LfibStatus : public Kel::Entity {
   // map "[<key>]" and its " <tag>:<vlan>" pairs in tag order.
   void dumpState(Kel::DumpContext& context, int indent) const;
 
+  // Calls f(key) for every via of every via collection, one collection after the other.
+  template <class F>
+  void viaKeyForEach(F&& f) const {
+    auto key = [&](const auto& via) { f(via.key()); };
+    mplsViaForEach(key);
+    pwViaForEach(key);
+    ipLookupViaForEach(key);
+    vlanViaForEach(key);
+    evpnVlanAwareViaForEach(key);
+    evpnEthernetSegmentFilterViaForEach(key);
+    evpnVlanFloodViaForEach(key);
+    evpnVlanAwareFloodViaForEach(key);
+    extFecViaForEach(key);
+  }
+
  private:
   Kel::Ptr<Pond::MountGroup> mountGroup_;
 };

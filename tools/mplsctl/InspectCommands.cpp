@@ -44,21 +44,12 @@ int runCheck(const std::string& name) {
     }
   });
   uint64_t vias = 0;
-  auto unused = [&](const auto& via) {
+  lfib->viaKeyForEach([&](const LfibViaKey& key) {
     ++vias;
-    if (!used.contains(via.key())) {
-      problems.push_back(fmt::format("via {} is used by no via set", viaKeyText(via.key())));
+    if (!used.contains(key)) {
+      problems.push_back(fmt::format("via {} is used by no via set", viaKeyText(key)));
     }
-  };
-  lfib->mplsViaForEach(unused);
-  lfib->pwViaForEach(unused);
-  lfib->ipLookupViaForEach(unused);
-  lfib->vlanViaForEach(unused);
-  lfib->evpnVlanAwareViaForEach(unused);
-  lfib->evpnEthernetSegmentFilterViaForEach(unused);
-  lfib->evpnVlanFloodViaForEach(unused);
-  lfib->evpnVlanAwareFloodViaForEach(unused);
-  lfib->extFecViaForEach(unused);
+  });
   if (!problems.empty()) {
     for (const std::string& p : problems) {
       std::printf("%s\n", p.c_str());
