@@ -149,29 +149,35 @@ uint32_t LfibMplsVia::serialize(uint8_t* out) const {
   return static_cast<uint32_t>(w.position());
 }
 
+namespace {
+// An MPLS via's record up to its label stack: key, next hop and label action.
+constexpr uint32_t kMplsViaHeadLen = 36;
+}  // namespace
+
 uint32_t LfibMplsVia::deserializeLen(const uint8_t* in, size_t len) {
-  constexpr uint32_t kHead = 36;
-  Kel::requireLength(in, len, kHead);
+  Kel::requireLength(in, len, kMplsViaHeadLen);
   uint32_t need = kFixedLen + Netbase::UnboundedMplsLabelOperation::deserializeLen(
-                                  in + kHead, len - kHead);
+                                  in + kMplsViaHeadLen, len - kMplsViaHeadLen);
   Kel::requireLength(in, len, need);
   return need;
 }
 
 uint32_t LfibMplsVia::deserialize(const uint8_t* in, size_t len) {
-  uint32_t need = deserializeLen(in, len);
+  const uint32_t need = deserializeLen(in, len);
+  // The label stack first: it is the only part that can be refused once the length is
+  // known, and refuses before changing anything.
+  const uint32_t stackLen =
+      labelStack_.deserialize(in + kMplsViaHeadLen, need - kMplsViaHeadLen);
   Kel::ByteReader r(in, need);
-  LfibMplsVia v;
-  v.key_ = r.get<LfibViaKey>();
-  v.nextHop_ = r.get<Netbase::IpGenAddr>();
-  v.labelAction_ = r.get<Netbase::MplsLabelAction>();
-  r.skip(v.labelStack_.deserialize(r.cursor(), r.remaining()));
-  v.intf_ = r.get<Netbase::IntfId>();
-  v.payloadType_ = r.get<PayloadType>();
-  v.skipEgressAcl_ = r.get<uint8_t>() != 0;
-  v.ttlMode_ = r.get<TtlMode>();
-  v.weight_ = r.get<uint32_t>();
-  *this = std::move(v);
+  key_ = r.get<LfibViaKey>();
+  nextHop_ = r.get<Netbase::IpGenAddr>();
+  labelAction_ = r.get<Netbase::MplsLabelAction>();
+  r.skip(stackLen);
+  intf_ = r.get<Netbase::IntfId>();
+  payloadType_ = r.get<PayloadType>();
+  skipEgressAcl_ = r.get<uint8_t>() != 0;
+  ttlMode_ = r.get<TtlMode>();
+  weight_ = r.get<uint32_t>();
   return need;
 }
 

@@ -300,11 +300,14 @@ void LfibWriter::lfibRouteIsHelper(const ConsolidatedLfibRoute& route) {
   for (WeightedVia<V>& w : vias) {
     const OldVia<V>* match = nullptr;
     if (inPlace) {
-      while (next < oldVias.size() && oldVias[next].via < w.via) {
-        ++next;
-      }
-      for (; next < oldVias.size() && !(w.via < oldVias[next].via); ++next) {
-        match = &oldVias[next];
+      for (; next < oldVias.size(); ++next) {
+        const int order = Kel::valueCompare(oldVias[next].via, w.via);
+        if (order > 0) {
+          break;
+        }
+        if (order == 0) {
+          match = &oldVias[next];  // of equal ones, the last
+        }
       }
     }
     LfibViaKey key;

@@ -35,7 +35,9 @@
 //                                           nameDel(k), nameDelAll()
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -105,23 +107,84 @@ class MapColl {
   Map map_;
 };
 
-// Storage of a set collection.
+// Storage of a set collection. Most sets of an index hold one member (the one via of a
+// via set, the one route of a via set): a lone member is kept inline, and the hash set is
+// only allocated for a second one.
 template <class K>
 class SetColl {
   using Set = absl::flat_hash_set<K, Hasher<K>>;
 
  public:
-  using const_iterator = typename Set::const_iterator;
-  bool contains(const K& k) const { return set_.contains(k); }
-  bool insert(const K& k) { return set_.insert(k).second; }
-  bool erase(const K& k) { return set_.erase(k) > 0; }
-  std::vector<K> keys() const { return std::vector<K>(set_.begin(), set_.end()); }
-  size_t size() const noexcept { return set_.size(); }
-  const_iterator begin() const { return set_.begin(); }
-  const_iterator end() const { return set_.end(); }
+  class const_iterator {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = K;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const K*;
+    using reference = const K&;
+
+    const_iterator() = default;
+    reference operator*() const { return lone_ ? *lone_ : *it_; }
+    pointer operator->() const { return &**this; }
+    const_iterator& operator++() {
+      if (lone_) {
+        lone_ = nullptr;
+      } else {
+        ++it_;
+      }
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator old = *this;
+      ++*this;
+      return old;
+    }
+    friend bool operator==(const const_iterator& a, const const_iterator& b) {
+      return a.lone_ == b.lone_ && a.it_ == b.it_;
+    }
+
+   private:
+    friend class SetColl;
+    const_iterator(const K* lone, typename Set::const_iterator it) : lone_(lone), it_(it) {}
+    const K* lone_ = nullptr;
+    typename Set::const_iterator it_;
+  };
+
+  bool contains(const K& k) const { return hasLone_ ? lone_ == k : set_.contains(k); }
+  bool insert(const K& k) {
+    if (set_.empty()) {
+      if (!hasLone_) {
+        lone_ = k;
+        hasLone_ = true;
+        return true;
+      }
+      if (lone_ == k) {
+        return false;
+      }
+      set_.insert(lone_);
+      hasLone_ = false;
+    }
+    return set_.insert(k).second;
+  }
+  bool erase(const K& k) {
+    if (hasLone_) {
+      if (!(lone_ == k)) {
+        return false;
+      }
+      hasLone_ = false;
+      return true;
+    }
+    return set_.erase(k) > 0;
+  }
+  std::vector<K> keys() const { return std::vector<K>(begin(), end()); }
+  size_t size() const noexcept { return hasLone_ ? 1 : set_.size(); }
+  const_iterator begin() const { return const_iterator(hasLone_ ? &lone_ : nullptr, set_.begin()); }
+  const_iterator end() const { return const_iterator(nullptr, set_.end()); }
 
  private:
-  Set set_;
+  Set set_;  // empty while the set has a lone member
+  K lone_{};
+  bool hasLone_ = false;
 };
 
 // Members of a reactor collection are reached by the owner's kelDoZombieReactors.

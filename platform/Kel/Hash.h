@@ -5,7 +5,7 @@
 //
 // Words are gathered in a small buffer and mixed by XXH3 a block at a time, so the hash of
 // a typical key (a handful of words) is one XXH3 call over the stack buffer, folded to 32
-// bits.
+// bits; up to four words are mixed inline, by two multiply-folds.
 #pragma once
 
 #include <cstdint>
@@ -54,7 +54,8 @@ class HashAccumulator {
   // What feeding these words one by one gives, for at most kBlockWords of them: the hash
   // of values whose memory is their word sequence, without copying them.
   static uint32_t ofWords(const void* words, size_t bytes, uint64_t seed) noexcept {
-    uint64_t h = XXH3_64bits_withSeed(words, bytes, seed);
+    const uint64_t h = bytes <= 16 ? ofShortWords(static_cast<const uint8_t*>(words), bytes, seed)
+                                   : XXH3_64bits_withSeed(words, bytes, seed);
     return static_cast<uint32_t>(h ^ (h >> 32));
   }
 
@@ -62,6 +63,27 @@ class HashAccumulator {
   static constexpr uint32_t kBlockWords = 16;
 
  private:
+
+  // Keys of up to four words (a label, a via key) are most of what is hashed, on every
+  // table lookup: two 64-bit multiply-folds (as in wyhash) instead of a call into XXH3.
+  static uint64_t ofShortWords(const uint8_t* p, size_t bytes, uint64_t seed) noexcept {
+    constexpr uint64_t k0 = 0xa0761d6478bd642full;
+    constexpr uint64_t k1 = 0xe7037ed1a0b428dbull;
+    uint64_t a = 0;
+    uint64_t b = 0;
+    if (bytes > 8) {
+      std::memcpy(&a, p, 8);
+      std::memcpy(&b, p + 8, bytes - 8);
+    } else {
+      std::memcpy(&a, p, bytes);
+    }
+    const uint64_t m = mixFold(a ^ k1, b ^ seed ^ k0);
+    return mixFold(m ^ k0 ^ bytes, (m >> 29) ^ k1);
+  }
+  static uint64_t mixFold(uint64_t a, uint64_t b) noexcept {
+    const unsigned __int128 r = static_cast<unsigned __int128>(a) * b;
+    return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
+  }
 
   // Only for values of more than 16 words: out of line, off the hot path.
   [[gnu::noinline, gnu::cold]] void flush() noexcept {

@@ -25,7 +25,9 @@
 // no setters and no constructor but the default one, for types that keep an invariant).
 #pragma once
 
+#include <bit>
 #include <cstdint>
+#include <cstring>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -55,28 +57,85 @@ bool valueEqual(const T& a, const T& b) {
       T::kelFields());
 }
 
+template <ValueType T>
+int valueCompare(const T& a, const T& b);
+
 namespace internal {
+// Bytes in lexicographic order (as unsigned), eight at a time: an IPv6 address in two steps.
+template <size_t N>
+int compareBytes(const uint8_t* a, const uint8_t* b) {
+  size_t i = 0;
+  for (; i + 8 <= N; i += 8) {
+    uint64_t x;
+    uint64_t y;
+    std::memcpy(&x, a + i, 8);
+    std::memcpy(&y, b + i, 8);
+    if (x != y) {
+      if constexpr (std::endian::native == std::endian::little) {
+        x = __builtin_bswap64(x);
+        y = __builtin_bswap64(y);
+      }
+      return x < y ? -1 : 1;
+    }
+  }
+  for (; i < N; ++i) {
+    if (a[i] != b[i]) {
+      return a[i] < b[i] ? -1 : 1;
+    }
+  }
+  return 0;
+}
+
+template <class F>
+concept ByteArray = StdArray<F> && std::same_as<typename F::value_type, uint8_t>;
+
+// -1, 0 or 1 as x is below, equal to or above y by operator<. Value types, numbers and
+// sequences are compared in one walk; a nested value type compared by two operator< calls
+// would compare its own fields twice, and so on at every level below.
 template <class F>
 int compareField(const F& x, const F& y) {
-  if (x < y) {
-    return -1;
+  if constexpr (ValueType<F>) {
+    return valueCompare(x, y);
+  } else if constexpr (std::is_arithmetic_v<F> || std::is_enum_v<F>) {
+    return (y < x) - (x < y);
+  } else if constexpr (ByteArray<F>) {
+    return compareBytes<std::tuple_size_v<F>>(x.data(), y.data());
+  } else if constexpr (Sequence<F> || StdArray<F>) {
+    auto i = x.begin();
+    auto j = y.begin();
+    for (; i != x.end() && j != y.end(); ++i, ++j) {
+      if (int r = compareField(*i, *j)) {
+        return r;
+      }
+    }
+    return (j == y.end()) - (i == x.end());
+  } else {
+    if (x < y) {
+      return -1;
+    }
+    return y < x ? 1 : 0;
   }
-  return y < x ? 1 : 0;
 }
 }  // namespace internal
 
+// Three-way comparison in the order of operator< (lexicographic in field order).
 template <ValueType T>
-bool valueLess(const T& a, const T& b) {
+int valueCompare(const T& a, const T& b) {
   int r = 0;
   std::apply(
       [&](const auto&... f) {
-        ((r = r != 0 ? r
-                     : internal::compareField(a.*(std::remove_cvref_t<decltype(f)>::member),
-                                              b.*(std::remove_cvref_t<decltype(f)>::member))),
-         ...);
+        (void)((r = internal::compareField(a.*(std::remove_cvref_t<decltype(f)>::member),
+                                           b.*(std::remove_cvref_t<decltype(f)>::member)),
+                r == 0) &&
+               ...);
       },
       T::kelFields());
-  return r < 0;
+  return r;
+}
+
+template <ValueType T>
+bool valueLess(const T& a, const T& b) {
+  return valueCompare(a, b) < 0;
 }
 
 // The shape of a type as text: a value type's name and fields, recursively, with the

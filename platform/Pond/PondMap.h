@@ -108,11 +108,15 @@ class PondMap final : private internal::TableBase {
       return false;
     }
     try {
+      const uint32_t hash = Kel::hashOf(key, internal::kKeyHashSeed);
+      if (engine_->writer()) {
+        return findOwn(key, hash, row);
+      }
       uint32_t len = 0;
-      if (!engine_->find(&key, Kel::hashOf(key, internal::kKeyHashSeed), bytes(), &len)) {
+      if (!engine_->find(&key, hash, bytes(), &len)) {
         return false;
       }
-      decode(row, len);
+      decodeFrom(row, bytes(), len);
       return true;
     } catch (const Kel::Exception& e) {
       reportCorruption(e.what());
@@ -246,13 +250,43 @@ class PondMap final : private internal::TableBase {
 
   uint8_t* bytes() const { return reinterpret_cast<uint8_t*>(buffer_.data()); }
 
-  void decode(Row& row, uint32_t len) const {
+  // The writer's lookup, in place (see TableEngine::findOwnSlot).
+  bool findOwn(const Key& key, uint32_t hash, Row& row) const {
     if constexpr (VariableRow<Row>) {
-      row.deserialize(bytes(), len);
+      const uint8_t* data = engine_->findOwnSlot(hash, [&](const uint8_t* d) {
+        Key stored;
+        std::memcpy(&stored, d + internal::TableEngine::kVariableKeyOffset, sizeof(Key));
+        return stored == key;
+      });
+      if (!data) {
+        return false;
+      }
+      uint32_t len = 0;
+      const uint8_t* record = engine_->ownRecord(data, &len);
+      row.deserialize(record, len);
+      return true;
     } else {
-      std::memcpy(&row, bytes(), sizeof(Row));
+      alignas(Row) uint8_t image[sizeof(Row)];
+      const uint8_t* data = engine_->findOwnSlot(hash, [&](const uint8_t* d) {
+        std::memcpy(image, d, sizeof(Row));
+        return reinterpret_cast<const Row*>(image)->key() == key;
+      });
+      if (!data) {
+        return false;
+      }
+      std::memcpy(&row, image, sizeof(Row));
+      return true;
     }
   }
+
+  static void decodeFrom(Row& row, const uint8_t* in, uint32_t len) {
+    if constexpr (VariableRow<Row>) {
+      row.deserialize(in, len);
+    } else {
+      std::memcpy(&row, in, sizeof(Row));
+    }
+  }
+  void decode(Row& row, uint32_t len) const { decodeFrom(row, bytes(), len); }
 
   void requireWriter() const {
     if (group_->role() != Role::writer) {

@@ -14,7 +14,8 @@ namespace Pond::internal {
 
 constexpr uint64_t kGroupMagic = 0x31505247444e4f50ull;  // "PONDGRP1"
 constexpr uint64_t kTableMagic = 0x31424154444e4f50ull;  // "PONDTAB1"
-constexpr uint32_t kLayoutVersion = 1;
+// 2: keys of up to 16 bytes hash with Kel's short-key mix.
+constexpr uint32_t kLayoutVersion = 2;
 constexpr uint32_t kNameMax = 64;  // bytes of a group or table name, without its zero
 
 // Chains link slots by index + 1, so that 0 ends a chain and a zero-filled segment holds

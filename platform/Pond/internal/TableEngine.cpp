@@ -343,8 +343,7 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
     for (uint32_t hops = 0; link != kNoSlot; ++hops) {
       uint32_t index = link - 1;
       if (index >= capacity_ || hops >= capacity_) {
-        corrupt(fmt::format("bucket {} chains to slot {} ({} hops) in a table of {} slots",
-                            hash & bucketMask_, index, hops, capacity_));
+        corruptChain(hash, link, hops);
       }
       const SlotHeader* s = slot(index);
       const uint8_t* data = slotData(index);
@@ -401,6 +400,11 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
     }
     // The chain changed, or a slot changed under us: walk it again.
   }
+}
+
+void TableEngine::corruptChain(uint32_t hash, uint32_t link, uint32_t hops) const {
+  corrupt(fmt::format("bucket {} chains to slot {} ({} hops) in a table of {} slots",
+                      hash & bucketMask_, link - 1, hops, capacity_));
 }
 
 bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const {

@@ -8,7 +8,8 @@
 //     read-write;
 //   - readers map the segment read-only and call find, next and readLog; they never take
 //     a lock and never make the writer wait;
-//   - the writer's own reads use the reader paths.
+//   - the writer reads its own rows in place (findOwnSlot); its iteration uses the reader
+//     path.
 // What a reader may observe: every row it returns was committed by the writer as a whole
 // (per-slot seqlocks; rows are copied out, then checked). A lookup that races with the
 // writer sees the row before or after the change. A reader that finds the structure
@@ -24,6 +25,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -96,6 +98,43 @@ class TableEngine {
   // Copies the row (fixed rows: rowSize bytes) or record of `key` into `out` (bufferSize()
   // bytes) and returns true; false when absent. `recordLen` receives the record's length.
   bool find(const void* key, uint32_t hash, uint8_t* out, uint32_t* recordLen) const;
+
+  // The writer's own lookups. Nothing else changes the table under its writer, so it reads
+  // in place, without the readers' seqlock protocol and without a copy; what these return
+  // stays valid until the writer's next change. Inline, so that the typed face compares
+  // keys without an indirect call.
+  //
+  // The data of the live slot of `hash` for which `matches(data)` holds, or null. A fixed
+  // row's data is the row; a variable row's is its record reference, then its key at
+  // kVariableKeyOffset.
+  static constexpr uint32_t kVariableKeyOffset = sizeof(HeapRef);
+  template <class Matches>
+  const uint8_t* findOwnSlot(uint32_t hash, Matches&& matches) const {
+    uint32_t link = buckets_[hash & bucketMask_].head;
+    for (uint32_t hops = 0; link != kNoSlot; ++hops) {
+      if (link > capacity_ || hops >= capacity_) [[unlikely]] {
+        corruptChain(hash, link, hops);
+      }
+      const SlotHeader* s = slot(link - 1);
+      const uint8_t* data = slotData(link - 1);
+      if (s->hash == hash && (s->flags & kSlotLive) && matches(data)) {
+        return data;
+      }
+      link = s->next;
+    }
+    return nullptr;
+  }
+  // The record a variable row's slot data refers to, and its length.
+  const uint8_t* ownRecord(const uint8_t* slotData, uint32_t* recordLen) const {
+    HeapRef ref;
+    std::memcpy(&ref, slotData, sizeof(ref));
+    if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
+        uint64_t{ref.offset} + ((ref.length + 7) & ~7u) > heapBytes_) [[unlikely]] {
+      checkRecord(ref, static_cast<uint32_t>((slotData - slots_) / slotSize_));
+    }
+    *recordLen = ref.length;
+    return heap_ + ref.offset;
+  }
   // Copies the next row at or after hint.slot, moves the hint past it and returns true;
   // false at the end. `keyOut` (variable rows) receives its key.
   bool next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const;
@@ -140,6 +179,7 @@ class TableEngine {
   }
   uint32_t waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const;
   [[noreturn]] void corrupt(const std::string& what) const;
+  [[noreturn, gnu::cold]] void corruptChain(uint32_t hash, uint32_t link, uint32_t hops) const;
   void checkRecord(HeapRef ref, uint32_t index) const;
 
   // Writer helpers.

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+
 #include "Kel/Binary.h"
 
 namespace Netbase {
@@ -41,18 +43,25 @@ uint32_t UnboundedMplsLabelOperation::deserializeLen(const uint8_t* in, size_t l
 }
 
 uint32_t UnboundedMplsLabelOperation::deserialize(const uint8_t* in, size_t len) {
-  uint32_t need = deserializeLen(in, len);
+  const uint32_t need = deserializeLen(in, len);
   Kel::ByteReader r(in, need);
-  uint32_t count = r.get<uint16_t>();
-  MplsLabelAction operation = static_cast<MplsLabelAction>(r.get<uint8_t>());
+  const uint32_t count = r.get<uint16_t>();
+  const MplsLabelAction operation = static_cast<MplsLabelAction>(r.get<uint8_t>());
   r.skip(1);
-  MplsLabelStack stack;
-  stack.reserve(count);
+  // Every label is checked before anything changes: a bad record leaves this as it was.
+  const uint8_t* labels = r.cursor();
   for (uint32_t i = 0; i < count; ++i) {
-    stack.push_back(MplsLabel(r.get<uint32_t>()));
+    uint32_t v;
+    std::memcpy(&v, labels + 4 * i, 4);
+    (void)MplsLabel(v);
   }
   operation_ = operation;
-  labelStack_ = std::move(stack);
+  labelStack_.resize(count);
+  for (uint32_t i = 0; i < count; ++i) {
+    uint32_t v;
+    std::memcpy(&v, labels + 4 * i, 4);
+    labelStack_[i] = MplsLabel::unchecked(v);
+  }
   return need;
 }
 

@@ -225,6 +225,41 @@ TEST(Entity, EveryChangeNotifiesOnceWithItsKey) {
   EXPECT_EQ(box->counters() + box->members() + box->entrys() + box->childs(), 0u);
 }
 
+// A set keeps a lone member inline and moves to a hash set for a second one: every step
+// of that, and back, answers the same as any set.
+TEST(Entity, SetCollectionThroughOneAndManyMembers) {
+  auto box = Kel::make<Box>();
+  auto members = [&] {
+    std::vector<uint32_t> out(box->memberIter().begin(), box->memberIter().end());
+    std::sort(out.begin(), out.end());
+    return out;
+  };
+  using Members = std::vector<uint32_t>;
+  EXPECT_EQ(members(), Members{});
+  box->memberIs(4, true);
+  EXPECT_EQ(members(), Members{4});
+  EXPECT_TRUE(box->member(4));
+  EXPECT_FALSE(box->member(5));
+  box->memberIs(4, true);
+  EXPECT_EQ(box->members(), 1u);
+  box->memberIs(5, true);
+  box->memberIs(6, true);
+  EXPECT_EQ(members(), (Members{4, 5, 6}));
+  box->memberDel(4);
+  box->memberDel(6);
+  EXPECT_EQ(members(), Members{5});
+  EXPECT_TRUE(box->member(5));
+  box->memberDel(5);
+  EXPECT_EQ(members(), Members{});
+  EXPECT_EQ(box->members(), 0u);
+  box->memberIs(7, true);
+  box->memberDel(8);
+  EXPECT_EQ(members(), Members{7});
+  box->memberIs(8, true);
+  EXPECT_EQ(members(), (Members{7, 8}));
+  EXPECT_EQ(box->memberIter().keys().size(), 2u);
+}
+
 TEST(Entity, QuiescedCollectionAnnouncesNothing) {
   auto box = Kel::make<Box>();
   BoxLog log(box);

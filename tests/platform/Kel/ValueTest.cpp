@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <sstream>
 #include <string>
@@ -186,6 +188,75 @@ TEST(ValueType, EqualityAndOrderFollowTheFields) {
     Holder copy = c.lo;
     EXPECT_TRUE(copy == c.lo);
   }
+}
+
+// Value types nested in value types, byte arrays and sequences are compared in one walk;
+// the order is the one operator< gives field by field.
+TEST(ValueType, ThreeWayCompareAgreesWithTheFieldOrder) {
+  using Bytes = std::array<uint8_t, 12>;
+  auto bytes = [](std::initializer_list<std::pair<int, uint8_t>> set) {
+    Bytes b{};
+    for (auto [i, v] : set) {
+      b[i] = v;
+    }
+    return b;
+  };
+  const std::pair<Bytes, Bytes> byteCases[] = {
+      {bytes({}), bytes({{11, 1}})},
+      {bytes({{0, 0x7f}}), bytes({{0, 0x80}})},  // unsigned
+      {bytes({{7, 2}, {8, 9}}), bytes({{7, 3}})},
+      {bytes({{8, 1}}), bytes({{7, 1}})},
+  };
+  for (const auto& [lo, hi] : byteCases) {
+    EXPECT_EQ(Kel::internal::compareField(lo, hi), -1);
+    EXPECT_EQ(Kel::internal::compareField(hi, lo), 1);
+    EXPECT_EQ(Kel::internal::compareField(lo, lo), 0);
+    EXPECT_TRUE(lo < hi);
+  }
+  using Seq = std::vector<Key>;
+  const std::pair<Seq, Seq> seqCases[] = {
+      {Seq{}, Seq{Key(sourceLdp, 0)}},
+      {Seq{Key(sourceLdp, 3)}, Seq{Key(sourceLdp, 3), Key(sourceLdp, 0)}},
+      {Seq{Key(sourceLdp, 3), Key(sourceBgp, 0)}, Seq{Key(sourceStatic, 0)}},
+  };
+  for (const auto& [lo, hi] : seqCases) {
+    EXPECT_EQ(Kel::internal::compareField(lo, hi), -1);
+    EXPECT_EQ(Kel::internal::compareField(hi, lo), 1);
+    EXPECT_EQ(Kel::internal::compareField(hi, hi), 0);
+    EXPECT_TRUE(lo < hi);
+  }
+  const Holder a(Key(sourceLdp, 1), 2, red, "a", false, Flags(), 0, 0);
+  const Holder b(Key(sourceLdp, 2), 0, red, "", false, Flags(), 0, 0);
+  EXPECT_EQ(Kel::valueCompare(a, b), -1);
+  EXPECT_EQ(Kel::valueCompare(b, a), 1);
+  EXPECT_EQ(Kel::valueCompare(a, a), 0);
+}
+
+// Keys of up to four words take the inline mix: every word and the seed must reach the
+// low bits that pick a bucket.
+TEST(ValueType, ShortKeysSpreadOverBuckets) {
+  for (uint32_t words : {1u, 2u, 3u, 4u}) {
+    for (uint32_t varying = 0; varying < words; ++varying) {
+      SCOPED_TRACE(::testing::Message() << words << " words, word " << varying << " varies");
+      constexpr uint32_t kKeys = 1 << 14;
+      constexpr uint32_t kBuckets = 1 << 14;
+      std::vector<uint32_t> load(kBuckets);
+      uint32_t worst = 0;
+      for (uint32_t i = 0; i < kKeys; ++i) {
+        uint32_t key[4] = {0x11111111, 0x22222222, 0x33333333, 0x44444444};
+        key[varying] = i;
+        const uint32_t h = Kel::HashAccumulator::ofWords(key, 4 * words, 7);
+        worst = std::max(worst, ++load[h & (kBuckets - 1)]);
+      }
+      const auto used = std::count_if(load.begin(), load.end(), [](uint32_t n) { return n > 0; });
+      // A random hash fills 1 - 1/e of the buckets (63 %), its longest chain about 8.
+      EXPECT_GT(used, kBuckets * 6 / 10);
+      EXPECT_LE(worst, 12u);
+    }
+  }
+  const uint32_t key[3] = {1, 2, 3};
+  EXPECT_NE(Kel::HashAccumulator::ofWords(key, 12, 1), Kel::HashAccumulator::ofWords(key, 12, 2));
+  EXPECT_NE(Kel::HashAccumulator::ofWords(key, 8, 1), Kel::HashAccumulator::ofWords(key, 12, 1));
 }
 
 TEST(ValueType, HashIsConsistentWithEquality) {

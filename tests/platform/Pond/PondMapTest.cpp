@@ -406,8 +406,8 @@ TEST(PondMap, BadSegmentsAreRefused) {
   patch(offsetof(Pond::internal::TableHeader, capacity), 0xFFFFFFFFull << 32 | 16);
   EXPECT_TRUE(contains(readerError(), "sizes")) << readerError();
   patch(offsetof(Pond::internal::TableHeader, capacity), 16 | (16ull << 32));
-  patch(offsetof(Pond::internal::TableHeader, layoutVersion), 2 | (320ull << 32));
-  EXPECT_TRUE(contains(readerError(), "layout version 2")) << readerError();
+  patch(offsetof(Pond::internal::TableHeader, layoutVersion), 9 | (320ull << 32));
+  EXPECT_TRUE(contains(readerError(), "layout version 9")) << readerError();
   patch(0, 0x1234);
   EXPECT_TRUE(contains(readerError(), "not a Pond table")) << readerError();
   ASSERT_EQ(::truncate(path.c_str(), 10), 0);

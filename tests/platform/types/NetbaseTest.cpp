@@ -289,9 +289,11 @@ TEST(UnboundedMplsLabelOperation, TruncatedOrOutOfRangeRecordsAreRefused) {
 
   uint32_t tooBig = 0x800001;
   std::memcpy(full.data() + 8, &tooBig, 4);
-  UnboundedMplsLabelOperation back;
+  UnboundedMplsLabelOperation back = op(Netbase::labelActionSwap, {17});
+  const UnboundedMplsLabelOperation before = back;
   EXPECT_EQ(errorText<Kel::RangeException>([&] { back.deserialize(full.data(), full.size()); }),
             kLabelRange);
+  EXPECT_EQ(back, before);  // a refused record changes nothing
 
   Netbase::MplsLabelStack huge(UnboundedMplsLabelOperation::kMaxLabels + 1, MplsLabel(16));
   UnboundedMplsLabelOperation tooDeep(Netbase::labelActionPush, huge);
