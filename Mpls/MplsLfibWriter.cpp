@@ -47,7 +47,6 @@ struct ViaTraits;
 
 template <>
 struct ViaTraits<LfibMplsVia> {
-  static constexpr LfibViaType viaType = viaTypeMplsIp;
   static constexpr bool weighted = true;
   static const auto& vias(const ConsolidatedLfibRoute& r) { return r.mplsVia(); }
   static auto* table(const LfibStatus& s) { return s.mplsViaTable(); }
@@ -57,7 +56,6 @@ struct ViaTraits<LfibMplsVia> {
 
 template <>
 struct ViaTraits<LfibPwVia> {
-  static constexpr LfibViaType viaType = viaTypeMplsPseudowire;
   static constexpr bool weighted = false;
   static const auto& vias(const ConsolidatedLfibRoute& r) { return r.pwVia(); }
   static auto* table(const LfibStatus& s) { return s.pwViaTable(); }
@@ -67,7 +65,6 @@ struct ViaTraits<LfibPwVia> {
 
 template <>
 struct ViaTraits<LfibIpLookupVia> {
-  static constexpr LfibViaType viaType = viaTypeIpLookup;
   static constexpr bool weighted = false;
   static const auto& vias(const ConsolidatedLfibRoute& r) { return r.ipLookupVia(); }
   static auto* table(const LfibStatus& s) { return s.ipLookupViaTable(); }
@@ -77,7 +74,6 @@ struct ViaTraits<LfibIpLookupVia> {
 
 template <>
 struct ViaTraits<LfibExtFecVia> {
-  static constexpr LfibViaType viaType = viaTypeExternalFec;
   static constexpr bool weighted = false;
   static const auto& vias(const ConsolidatedLfibRoute& r) { return r.extFecVia(); }
   static auto* table(const LfibStatus& s) { return s.extFecViaTable(); }

@@ -1,7 +1,7 @@
 // mplsctl run as a user runs it, one process per command, on LFIBs of their own: load then
 // show (table and JSON), a reload that writes only what changed, --replace, check, dump,
 // clear, the errors for a missing LFIB and a bad route file, --help, watch following
-// another process's loads, and the demo.
+// another process's loads, the demo, and mldp decode.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -345,15 +345,61 @@ TEST_F(Mplsctl, HelpAndUsage) {
     EXPECT_NE(r.out.find(command), std::string::npos) << r.out;
   }
   r = mplsctl({});
-  EXPECT_NE(r.status, 0);
+  EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err, "");
   r = mplsctl({"frobnicate"});
-  EXPECT_NE(r.status, 0);
+  EXPECT_EQ(r.status, 2);
   r = mplsctl({"load"});
-  EXPECT_NE(r.status, 0);
+  EXPECT_EQ(r.status, 2);
   EXPECT_NE(r.err.find("FILE"), std::string::npos) << r.err;
   r = mplsctl({"show", "2000000"});
+  EXPECT_EQ(r.status, 2);
+}
+
+// mldp decode reads hex in its several spellings, prints one line or the wrapped summary,
+// and names bad hex.
+TEST(MplsctlMldp, DecodesHexAndNamesBadHex) {
+  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+           {"05", "00", "09", "20", "0a", "00", "00", "01", "e1", "01", "01", "01"},
+           {"05:00:09:20:0A:00:00:01:E1:01:01:01"},
+           {"0x050009200a", "0x000001e1010101"},
+           {"\\x05\\x00\\x09\\x20\\x0a\\x00\\x00\\x01\\xe1\\x01\\x01\\x01"},
+           {" x05 x00 x09 x20 x0a x00 x00 x01 xe1 x01 x01 x01"}}) {
+    std::vector<std::string> command = {"mldp", "decode"};
+    command.insert(command.end(), args.begin(), args.end());
+    const Result r = mplsctl(command);
+    EXPECT_EQ(r.status, 0) << args[0] << ": " << r.err;
+    EXPECT_EQ(r.out, "RP: 10.0.0.1/32 G: 225.1.1.1\n") << args[0];
+  }
+  // Transit VPNv6 bidir: 45 columns on one line, so the summary wraps the RD.
+  const std::string vpnV6Bidir =
+      "0a0029 80 20010db8000000000000000000000002 ff050000000000000000000000000001 "
+      "0001 0a000001 0007";
+  Result r = mplsctl({"mldp", "decode", vpnV6Bidir});
+  EXPECT_EQ(r.out, "RP: 2001:db8::2/128 G: ff05::1 RD: 10.0.0.1:7\n");
+  r = mplsctl({"mldp", "decode", "--summary", vpnV6Bidir});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "RP: 2001:db8::2/128 G: ff05::1\n RD: 10.0.0.1:7\n");
+  r = mplsctl({"mldp", "decode", "05 00 08 20 0a 00 00 01 e1 01 01 01"});
+  EXPECT_EQ(r.out, " x05 x00 x08 x20 x0a x00 x00 x01 xe1 x01 x01 x01\n");
+
+  r = mplsctl({"mldp", "decode", "01 00 zz"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err.rfind("mplsctl: bad hex 'zz': 'z' is not a hex digit", 0), 0u) << r.err;
+  r = mplsctl({"mldp", "decode", "01:00:004"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err.rfind("mplsctl: bad hex '004': an odd number of hex digits", 0), 0u) << r.err;
+  r = mplsctl({"mldp", "decode", ": :"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: no octets to decode in ': :'\n");
+  r = mplsctl({"mldp", "decode"});
   EXPECT_NE(r.status, 0);
+  EXPECT_NE(r.err.find("HEX"), std::string::npos) << r.err;
+  r = mplsctl({"mldp", "decode", "--help"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_NE(r.out.find("--summary"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("0x"), std::string::npos) << r.out;
 }
 
 // mplsctl started in the background; its stdout is read as it comes.

@@ -10,6 +10,8 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "Mpls/MplsLfib.h"
 
@@ -50,6 +52,19 @@ int runWatch(const WatchOptions& options);
 // Creates an LFIB of its own, follows it from a reading process while routes are
 // written, rewritten and deleted, and removes it again.
 int runDemo();
+
+struct MldpDecodeOptions {
+  std::vector<std::string> hex;  // joined by blanks
+  bool summary = false;
+};
+// Prints the text of the mLDP opaque value whose octets are given in hex: on one line, or
+// as the wrapped summary.
+int runMldpDecode(const MldpDecodeOptions& options);
+// The octets written in `text`: groups of hex digits, two per octet, each group optionally
+// after "0x" or "x", separated by blanks, colons, dashes, commas or backslashes ("05 00
+// 04", "05:00:04", "0x050004", "\x05\x00\x04"). Throws CommandError naming the bad
+// group, or the text when it holds no octets.
+std::string octetsFromHex(std::string_view text);
 
 int runDump(const std::string& lfib);
 int runCheck(const std::string& lfib);

@@ -7,6 +7,7 @@
 //   mplsctl clear [--lfib NAME]
 //   mplsctl watch [--lfib NAME] [--count N] [--timeout SECONDS]
 //   mplsctl demo
+//   mplsctl mldp decode HEX... [--summary]
 //
 // Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
 // LFIB (check), 2 for bad usage.
@@ -101,10 +102,31 @@ int main(int argc, char** argv) {
       "demo", "Write routes into an LFIB of its own and show a reading process follow them");
   demoCmd->callback([&] { run = [] { return Mplsctl::runDemo(); }; });
 
+  Mplsctl::MldpDecodeOptions mldpDecode;
+  CLI::App* mldpCmd = app.add_subcommand("mldp", "mLDP tools");
+  mldpCmd->require_subcommand(1);
+  CLI::App* decodeCmd = mldpCmd->add_subcommand(
+      "decode", "Print the text of an mLDP opaque value (RFC 6388) given as hex octets");
+  decodeCmd
+      ->add_option("HEX", mldpDecode.hex,
+                   "The opaque value's octets, from its Type on: two hex digits per octet, "
+                   "optionally after 0x or x, separated or not by blanks, colons, dashes, "
+                   "commas or backslashes (01000400 00002a, 01:00:04, 0x050004, "
+                   "\\x05\\x00); several arguments are joined")
+      ->required();
+  decodeCmd->add_flag("--summary", mldpDecode.summary,
+                      "Print the summary form, wrapped at 44 columns, instead of one line");
+  decodeCmd->footer(
+      "Example: mplsctl mldp decode 05 00 09 20 0a 00 00 01 e1 01 01 01\n"
+      "  prints RP: 10.0.0.1/32 G: 225.1.1.1\n"
+      "Values of unknown types or wrong lengths print as a hex dump.");
+  decodeCmd->callback([&] { run = [&] { return Mplsctl::runMldpDecode(mldpDecode); }; });
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // --help and --version are "errors" that exit 0; any real one is bad usage.
+    return app.exit(e) == 0 ? 0 : 2;
   }
   try {
     return run();

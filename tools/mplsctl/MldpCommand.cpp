@@ -1,0 +1,89 @@
+// mplsctl mldp decode: prints the text of an mLDP opaque value given as hex octets.
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "Mpls/MldpOpaqueValue.h"
+#include "tools/mplsctl/Commands.h"
+
+namespace Mplsctl {
+
+namespace {
+
+bool isSeparator(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == ':' || c == '-' || c == ',' ||
+         c == '\\';
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
+  return -1;
+}
+
+}  // namespace
+
+std::string octetsFromHex(std::string_view text) {
+  std::string octets;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    if (isSeparator(text[pos])) {
+      ++pos;
+      continue;
+    }
+    size_t end = pos;
+    while (end < text.size() && !isSeparator(text[end])) {
+      ++end;
+    }
+    const std::string_view group = text.substr(pos, end - pos);
+    pos = end;
+    std::string_view digits = group;
+    if (digits.starts_with("0x") || digits.starts_with("0X")) {
+      digits.remove_prefix(2);
+    } else if (digits.starts_with('x') || digits.starts_with('X')) {
+      digits.remove_prefix(1);
+    }
+    constexpr std::string_view expected =
+        "expected two hex digits per octet, optionally after 0x, separated by blanks, colons, "
+        "dashes, commas or backslashes";
+    for (char c : digits) {
+      if (hexValue(c) < 0) {
+        throw CommandError(
+            fmt::format("bad hex '{}': '{}' is not a hex digit ({})", group, c, expected));
+      }
+    }
+    if (digits.empty() || digits.size() % 2 != 0) {
+      throw CommandError(
+          fmt::format("bad hex '{}': {} ({})", group,
+                      digits.empty() ? "no hex digits" : "an odd number of hex digits", expected));
+    }
+    for (size_t i = 0; i < digits.size(); i += 2) {
+      octets += static_cast<char>((hexValue(digits[i]) << 4) | hexValue(digits[i + 1]));
+    }
+  }
+  if (octets.empty()) {
+    throw CommandError(fmt::format("no octets to decode in '{}'", text));
+  }
+  return octets;
+}
+
+int runMldpDecode(const MldpDecodeOptions& options) {
+  std::string text;
+  for (const std::string& part : options.hex) {
+    text += text.empty() ? "" : " ";
+    text += part;
+  }
+  const auto parser = Mpls::mldpOpaqueValTlvParserFactory(octetsFromHex(text));
+  const std::string out = parser->getOpaqueString(options.summary, false);
+  std::printf("%s\n", out.c_str());
+  return 0;
+}
+
+}  // namespace Mplsctl
