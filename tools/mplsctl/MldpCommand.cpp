@@ -1,6 +1,8 @@
 // mplsctl mldp decode: prints the text of an mLDP opaque value given as hex octets.
 #include <fmt/format.h>
 
+#include <cctype>
+#include <charconv>
 #include <cstdio>
 
 #include "Mpls/MldpOpaqueValue.h"
@@ -13,19 +15,6 @@ namespace {
 bool isSeparator(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == ':' || c == '-' || c == ',' ||
          c == '\\';
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  if (c >= 'a' && c <= 'f') {
-    return c - 'a' + 10;
-  }
-  if (c >= 'A' && c <= 'F') {
-    return c - 'A' + 10;
-  }
-  return -1;
 }
 
 }  // namespace
@@ -54,7 +43,7 @@ std::string octetsFromHex(std::string_view text) {
         "expected two hex digits per octet, optionally after 0x, separated by blanks, colons, "
         "dashes, commas or backslashes";
     for (char c : digits) {
-      if (hexValue(c) < 0) {
+      if (!std::isxdigit(static_cast<unsigned char>(c))) {
         throw CommandError(
             fmt::format("bad hex '{}': '{}' is not a hex digit ({})", group, c, expected));
       }
@@ -65,7 +54,9 @@ std::string octetsFromHex(std::string_view text) {
                       digits.empty() ? "no hex digits" : "an odd number of hex digits", expected));
     }
     for (size_t i = 0; i < digits.size(); i += 2) {
-      octets += static_cast<char>((hexValue(digits[i]) << 4) | hexValue(digits[i + 1]));
+      uint8_t octet = 0;
+      std::from_chars(digits.data() + i, digits.data() + i + 2, octet, 16);
+      octets += static_cast<char>(octet);
     }
   }
   if (octets.empty()) {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <charconv>
+
 #include "types/Netbase/IpGenAddr.h"
 
 namespace L3 {
@@ -24,32 +26,13 @@ bool decimal(std::string_view text, uint64_t max, uint64_t& out) {
   return v <= max;
 }
 
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') {
-    return c - '0';
-  }
-  if (c >= 'a' && c <= 'f') {
-    return c - 'a' + 10;
-  }
-  if (c >= 'A' && c <= 'F') {
-    return c - 'A' + 10;
-  }
-  return -1;
-}
-
 // Parses the whole of `text`; returns an empty string on success, else why it failed.
 std::string parse(std::string_view text, RouteDistinguisher& out) {
   if (text.starts_with("0x") || text.starts_with("0X")) {
-    std::string_view hex = text.substr(2);
+    const std::string_view hex = text.substr(2);
     uint64_t v = 0;
-    for (char c : hex) {
-      int d = hexDigit(c);
-      if (d < 0) {
-        return "expected 16 hex digits after 0x";
-      }
-      v = (v << 4) | static_cast<uint64_t>(d);
-    }
-    if (hex.size() != 16) {
+    const auto [end, error] = std::from_chars(hex.data(), hex.data() + hex.size(), v, 16);
+    if (hex.size() != 16 || error != std::errc() || end != hex.data() + hex.size()) {
       return "expected 16 hex digits after 0x";
     }
     out = RouteDistinguisher(v);
