@@ -38,6 +38,31 @@ absl::InlinedVector<K, N> membersOf(const Kel::SetColl<K>& set) {
   return absl::InlinedVector<K, N>(set.begin(), set.end());
 }
 
+// The entity handed out for `key`, taken out of `entities` (null when none was).
+template <class Entities, class K>
+typename Entities::mapped_type takeEntity(Entities& entities, const K& key) {
+  if (entities.empty()) {
+    return nullptr;
+  }
+  auto it = entities.find(key);
+  if (it == entities.end()) {
+    return nullptr;
+  }
+  typename Entities::mapped_type entity = std::move(it->second);
+  entities.erase(it);
+  return entity;
+}
+
+// The entity handed out for `key`, if any.
+template <class Entities, class K>
+typename Entities::mapped_type::element_type* entityOf(const Entities& entities, const K& key) {
+  if (entities.empty()) {
+    return nullptr;
+  }
+  auto it = entities.find(key);
+  return it == entities.end() ? nullptr : it->second.get();
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -98,20 +123,40 @@ LfibTrackingSm::LfibTrackingSm(const LfibStatus::PtrConst& lfibStatus,
 }
 
 LfibViaSetKey LfibTrackingSm::routeKeyToViaSetKey(const RouteKey& routeKey) const {
-  auto it = routeKeyToViaSetKey_.find(routeKey);
-  return it == routeKeyToViaSetKey_.end() ? LfibViaSetKey() : it->second;
+  const LfibViaSetKey* viaSetKey = routeKeyToViaSetKey_.find(routeKey);
+  return viaSetKey ? *viaSetKey : LfibViaSetKey();
 }
 
 LfibViaSetKeyToLfibViaKeySet::Ptr LfibTrackingSm::viaSetKeyToViaKeySet(
     const LfibViaSetKey& viaSetKey) const {
-  auto it = viaSetKeyToViaKeySet_.find(viaSetKey);
-  return it == viaSetKeyToViaKeySet_.end() ? nullptr : it->second;
+  const Kel::SetColl<LfibViaKey>* viaKeys = viaSetKeyToViaKeySet_.find(viaSetKey);
+  if (!viaKeys) {
+    return nullptr;
+  }
+  LfibViaSetKeyToLfibViaKeySet::Ptr& entity = viaSetEntities_[viaSetKey];
+  if (!entity) {
+    entity = Kel::make<LfibViaSetKeyToLfibViaKeySet>(viaSetKey);
+    for (const LfibViaKey& viaKey : *viaKeys) {
+      entity->viaKeyIs(viaKey, true);
+    }
+  }
+  return entity;
 }
 
 LfibViaKeyToLfibViaSetKeySet::Ptr LfibTrackingSm::viaKeyToViaSetKeySet(
     const LfibViaKey& viaKey) const {
-  auto it = viaKeyToViaSetKeySet_.find(viaKey);
-  return it == viaKeyToViaSetKeySet_.end() ? nullptr : it->second;
+  const Kel::SetColl<LfibViaSetKey>* viaSetKeys = viaKeyToViaSetKeySet_.find(viaKey);
+  if (!viaSetKeys) {
+    return nullptr;
+  }
+  LfibViaKeyToLfibViaSetKeySet::Ptr& entity = viaEntities_[viaKey];
+  if (!entity) {
+    entity = Kel::make<LfibViaKeyToLfibViaSetKeySet>(viaKey);
+    for (const LfibViaSetKey& viaSetKey : *viaSetKeys) {
+      entity->viaSetKeyIs(viaSetKey, true);
+    }
+  }
+  return entity;
 }
 
 void LfibTrackingSm::mountGroupIs(const Kel::Ptr<Pond::MountGroup>& group) {
@@ -127,16 +172,8 @@ void LfibTrackingSm::mountGroupIs(const Kel::Ptr<Pond::MountGroup>& group) {
 
 void LfibTrackingSm::resynchronize() {
   // The new group's rows came with no notification, and the old group's are gone.
-  std::vector<LfibViaSetKey> viaSetKeys;
-  viaSetKeys.reserve(viaSetKeyToViaKeySet_.size());
-  for (const auto& [viaSetKey, viaKeys] : viaSetKeyToViaKeySet_) {
-    viaSetKeys.push_back(viaSetKey);
-  }
-  std::vector<RouteKey> routeKeys;
-  routeKeys.reserve(routeKeyToViaSetKey_.size());
-  for (const auto& [routeKey, viaSetKey] : routeKeyToViaSetKey_) {
-    routeKeys.push_back(routeKey);
-  }
+  const std::vector<LfibViaSetKey> viaSetKeys = viaSetKeyToViaKeySet_.keys();
+  const std::vector<RouteKey> routeKeys = routeKeyToViaSetKey_.keys();
   for (const auto& viaSetKey : viaSetKeys) {
     handleViaSet(viaSetKey);
   }
@@ -168,6 +205,8 @@ void LfibTrackingSm::handleDel() {
   routeKeyToViaSetKey_.clear();
   viaSetKeyToViaKeySet_.clear();
   viaKeyToViaSetKeySet_.clear();
+  viaSetEntities_.clear();
+  viaEntities_.clear();
   lfibTrackingStatus_->routeKeyBacklogDelAll();
   lfibTrackingStatus_->viaSetKeyBacklogDelAll();
   lfibTrackingStatus_->viaSetKeyToRouteKeySetDelAll();
@@ -180,8 +219,8 @@ void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey) {
   const LfibRoute route = lfibStatus_->lfibRoute(routeKey);
   const bool present = exists(route);
   KEL_TRACE(trace, 8, "{} handleLfibRoute {} present: {}", smTraceName_, routeKey, present);
-  auto mapped = routeKeyToViaSetKey_.find(routeKey);
-  if (!present || mapped == routeKeyToViaSetKey_.end() || !(mapped->second == route.viaSetKey())) {
+  const LfibViaSetKey* mapped = routeKeyToViaSetKey_.find(routeKey);
+  if (!present || !mapped || !(*mapped == route.viaSetKey())) {
     delRouteKeyViaSetKeyMapping(routeKey);
     if (routePasses_ != pass) {
       // A notifiee of the route set changed the LFIB and a route was handled meanwhile,
@@ -214,16 +253,15 @@ void LfibTrackingSm::indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSe
   const bool present = exists(viaSet);
   if (present) {
     // Rewritten with the vias it had (the common case of a route update): nothing to do.
-    auto indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
-    if (indexed != viaSetKeyToViaKeySet_.end()) {
-      const LfibViaSetKeyToLfibViaKeySet& viaKeys = *indexed->second;
+    if (const Kel::SetColl<LfibViaKey>* indexed = viaSetKeyToViaKeySet_.find(viaSetKey)) {
+      const Kel::SetColl<LfibViaKey>& viaKeys = *indexed;
       uint32_t matched = 0;
       bool same = true;
       for (const LfibViaKey& viaKey : viaSet.viaKey()) {
         if (viaKey == LfibViaKey()) {
           continue;
         }
-        if (!viaKeys.viaKey(viaKey)) {
+        if (!viaKeys.contains(viaKey)) {
           same = false;
           break;
         }
@@ -231,7 +269,7 @@ void LfibTrackingSm::indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSe
       }
       // Counted with repeats: a via named twice makes the count differ, and the index is
       // rebuilt, which is only slower.
-      if (same && matched == viaKeys.viaKeys()) {
+      if (same && matched == viaKeys.size()) {
         return;
       }
     }
@@ -280,18 +318,18 @@ void LfibTrackingSm::handleLfibRoutes() {
 void LfibTrackingSm::addRouteKeyViaSetKeyMapping(const RouteKey& routeKey,
                                                  const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
-  routeKeyToViaSetKey_[routeKey] = viaSetKey;
+  *routeKeyToViaSetKey_.tryEmplace(routeKey).first = viaSetKey;
   lfibTrackingStatus_->viaSetKeyToRouteKeySetIs(viaSetKey)->routeKeyIs(routeKey, true);
 }
 
 void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
   KEL_FATAL_ASSERT(initialized());
-  auto mapped = routeKeyToViaSetKey_.find(routeKey);
-  if (mapped == routeKeyToViaSetKey_.end()) {
+  const LfibViaSetKey* mapped = routeKeyToViaSetKey_.find(routeKey);
+  if (!mapped) {
     return;
   }
-  const LfibViaSetKey viaSetKey = mapped->second;
-  routeKeyToViaSetKey_.erase(mapped);
+  const LfibViaSetKey viaSetKey = *mapped;
+  routeKeyToViaSetKey_.erase(routeKey);
   LfibViaSetKeyToRouteKeySet::Ptr viaSetToRouteMap =
       lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
   KEL_FATAL_ASSERT(!!viaSetToRouteMap);
@@ -307,43 +345,50 @@ void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
 void LfibTrackingSm::addViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey,
                                                const LfibViaKey& viaKey) {
   KEL_FATAL_ASSERT(initialized());
-  auto& viaKeys = viaSetKeyToViaKeySet_[viaSetKey];
-  if (!viaKeys) {
-    viaKeys = Kel::make<LfibViaSetKeyToLfibViaKeySet>(viaSetKey);
+  const bool viaAdded = viaSetKeyToViaKeySet_.tryEmplace(viaSetKey).first->insert(viaKey);
+  const bool viaSetAdded = viaKeyToViaSetKeySet_.tryEmplace(viaKey).first->insert(viaSetKey);
+  // Entities handed out hear of it last, once both indexes agree.
+  if (viaAdded) {
+    if (LfibViaSetKeyToLfibViaKeySet* entity = entityOf(viaSetEntities_, viaSetKey)) {
+      entity->viaKeyIs(viaKey, true);
+    }
   }
-  viaKeys->viaKeyIs(viaKey, true);
-  auto& viaSetKeys = viaKeyToViaSetKeySet_[viaKey];
-  if (!viaSetKeys) {
-    viaSetKeys = Kel::make<LfibViaKeyToLfibViaSetKeySet>(viaKey);
+  if (viaSetAdded) {
+    if (LfibViaKeyToLfibViaSetKeySet* entity = entityOf(viaEntities_, viaKey)) {
+      entity->viaSetKeyIs(viaSetKey, true);
+    }
   }
-  viaSetKeys->viaSetKeyIs(viaSetKey, true);
 }
 
 void LfibTrackingSm::delViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
-  auto indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
-  if (indexed == viaSetKeyToViaKeySet_.end()) {
+  const Kel::SetColl<LfibViaKey>* indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
+  if (!indexed) {
     return;
   }
-  // Out of the index first: a notifiee of the entries below may bring this via set back
+  // Out of the index first: a notifiee of the entities below may bring this via set back
   // while its old vias are being unlinked.
-  const LfibViaSetKeyToLfibViaKeySet::Ptr viaKeys = std::move(indexed->second);
-  viaSetKeyToViaKeySet_.erase(indexed);
-  for (const LfibViaKey& viaKey : viaKeys->viaKeyIter()) {
-    LfibViaKeyToLfibViaSetKeySet::Ptr viaToViaSetMap = viaKeyToViaSetKeySet(viaKey);
+  const absl::InlinedVector<LfibViaKey, 4> viaKeys = membersOf<4>(*indexed);
+  viaSetKeyToViaKeySet_.erase(viaSetKey);
+  const LfibViaSetKeyToLfibViaKeySet::Ptr viaSetEntity = takeEntity(viaSetEntities_, viaSetKey);
+  for (const LfibViaKey& viaKey : viaKeys) {
+    Kel::SetColl<LfibViaSetKey>* viaToViaSetMap = viaKeyToViaSetKeySet_.find(viaKey);
     KEL_FATAL_ASSERT(!!viaToViaSetMap);
-    viaToViaSetMap->viaSetKeyDel(viaSetKey);
-    if (!viaToViaSetMap->viaSetKeys()) {
-      auto found = viaKeyToViaSetKeySet_.find(viaKey);
-      if (found != viaKeyToViaSetKeySet_.end() && found->second == viaToViaSetMap) {
-        viaKeyToViaSetKeySet_.erase(found);
-      }
+    viaToViaSetMap->erase(viaSetKey);
+    const bool emptied = viaToViaSetMap->empty();
+    if (emptied) {
+      viaKeyToViaSetKeySet_.erase(viaKey);
+    }
+    const LfibViaKeyToLfibViaSetKeySet::Ptr viaEntity =
+        emptied ? takeEntity(viaEntities_, viaKey) : Kel::Ptr<LfibViaKeyToLfibViaSetKeySet>(
+                                                          entityOf(viaEntities_, viaKey));
+    if (viaEntity) {
+      viaEntity->viaSetKeyDel(viaSetKey);
     }
   }
-  // Whoever still holds the entry (a notifiee included) sees it emptied; otherwise it
-  // simply goes.
-  if (viaKeys->kelRefCount() > 1) {
-    viaKeys->viaKeyDelAll();
+  // Whoever still holds the entry sees it emptied.
+  if (viaSetEntity) {
+    viaSetEntity->viaKeyDelAll();
   }
 }
 
@@ -378,15 +423,15 @@ void LfibTrackingSm::delRouteKeyShadow(const RouteKey& routeKey) {
 
 void LfibTrackingSm::maybeAddBacklogByViaKey(const LfibViaKey& viaKey) {
   KEL_FATAL_ASSERT(initialized());
-  auto found = viaKeyToViaSetKeySet_.find(viaKey);
-  if (found == viaKeyToViaSetKeySet_.end()) {
+  const Kel::SetColl<LfibViaSetKey>* found = viaKeyToViaSetKeySet_.find(viaKey);
+  if (!found) {
     return;
   }
   // Worked through from a copy, each member checked before use: the backlog's notifiees
   // may change the LFIB, and these sets with it.
-  const LfibViaKeyToLfibViaSetKeySet::Ptr viaSets = found->second;
-  for (const LfibViaSetKey& viaSetKey : membersOf<8>(viaSets->viaSetKeyIter())) {
-    if (viaSets->viaSetKey(viaSetKey)) {
+  for (const LfibViaSetKey& viaSetKey : membersOf<8>(*found)) {
+    const Kel::SetColl<LfibViaSetKey>* viaSets = viaKeyToViaSetKeySet_.find(viaKey);
+    if (viaSets && viaSets->contains(viaSetKey)) {
       maybeAddBacklogByViaSetKey(viaSetKey);
     }
   }

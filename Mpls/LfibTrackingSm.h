@@ -43,7 +43,9 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include "Kel/Collection.h"
 #include "Kel/Entity.h"
+#include "Kel/OrdinalMap.h"
 #include "Kel/Value.h"
 #include "Mpls/LfibTracking.h"
 #include "Mpls/MplsLfib.h"
@@ -103,7 +105,9 @@ class LfibTrackingSm : public Kel::Reactor {
   bool initialized() const noexcept { return initialized_; }
 
   // The indexes. A key that is not indexed gives the default via-set key, respectively
-  // null.
+  // null. The index is kept in dense arrays (labels and via indexes are handed out in
+  // sequence); the entity of an entry is made when first asked for, and kept in step with
+  // the entry from then on: when the entry goes, whoever still holds it sees it emptied.
   LfibViaSetKey routeKeyToViaSetKey(const RouteKey& routeKey) const;
   uint32_t routeKeyToViaSetKeys() const noexcept {
     return static_cast<uint32_t>(routeKeyToViaSetKey_.size());
@@ -171,11 +175,16 @@ class LfibTrackingSm : public Kel::Reactor {
   bool initialized_ = false;
   // Counts handleLfibRoute() calls, so that one can tell it was re-entered.
   uint64_t routePasses_ = 0;
-  absl::flat_hash_map<RouteKey, LfibViaSetKey, Kel::Hasher<RouteKey>> routeKeyToViaSetKey_;
-  absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToLfibViaKeySet::Ptr, Kel::Hasher<LfibViaSetKey>>
-      viaSetKeyToViaKeySet_;
-  absl::flat_hash_map<LfibViaKey, LfibViaKeyToLfibViaSetKeySet::Ptr, Kel::Hasher<LfibViaKey>>
-      viaKeyToViaSetKeySet_;
+  Kel::OrdinalMap<RouteKey, LfibViaSetKey> routeKeyToViaSetKey_;
+  Kel::OrdinalMap<LfibViaSetKey, Kel::SetColl<LfibViaKey>> viaSetKeyToViaKeySet_;
+  Kel::OrdinalMap<LfibViaKey, Kel::SetColl<LfibViaSetKey>> viaKeyToViaSetKeySet_;
+  // The entities handed out for index entries (see the accessors).
+  mutable absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToLfibViaKeySet::Ptr,
+                              Kel::Hasher<LfibViaSetKey>>
+      viaSetEntities_;
+  mutable absl::flat_hash_map<LfibViaKey, LfibViaKeyToLfibViaSetKeySet::Ptr,
+                              Kel::Hasher<LfibViaKey>>
+      viaEntities_;
   KelMountGroup kelMountGroup_;
   KelLfibStatus kelLfibStatus_;
 };

@@ -150,9 +150,25 @@ class SetColl {
     typename Set::const_iterator it_;
   };
 
-  bool contains(const K& k) const { return hasLone_ ? lone_ == k : set_.contains(k); }
+  SetColl() = default;
+  SetColl(const SetColl& other)
+      : set_(other.set_ ? std::make_unique<Set>(*other.set_) : nullptr),
+        lone_(other.lone_),
+        hasLone_(other.hasLone_) {}
+  SetColl(SetColl&&) noexcept = default;
+  SetColl& operator=(const SetColl& other) {
+    if (this != &other) {
+      *this = SetColl(other);
+    }
+    return *this;
+  }
+  SetColl& operator=(SetColl&&) noexcept = default;
+
+  bool contains(const K& k) const {
+    return hasLone_ ? lone_ == k : (set_ && set_->contains(k));
+  }
   bool insert(const K& k) {
-    if (set_.empty()) {
+    if (!set_ || set_->empty()) {
       if (!hasLone_) {
         lone_ = k;
         hasLone_ = true;
@@ -161,10 +177,13 @@ class SetColl {
       if (lone_ == k) {
         return false;
       }
-      set_.insert(lone_);
+      if (!set_) {
+        set_ = std::make_unique<Set>();
+      }
+      set_->insert(lone_);
       hasLone_ = false;
     }
-    return set_.insert(k).second;
+    return set_->insert(k).second;
   }
   bool erase(const K& k) {
     if (hasLone_) {
@@ -174,15 +193,30 @@ class SetColl {
       hasLone_ = false;
       return true;
     }
-    return set_.erase(k) > 0;
+    return set_ && set_->erase(k) > 0;
+  }
+  void clear() noexcept {
+    hasLone_ = false;
+    set_.reset();
   }
   std::vector<K> keys() const { return std::vector<K>(begin(), end()); }
-  size_t size() const noexcept { return hasLone_ ? 1 : set_.size(); }
-  const_iterator begin() const { return const_iterator(hasLone_ ? &lone_ : nullptr, set_.begin()); }
-  const_iterator end() const { return const_iterator(nullptr, set_.end()); }
+  size_t size() const noexcept { return hasLone_ ? 1 : set_ ? set_->size() : 0; }
+  bool empty() const noexcept { return size() == 0; }
+  const_iterator begin() const {
+    return const_iterator(hasLone_ ? &lone_ : nullptr, set_ ? set_->cbegin() : emptySet().cbegin());
+  }
+  const_iterator end() const {
+    return const_iterator(nullptr, set_ ? set_->cend() : emptySet().cend());
+  }
 
  private:
-  Set set_;  // empty while the set has a lone member
+  static const Set& emptySet() {
+    static const Set kEmpty;
+    return kEmpty;
+  }
+
+  // Allocated for a second member; empty or absent while the set has a lone member.
+  std::unique_ptr<Set> set_;
   K lone_{};
   bool hasLone_ = false;
 };

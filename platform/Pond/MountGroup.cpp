@@ -300,7 +300,9 @@ size_t MountGroup::processChanges() {
     allOpen = t->tryOpen() && allOpen;
   }
   uint64_t incarnation = loadAcquire(&header()->incarnation);
-  bool newWriter = incarnation != incarnation_;
+  // Incarnation 0 is a group whose first writer was still attaching when we opened it:
+  // that writer has no predecessor whose changes could have gone unlogged.
+  bool newWriter = incarnation != incarnation_ && !(incarnation_ == 0 && incarnation == 1);
   incarnation_ = incarnation;
   // A new writer may have changed rows without logging them (its predecessor died between
   // a change and its log entry): hear everything from the tables themselves.

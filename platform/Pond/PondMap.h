@@ -375,6 +375,20 @@ class PondMap final : private internal::TableBase {
       return 0;
     }
     uint64_t head = engine_->logHead();
+    // The rows logged since the last delivery and gone since: the consumer may have read
+    // them in the table before it heard of them, so it hears of them now. (Entries the log
+    // no longer holds are lost to this; a consumer that fell that far behind cannot tell.)
+    absl::flat_hash_set<Key, Kel::Hasher<Key>> logged;
+    if (changeHandler_ && head >= cursor_ && head - cursor_ <= engine_->logEntries()) {
+      for (uint64_t seq = cursor_; seq < head; ++seq) {
+        Key key;
+        uint32_t op = 0;
+        if (engine_->readLog(seq, &key, &op) == internal::TableEngine::LogRead::overrun) {
+          break;
+        }
+        logged.insert(key);
+      }
+    }
     auto present = presentKeys();
     size_t delivered = 0;
     if (changeHandler_) {
@@ -383,6 +397,13 @@ class PondMap final : private internal::TableBase {
         ++delivered;
       }
       for (const Key& k : known_) {
+        if (!present.contains(k)) {
+          logged.erase(k);
+          changeHandler_(k);
+          ++delivered;
+        }
+      }
+      for (const Key& k : logged) {
         if (!present.contains(k)) {
           changeHandler_(k);
           ++delivered;
