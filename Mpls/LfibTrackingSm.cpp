@@ -38,6 +38,25 @@ absl::InlinedVector<K, N> membersOf(const Kel::SetColl<K>& set) {
   return absl::InlinedVector<K, N>(set.begin(), set.end());
 }
 
+// The entity of `key`'s entry in `index` (null when there is none), made with its members
+// the first time and kept in `entities` from then on.
+template <class Entities, class Index, class K, class Add>
+typename Entities::mapped_type handedOut(Entities& entities, const Index& index, const K& key,
+                                         Add&& add) {
+  const auto* members = index.find(key);
+  if (!members) {
+    return nullptr;
+  }
+  typename Entities::mapped_type& entity = entities[key];
+  if (!entity) {
+    entity = Kel::make<typename Entities::mapped_type::element_type>(key);
+    for (const auto& member : *members) {
+      add(*entity, member);
+    }
+  }
+  return entity;
+}
+
 // The entity handed out for `key`, taken out of `entities` (null when none was).
 template <class Entities, class K>
 typename Entities::mapped_type takeEntity(Entities& entities, const K& key) {
@@ -129,34 +148,16 @@ LfibViaSetKey LfibTrackingSm::routeKeyToViaSetKey(const RouteKey& routeKey) cons
 
 LfibViaSetKeyToLfibViaKeySet::Ptr LfibTrackingSm::viaSetKeyToViaKeySet(
     const LfibViaSetKey& viaSetKey) const {
-  const Kel::SetColl<LfibViaKey>* viaKeys = viaSetKeyToViaKeySet_.find(viaSetKey);
-  if (!viaKeys) {
-    return nullptr;
-  }
-  LfibViaSetKeyToLfibViaKeySet::Ptr& entity = viaSetEntities_[viaSetKey];
-  if (!entity) {
-    entity = Kel::make<LfibViaSetKeyToLfibViaKeySet>(viaSetKey);
-    for (const LfibViaKey& viaKey : *viaKeys) {
-      entity->viaKeyIs(viaKey, true);
-    }
-  }
-  return entity;
+  return handedOut(viaSetEntities_, viaSetKeyToViaKeySet_, viaSetKey,
+                   [](auto& entity, const LfibViaKey& viaKey) { entity.viaKeyIs(viaKey, true); });
 }
 
 LfibViaKeyToLfibViaSetKeySet::Ptr LfibTrackingSm::viaKeyToViaSetKeySet(
     const LfibViaKey& viaKey) const {
-  const Kel::SetColl<LfibViaSetKey>* viaSetKeys = viaKeyToViaSetKeySet_.find(viaKey);
-  if (!viaSetKeys) {
-    return nullptr;
-  }
-  LfibViaKeyToLfibViaSetKeySet::Ptr& entity = viaEntities_[viaKey];
-  if (!entity) {
-    entity = Kel::make<LfibViaKeyToLfibViaSetKeySet>(viaKey);
-    for (const LfibViaSetKey& viaSetKey : *viaSetKeys) {
-      entity->viaSetKeyIs(viaSetKey, true);
-    }
-  }
-  return entity;
+  return handedOut(viaEntities_, viaKeyToViaSetKeySet_, viaKey,
+                   [](auto& entity, const LfibViaSetKey& viaSetKey) {
+                     entity.viaSetKeyIs(viaSetKey, true);
+                   });
 }
 
 void LfibTrackingSm::mountGroupIs(const Kel::Ptr<Pond::MountGroup>& group) {
