@@ -212,7 +212,7 @@ class OrdinalMap {
   }
 
   std::vector<Domain> domains_;
-  size_t last_ = 0;
+  mutable size_t last_ = 0;  // the domain found last; find() const moves it too
   absl::node_hash_map<K, V, Hasher<K>> sparse_;
   size_t size_ = 0;
 };

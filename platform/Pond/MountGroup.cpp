@@ -94,18 +94,24 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   internal::SegmentOptions segmentOptions{options.mode, options.group};
   Ptr group(new MountGroup(std::string(name), Role::writer, segmentOptions));
   std::string shm = Segment::groupShmName(name);
+  // A new group appears with its first incarnation already stamped, so that a reader
+  // that opens it before its writer is done attaching does not take that writer for a
+  // second one.
+  bool created = false;
   for (int attempt = 0; attempt < 3 && !group->segment_.base(); ++attempt) {
     if (auto existing = Segment::open(shm, true, sizeof(GroupHeader))) {
       group->segment_ = std::move(*existing);
-    } else if (auto created = Segment::create(shm, sizeof(GroupHeader), segmentOptions,
-                                              [&](uint8_t* base) {
-                                                auto* h = reinterpret_cast<GroupHeader*>(base);
-                                                h->magic = internal::kGroupMagic;
-                                                h->layoutVersion = internal::kLayoutVersion;
-                                                h->headerSize = sizeof(GroupHeader);
-                                                std::memcpy(h->name, name.data(), name.size());
-                                              })) {
-      group->segment_ = std::move(*created);
+    } else if (auto made = Segment::create(shm, sizeof(GroupHeader), segmentOptions,
+                                           [&](uint8_t* base) {
+                                             auto* h = reinterpret_cast<GroupHeader*>(base);
+                                             h->magic = internal::kGroupMagic;
+                                             h->layoutVersion = internal::kLayoutVersion;
+                                             h->headerSize = sizeof(GroupHeader);
+                                             h->incarnation = 1;
+                                             std::memcpy(h->name, name.data(), name.size());
+                                           })) {
+      group->segment_ = std::move(*made);
+      created = true;
     }
   }
   if (!group->segment_.base()) {
@@ -123,7 +129,9 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   internal::storeRelease(&h->writerPid, 0);
   internal::storeRelease(&h->writerStartTime, processStartTime(pid).value_or(0));
   internal::storeRelease(&h->writerPid, pid);
-  internal::storeRelease(&h->incarnation, h->incarnation + 1);
+  if (!created) {
+    internal::storeRelease(&h->incarnation, h->incarnation + 1);
+  }
   group->incarnation_ = h->incarnation;
   group->changes_ = 1;
   group->publish();
@@ -300,9 +308,7 @@ size_t MountGroup::processChanges() {
     allOpen = t->tryOpen() && allOpen;
   }
   uint64_t incarnation = loadAcquire(&header()->incarnation);
-  // Incarnation 0 is a group whose first writer was still attaching when we opened it:
-  // that writer has no predecessor whose changes could have gone unlogged.
-  bool newWriter = incarnation != incarnation_ && !(incarnation_ == 0 && incarnation == 1);
+  bool newWriter = incarnation != incarnation_;
   incarnation_ = incarnation;
   // A new writer may have changed rows without logging them (its predecessor died between
   // a change and its log entry): hear everything from the tables themselves.
