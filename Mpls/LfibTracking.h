@@ -144,11 +144,12 @@ class LfibTrackingStatus : public Kel::Entity {
   explicit LfibTrackingStatus(std::string name) : name_(std::move(name)) {}
   const std::string& name() const noexcept { return name_; }
 
-  KEL_SET_ATTR(RouteKey, routeKeyBacklog, RouteKeyBacklog)
-  KEL_SET_ATTR(LfibViaSetKey, viaSetKeyBacklog, ViaSetKeyBacklog)
-  KEL_ENTITY_COLL_ATTR(LfibViaSetKey, LfibViaSetKeyToRouteKeySet, viaSetKeyToRouteKeySet,
-                       ViaSetKeyToRouteKeySet)
-  KEL_VALUE_COLL_ATTR(RouteKey, LfibRouteVersion, routeVersion, RouteVersion)
+  // Indexed by label and via-set index over the whole LFIB: kept in dense pages.
+  KEL_DENSE_SET_ATTR(RouteKey, routeKeyBacklog, RouteKeyBacklog)
+  KEL_DENSE_SET_ATTR(LfibViaSetKey, viaSetKeyBacklog, ViaSetKeyBacklog)
+  KEL_DENSE_ENTITY_COLL_ATTR(LfibViaSetKey, LfibViaSetKeyToRouteKeySet, viaSetKeyToRouteKeySet,
+                             ViaSetKeyToRouteKeySet)
+  KEL_DENSE_VALUE_COLL_ATTR(RouteKey, LfibRouteVersion, routeVersion, RouteVersion)
 
  private:
   const std::string name_;

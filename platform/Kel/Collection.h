@@ -20,6 +20,12 @@
 //                                           nameDel(k) (returns it, null when absent),
 //                                           nameDelAll()
 //
+// KEL_DENSE_MAP_ATTR, KEL_DENSE_SET_ATTR, KEL_DENSE_VALUE_COLL_ATTR and
+// KEL_DENSE_ENTITY_COLL_ATTR are the same collections for keys numbered in sequence
+// (KEL_HASH_ORDINAL) that fill much of their range: a table-wide index by label, say. They
+// keep their elements in Kel::OrdinalMap pages instead of a hash table; their iterators
+// yield the key (sets) or a (key, value) pair by value.
+//
 // An absent element reads as Kel::defaultValue<V>() (an enumeration's first enumerator).
 // Every collection also has nameNotify(k) and nameNotifyQuiesced(bool). Each change is
 // announced after it is made, to NotifieeConst::onName() (scalar) or onName(k), and only
@@ -47,6 +53,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "Kel/Entity.h"
+#include "Kel/OrdinalMap.h"
 #include "Kel/Strep.h"
 #include "Kel/Value.h"
 
@@ -221,6 +228,96 @@ class SetColl {
   bool hasLone_ = false;
 };
 
+// Storage of a K -> V collection whose keys are numbered in sequence.
+template <OrdinalHash K, class V>
+class DenseMapColl {
+  using Map = OrdinalMap<K, V>;
+
+ public:
+  using const_iterator = typename Map::const_iterator;
+
+  const V* find(const K& k) const { return map_.find(k); }
+  const V& lookup(const K& k) const {
+    static const V kAbsent = defaultValue<V>();
+    const V* v = find(k);
+    return v ? *v : kAbsent;
+  }
+  // Stores `v` under `k`; returns false when that value was already stored.
+  bool set(const K& k, const V& v) {
+    auto [stored, inserted] = map_.tryEmplace(k);
+    if (!inserted && *stored == v) {
+      return false;
+    }
+    *stored = v;
+    return true;
+  }
+  std::optional<V> erase(const K& k) {
+    V* stored = map_.find(k);
+    if (!stored) {
+      return std::nullopt;
+    }
+    std::optional<V> old(std::move(*stored));
+    map_.erase(k);
+    return old;
+  }
+  std::vector<K> keys() const { return map_.keys(); }
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  const_iterator begin() const { return map_.begin(); }
+  const_iterator end() const { return map_.end(); }
+
+ private:
+  Map map_;
+};
+
+// Storage of a set collection whose keys are numbered in sequence: presence bits only.
+template <OrdinalHash K>
+class DenseSetColl {
+  using Map = OrdinalMap<K, Present>;
+
+ public:
+  class const_iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = K;
+    using reference = K;
+    using difference_type = std::ptrdiff_t;
+
+    const_iterator() = default;
+    K operator*() const { return (*it_).first; }
+    const_iterator& operator++() {
+      ++it_;
+      return *this;
+    }
+    const_iterator operator++(int) {
+      const_iterator old = *this;
+      ++*this;
+      return old;
+    }
+    friend bool operator==(const const_iterator& a, const const_iterator& b) {
+      return a.it_ == b.it_;
+    }
+
+   private:
+    friend class DenseSetColl;
+    explicit const_iterator(typename Map::const_iterator it) : it_(it) {}
+    typename Map::const_iterator it_;
+  };
+
+  bool contains(const K& k) const { return map_.contains(k); }
+  bool insert(const K& k) { return map_.tryEmplace(k).second; }
+  bool erase(const K& k) { return map_.erase(k); }
+  void clear() { map_.clear(); }
+  std::vector<K> keys() const { return map_.keys(); }
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  const_iterator begin() const { return const_iterator(map_.begin()); }
+  const_iterator end() const { return const_iterator(map_.end()); }
+
+ private:
+  Map map_;
+};
+
 // Members of a reactor collection are reached by the owner's kelDoZombieReactors.
 template <class K, class R>
 class ReactorColl : public ZombieNode {
@@ -315,8 +412,8 @@ inline void attachParent(Entity* parent, Entity* child) {
                                                                                       \
  public:
 
-#define KEL_MAP_ATTR(K, V, name, Name)                                   \
-  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, V>)), name, Name) \
+#define KEL_MAP_ATTR_IN_(Storage, K, V, name, Name)                      \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, V>)), name, Name) \
   const V& name(const K& k) const { return name##_.lookup(k); }          \
   bool name##Has(const K& k) const { return name##_.find(k) != nullptr; } \
   void name##Is(const K& k, const V& v) {                                \
@@ -333,8 +430,8 @@ inline void attachParent(Entity* parent, Entity* child) {
     return std::move(*old);                                              \
   }
 
-#define KEL_SET_ATTR(K, name, Name)                                  \
-  KEL_COLL_COMMON_(K, ::Kel::SetColl<K>, name, Name)                  \
+#define KEL_SET_ATTR_IN_(Storage, K, name, Name)                     \
+  KEL_COLL_COMMON_(K, ::Kel::Storage<K>, name, Name)                  \
   bool name(const K& k) const { return name##_.contains(k); }        \
   void name##Is(const K& k, bool present) {                          \
     if (present ? name##_.insert(k) : name##_.erase(k)) {            \
@@ -343,8 +440,8 @@ inline void attachParent(Entity* parent, Entity* child) {
   }                                                                  \
   void name##Del(const K& k) { name##Is(k, false); }
 
-#define KEL_VALUE_COLL_ATTR(K, T, name, Name)                                  \
-  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, T>)), name, Name)       \
+#define KEL_VALUE_COLL_ATTR_IN_(Storage, K, T, name, Name)                     \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, T>)), name, Name)       \
   const T& name(const K& k) const { return name##_.lookup(k); }                \
   const T& name##Is(const T& v) {                                              \
     if (name##_.set(v.key(), v)) {                                             \
@@ -360,8 +457,8 @@ inline void attachParent(Entity* parent, Entity* child) {
     }                                                                          \
   }
 
-#define KEL_ENTITY_COLL_ATTR(K, E, name, Name)                                        \
-  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::MapColl<K, ::Kel::Ptr<E>>)), name, Name) \
+#define KEL_ENTITY_COLL_ATTR_IN_(Storage, K, E, name, Name)                           \
+  KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, ::Kel::Ptr<E>>)), name, Name) \
   ::Kel::Ptr<E> name(const K& k) const { return name##_.lookup(k); }                  \
   template <class... A>                                                               \
   ::Kel::Ptr<E> name##Is(const K& k, A&&... args) {                                   \
@@ -382,6 +479,18 @@ inline void attachParent(Entity* parent, Entity* child) {
     name##Notify(k);                                                                  \
     return std::move(*old);                                                           \
   }
+
+#define KEL_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(MapColl, K, V, name, Name)
+#define KEL_SET_ATTR(K, name, Name) KEL_SET_ATTR_IN_(SetColl, K, name, Name)
+#define KEL_VALUE_COLL_ATTR(K, T, name, Name) KEL_VALUE_COLL_ATTR_IN_(MapColl, K, T, name, Name)
+#define KEL_ENTITY_COLL_ATTR(K, E, name, Name) \
+  KEL_ENTITY_COLL_ATTR_IN_(MapColl, K, E, name, Name)
+#define KEL_DENSE_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(DenseMapColl, K, V, name, Name)
+#define KEL_DENSE_SET_ATTR(K, name, Name) KEL_SET_ATTR_IN_(DenseSetColl, K, name, Name)
+#define KEL_DENSE_VALUE_COLL_ATTR(K, T, name, Name) \
+  KEL_VALUE_COLL_ATTR_IN_(DenseMapColl, K, T, name, Name)
+#define KEL_DENSE_ENTITY_COLL_ATTR(K, E, name, Name) \
+  KEL_ENTITY_COLL_ATTR_IN_(DenseMapColl, K, E, name, Name)
 
 #define KEL_REACTOR_COLL(K, R, name)                                                   \
  public:                                                                               \
