@@ -57,10 +57,7 @@ struct IpLookupLfib {
     lfib->viaSetIs(set);
   }
   void route(uint32_t label, const LfibViaSetKey& set) {
-    LfibRoute route;
-    route.keyIs(RouteKey(label));
-    route.viaSetKeyIs(set);
-    lfib->lfibRouteIs(route);
+    lfib->lfibRouteIs(LfibRoute(RouteKey(label), set, LFib::sourceVrfLabel, FwdEqvClass(), 0));
   }
   // One IP-lookup route of its own: via, via set and route share `n`.
   void lookupRoute(uint32_t label, uint32_t n, const char* vrf, PayloadType af) {
@@ -97,16 +94,6 @@ struct Changes : LfibIpLookupStatus::NotifieeConst {
   std::vector<std::string> take() { return std::exchange(seen, {}); }
   std::vector<std::string> seen;
 };
-
-TEST(LfibIpLookupStatusLabelVrfAf, TheWholeTripleIsTheValue) {
-  const LfibIpLookupStatusLabelVrfAf red(100, L3::VrfName("red"), payloadTypeIpv4);
-  EXPECT_EQ(Kel::valueToStrep(red),
-            "Value('Mpls::LfibIpLookupStatusLabelVrfAf', ** {'label': 100, 'vrfName': 'red', "
-            "'payloadType': payloadTypeIpv4})");
-  EXPECT_FALSE(red == LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv6));
-  EXPECT_FALSE(static_cast<bool>(LfibIpLookupStatusLabelVrfAf()));
-  EXPECT_TRUE(static_cast<bool>(red));
-}
 
 TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
   IpLookupLfib l("ipLookupSteps");
@@ -166,23 +153,16 @@ TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
   EXPECT_FALSE(static_cast<bool>(l.sm->vrfAf(100)));
 }
 
-TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersions) {
+TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersionsTracesAndTheIsFormReturnsTheMachine) {
   IpLookupLfib l("ipLookupLate");
   l.lookupRoute(100, 1, "red", payloadTypeIpv4);
   l.trackingSm = lfibTrackingSmFactory(l.lfib, l.tracking, LfibTrackingMode(7), "t");
   l.lookupRoute(101, 2, "blue", payloadTypeIpv4);
   // Created after the tracking: it finds both routes through their versions.
-  l.sm = lfibIpLookupSmFactory(l.lfib, l.tracking, l.status);
+  l.sm = LfibIpLookupSmIs(l.lfib, l.tracking, l.status);
   EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
-  // Dropped, it no longer follows.
-  l.sm = nullptr;
-  l.lfib->lfibRouteDel(RouteKey(100));
-  EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
-}
+  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, l.status), l.sm);
 
-TEST(LfibIpLookupSm, TracesItsMappingsAndTheIsFormReturnsTheMachineThere) {
-  IpLookupLfib l("ipLookupTrace");
-  l.start();
   std::vector<std::string> lines;
   Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
     if (facility.name() == "LfibIpLookupSm") {
@@ -190,21 +170,25 @@ TEST(LfibIpLookupSm, TracesItsMappingsAndTheIsFormReturnsTheMachineThere) {
     }
   });
   Kel::traceConfigIs("LfibIpLookupSm/*");
-  l.lookupRoute(100, 1, "red", payloadTypeIpv4);
-  l.route(100, ipSetKey(1));
+  l.lookupRoute(102, 3, "red", payloadTypeIpv4);
+  l.route(102, ipSetKey(3));
   Kel::traceSinkIs({});
   Kel::traceConfigIs("");
   EXPECT_EQ(lines, (std::vector<std::string>{
-                       "updating mapping label= 100 vrfName= red af= payloadTypeIpv4",
-                       "no change for label= 100",
+                       "updating mapping label= 102 vrfName= red af= payloadTypeIpv4",
+                       "no change for label= 102",
                    }));
 
-  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, l.status), l.sm);
   auto other = lfibIpLookupStatusFactory();
   auto second = LfibIpLookupSmIs(l.lfib, l.tracking, other);
   EXPECT_NE(second, l.sm);
   EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, other), second);
-  EXPECT_EQ(other->labelVrfAfs(), 1u);
+  EXPECT_EQ(other->labelVrfAfs(), 3u);
+  // Dropped, it no longer follows.
+  l.sm = nullptr;
+  l.lfib->lfibRouteDel(RouteKey(100));
+  EXPECT_EQ(l.triples(),
+            "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4 102:red:payloadTypeIpv4");
 }
 
 // A reader mounts the group while the writer is still creating its tables: a route may be
@@ -226,10 +210,7 @@ TEST(LfibIpLookupSm, OnAReaderARouteHeardBeforeItsViaSetTableOpensWaitsForReadin
     Pond::PondMap<RouteKey, LfibRoute> routes(writerGroup, "lfibRoute",
                                               LfibStatusSizing().lfibRoute);
     readerGroup->processChanges();
-    LfibRoute route;
-    route.keyIs(RouteKey(100));
-    route.viaSetKeyIs(ipSetKey(1));
-    routes.upsert(route);
+    routes.upsert(LfibRoute(RouteKey(100), ipSetKey(1), LFib::sourceVrfLabel, FwdEqvClass(), 0));
     readerGroup->processChanges();
     EXPECT_FALSE(readerGroup->ready());
     EXPECT_EQ(tracking->routeVersion(RouteKey(100)).version(), 1u);

@@ -49,7 +49,8 @@ struct L2Lfib {
     trackingSm = lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "t");
     sm = lfibL2EvpnSmFactory(lfib, tracking, status, config);
   }
-  // Via `n` of `type` (with a VLAN or a map index), its via set `n`, and route `label`.
+  // Via `n` of `type` (with a VLAN or a map index; none for MPLS), its via set `n`, and
+  // route `label`.
   void route(uint32_t label, LfibViaType type, uint32_t n, uint16_t vlanOrMap = 0) {
     const LfibViaKey via = viaKey(type, n);
     switch (type) {
@@ -66,6 +67,9 @@ struct L2Lfib {
         lfib->evpnVlanAwareFloodViaIs(
             LfibEvpnVlanAwareFloodVia(via, mapKey(vlanOrMap), lfibFlagNone));
         break;
+      case viaTypeEvpnEthernetSegment:
+        lfib->evpnEthernetSegmentFilterViaIs(LfibEvpnEthernetSegmentFilterVia(via, {}));
+        break;
       default:
         break;
     }
@@ -74,10 +78,7 @@ struct L2Lfib {
       set.viaKeyIs(0, via);
     }
     lfib->viaSetIs(set);
-    LfibRoute r;
-    r.keyIs(RouteKey(label));
-    r.viaSetKeyIs(set.key());
-    lfib->lfibRouteIs(r);
+    lfib->lfibRouteIs(LfibRoute(RouteKey(label), set.key(), LFib::sourceEvpn, FwdEqvClass(), 0));
   }
   void tag(uint32_t map, uint16_t tag, uint16_t vlan) {
     lfib->dot1qTagToVlanCollIs(mapKey(map))->dot1qTagToVlanIdIs(tag, vlan);
@@ -133,15 +134,7 @@ struct Changes : LfibL2EvpnStatus::NotifieeConst {
   std::vector<std::string> seen;
 };
 
-TEST(LfibL2EvpnStatusLabelInfo, TextForms) {
-  EXPECT_EQ(Kel::valueToStrep(LfibL2EvpnStatusLabelInfo(100, 10, true, payloadTypeEthernet, false)),
-            "Value('Mpls::LfibL2EvpnStatusLabelInfo', ** {'label': 100, 'dstVlanId': 10, "
-            "'hasControlWord': True, 'payloadType': payloadTypeEthernet, 'dot1qXlate': False})");
-  EXPECT_EQ(Kel::valueToStrep(VlanAwareDecapKey(100, 5)),
-            "Value('Mpls::VlanAwareDecapKey', ** {'label': 100, 'dot1qTag': 5})");
-}
-
-TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesAndLosesThemWithItsRoute) {
+TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesTakesTheControlWordAndLosesThemWithItsRoute) {
   L2Lfib l("l2Kinds");
   l.tag(1, 5, 50);
   l.tag(1, 6, 60);
@@ -152,15 +145,7 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesAndLosesThemWithItsRoute) {
   l.route(102, viaTypeEvpnVlanAware, 3, 1);
   l.route(103, viaTypeEvpnVlanAwareFlood, 4, 2);
   l.route(104, viaTypeMplsIp, 5);
-  l.lfib->evpnEthernetSegmentFilterViaIs(
-      LfibEvpnEthernetSegmentFilterVia(viaKey(viaTypeEvpnEthernetSegment, 6), {}));
-  LfibViaSet esSet(setKey(viaTypeEvpnEthernetSegment, 6));
-  esSet.viaKeyIs(0, viaKey(viaTypeEvpnEthernetSegment, 6));
-  l.lfib->viaSetIs(esSet);
-  LfibRoute esRoute;
-  esRoute.keyIs(RouteKey(105));
-  esRoute.viaSetKeyIs(esSet.key());
-  l.lfib->lfibRouteIs(esRoute);
+  l.route(105, viaTypeEvpnEthernetSegment, 6);
   // Entries of an earlier run go at the start.
   l.status->labelInfoIs(999, LfibL2EvpnStatusLabelInfo(999, 9, false, payloadTypeEthernet, false));
   l.status->vlanAwareDecapKeyToVlanIdIs(VlanAwareDecapKey(999, 9), 9);
@@ -171,34 +156,27 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesAndLosesThemWithItsRoute) {
   EXPECT_EQ(l.sm->routeViaType(RouteKey(103)), viaTypeEvpnVlanAwareFlood);
   EXPECT_EQ(l.sm->vlanAwareRouteKeyToDot1qTagVlanKey(RouteKey(102)), mapKey(1));
 
-  for (uint32_t label : {100, 102, 101, 103, 104, 105}) {
+  // The control word preference rewrites every label entry and nothing else; routes that
+  // come later take it too.
+  Changes changes(l.status);
+  l.config->controlWordIs(true);
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:- 103:0:cw:-");
+  std::vector<std::string> seen = changes.take();
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(seen, (std::vector<std::string>{"+100:10", "+101:11", "+102:0", "+103:0"}));
+  l.route(106, viaTypeVlan, 7, 12);
+  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:- 103:0:cw:- 106:12:cw:-");
+  l.config->controlWordIs(false);
+  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:- 103:0:-:- 106:12:-:-");
+  EXPECT_EQ(l.decaps(), "102/5:50 102/6:60 103/8:80");
+
+  for (uint32_t label : {100, 102, 101, 103, 104, 105, 106}) {
     l.lfib->lfibRouteDel(RouteKey(label));
   }
   EXPECT_EQ(l.labelInfos(), "");
   EXPECT_EQ(l.decaps(), "");
   EXPECT_EQ(l.sm->routeViaTypes(), 0u);
   EXPECT_FALSE(l.sm->vlanAwareDot1qTagVlanToRouteKeySet(mapKey(1)));
-}
-
-TEST(LfibL2EvpnSm, TheControlWordPreferenceRewritesEveryEntryAndNothingElse) {
-  L2Lfib l("l2ControlWord");
-  l.tag(1, 5, 50);
-  l.route(100, viaTypeVlan, 1, 10);
-  l.route(101, viaTypeEvpnVlanFlood, 2, 11);
-  l.route(102, viaTypeEvpnVlanAware, 3, 1);
-  l.start();
-  Changes changes(l.status);
-  l.config->controlWordIs(true);
-  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:-");
-  std::vector<std::string> seen = changes.take();
-  std::sort(seen.begin(), seen.end());
-  EXPECT_EQ(seen, (std::vector<std::string>{"+100:10", "+101:11", "+102:0"}));
-  // Routes that come later take the preference too.
-  l.route(103, viaTypeVlan, 4, 12);
-  EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:- 103:12:cw:-");
-  l.config->controlWordIs(false);
-  EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:- 103:12:-:-");
-  EXPECT_EQ(l.decaps(), "102/5:50");
 }
 
 TEST(LfibL2EvpnSm, AViaKindChangeWithdrawsTheOldEntriesBeforeTheNewOnes) {

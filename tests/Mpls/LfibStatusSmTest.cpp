@@ -93,37 +93,32 @@ struct Watch : LfibStatus::NotifieeConst {
   std::vector<uint32_t> maps;
 };
 
-// A writer-role and a reader-role LfibStatus on one mount group, in this process.
-struct Lfibs {
-  explicit Lfibs(const std::string& test)
-      : name(test),
-        writerGroup(Pond::MountGroup::writer(*name)),
-        writer(lfibStatusFactory()),
-        readerGroup(Pond::MountGroup::reader(*name)),
-        reader(lfibStatusFactory()) {
-    writer->mountGroupIs(writerGroup);
-    reader->mountGroupIs(readerGroup);
+// The writer's agent: its group, its LfibStatus and, once started, its producer.
+struct WriterAgent {
+  explicit WriterAgent(const std::string& name)
+      : group(Pond::MountGroup::writer(name)), status(lfibStatusFactory()) {
+    status->mountGroupIs(group);
   }
-  ScopedGroupName name;
-  Group writerGroup;
-  LfibStatus::Ptr writer;
-  Group readerGroup;
-  LfibStatus::Ptr reader;
+  void start() { producer = lfibStatusProducerSmFactory(status); }
+  Group group;
+  LfibStatus::Ptr status;
+  LfibStatusProducerSm::Ptr producer;
 };
 
 TEST(LfibStatusProducerSm, PublishesEveryNonZeroEntryAndOnlyThose) {
-  Lfibs l("producer");
-  LfibStatus& w = *l.writer;
+  ScopedGroupName name("producer");
+  WriterAgent agent(*name);
+  LfibStatus& w = *agent.status;
   putRow(w, 9, 1, 5);     // an earlier run's row of a map that is gone
   putRow(w, 1, 30, 7);    // ... of a tag that is gone
   putRow(w, 1, 10, 999);  // ... of a tag whose VLAN changed
   setTag(w, 1, 10, 100);
   setTag(w, 1, 20, 0);
   setTag(w, 2, 5, 50);
-  Watch watch(l.writer);
-  auto producer = lfibStatusProducerSmFactory(l.writer);
-  EXPECT_TRUE(producer->initialized());
-  EXPECT_EQ(producer->dot1qTagToVlanColls(), 2u);
+  Watch watch(agent.status);
+  agent.start();
+  EXPECT_TRUE(agent.producer->initialized());
+  EXPECT_EQ(agent.producer->dot1qTagToVlanColls(), 2u);
   EXPECT_EQ(rowsOf(w), "1{10:100} 2{5:50}");
   // Each earlier row brought in line once, then each entry written once: nothing was
   // written while the nested reactors were set up, before the first pass.
@@ -158,88 +153,87 @@ TEST(LfibStatusProducerSm, PublishesEveryNonZeroEntryAndOnlyThose) {
   setTag(w, 3, 8, 80);
   w.mountGroupIs(Pond::MountGroup::writer(*moved));
   EXPECT_EQ(rowsOf(w), "1{12:120} 3{7:70 8:80}");
-  w.mountGroupIs(l.writerGroup);
+  w.mountGroupIs(agent.group);
   EXPECT_EQ(rowsOf(w), "1{12:120} 3{7:70 8:80}");
 
   // Destroying the producer leaves the rows to the readers.
-  producer = nullptr;
+  agent.producer = nullptr;
   w.dot1qTagToVlanCollDelAll();
   EXPECT_EQ(rowsOf(w), "1{12:120} 3{7:70 8:80}");
 }
 
-TEST(LfibStatusConsumerSm, MirrorsRowsTagByTag) {
-  Lfibs l("consumer");
-  putRow(*l.writer, 1, 10, 100);
-  putRow(*l.writer, 1, 20, 200);
-  auto consumer = lfibStatusConsumerSmFactory(l.reader);
-  EXPECT_TRUE(consumer->initialized());
-  EXPECT_EQ(consumer->mountGroup(), l.readerGroup);
-  EXPECT_EQ(mapsOf(*l.reader), "1{10:100 20:200}");
+// Two readers: one whose consumer starts before the writer exists and builds the maps when
+// its group is ready (the rows there come with no row notification), and one whose consumer
+// starts on a ready group.
+TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewGroup) {
+  ScopedGroupName first("consumer"), second("consumerMoved");
+  const Group lateGroup = Pond::MountGroup::reader(*first);
+  auto late = lfibStatusFactory();
+  late->mountGroupIs(lateGroup);
+  auto lateConsumer = lfibStatusConsumerSmFactory(late);
+  EXPECT_FALSE(lateGroup->ready());
 
+  WriterAgent w(*first);
+  putRow(*w.status, 1, 10, 100);
+  putRow(*w.status, 1, 20, 200);
+  const Group readyGroup = Pond::MountGroup::reader(*first);
+  auto ready = lfibStatusFactory();
+  ready->mountGroupIs(readyGroup);
+  auto consumer = lfibStatusConsumerSmFactory(ready);
+  EXPECT_TRUE(consumer->initialized());
+  EXPECT_EQ(consumer->mountGroup(), readyGroup);
+  EXPECT_EQ(mapsOf(*ready), "1{10:100 20:200}");
+
+  LfibStatus& s = *w.status;
   struct Step {
     const char* what;
     std::function<void()> change;
     const char* maps;
   } steps[] = {
-      {"a row deleted removes its tag",
-       [&] { l.writer->dot1qTagToVlanCompositeDel(rowKey(1, 10)); }, "1{20:200}"},
-      {"the last one removes the map", [&] { l.writer->dot1qTagToVlanCompositeDel(rowKey(1, 20)); },
-       ""},
-      {"a row creates its map", [&] { putRow(*l.writer, 2, 5, 50); }, "2{5:50}"},
-      {"a changed row changes the tag", [&] { putRow(*l.writer, 2, 5, 51); }, "2{5:51}"},
+      {"the rows there when the group is ready", [] {}, "1{10:100 20:200}"},
+      {"a row deleted removes its tag", [&] { s.dot1qTagToVlanCompositeDel(rowKey(1, 10)); },
+       "1{20:200}"},
+      {"the last one removes the map", [&] { s.dot1qTagToVlanCompositeDel(rowKey(1, 20)); }, ""},
+      {"a row creates its map", [&] { putRow(s, 2, 5, 50); }, "2{5:50}"},
+      {"a changed row changes the tag", [&] { putRow(s, 2, 5, 51); }, "2{5:51}"},
       {"rows of several maps",
        [&] {
-         putRow(*l.writer, 3, 5, 52);
-         putRow(*l.writer, 2, 6, 60);
+         putRow(s, 3, 5, 52);
+         putRow(s, 2, 6, 60);
        },
        "2{5:51 6:60} 3{5:52}"},
   };
   for (const Step& step : steps) {
     step.change();
-    l.readerGroup->processChanges();
-    EXPECT_EQ(mapsOf(*l.reader), step.maps) << step.what;
+    lateGroup->processChanges();
+    readyGroup->processChanges();
+    EXPECT_TRUE(lateGroup->ready());
+    EXPECT_EQ(mapsOf(*late), step.maps) << step.what;
+    EXPECT_EQ(mapsOf(*ready), step.maps) << step.what;
   }
 
   // Neither row nor map: nothing. Another full pass: nothing either (no map dropped and
   // created again, no VLAN changed).
-  Watch watch(l.reader);
+  Watch watch(ready);
   consumer->handleDot1qTagToVlanComposite(rowKey(7, 7));
   consumer->handleDot1qTagToVlanComposites();
   consumer->handleDot1qTagToVlanComposites();
-  EXPECT_EQ(mapsOf(*l.reader), "2{5:51 6:60} 3{5:52}");
+  EXPECT_EQ(mapsOf(*ready), "2{5:51 6:60} 3{5:52}");
   EXPECT_EQ(watch.maps, std::vector<uint32_t>{});
-}
 
-TEST(LfibStatusConsumerSm, BuildsWhenItsGroupIsReadyAndFollowsANewGroup) {
-  ScopedGroupName first("late"), second("moved");
-  auto readerGroup = Pond::MountGroup::reader(*first);
-  auto reader = lfibStatusFactory();
-  reader->mountGroupIs(readerGroup);
-  auto consumer = lfibStatusConsumerSmFactory(reader);
-  EXPECT_FALSE(readerGroup->ready());
-
-  // The writer appears with its rows in place: they come with no row notification.
-  auto writer = lfibStatusFactory();
-  writer->mountGroupIs(Pond::MountGroup::writer(*first));
-  putRow(*writer, 1, 10, 100);
-  readerGroup->processChanges();
-  EXPECT_TRUE(readerGroup->ready());
-  EXPECT_EQ(mapsOf(*reader), "1{10:100}");
-
-  // lfibStatus moves to another group: the consumer follows it, and what the new table
+  // The LfibStatus moves to another group: the consumer follows it, and what the new table
   // does not hold goes.
-  auto other = lfibStatusFactory();
-  other->mountGroupIs(Pond::MountGroup::writer(*second));
-  putRow(*other, 3, 30, 300);
-  auto secondReader = Pond::MountGroup::reader(*second);
-  reader->mountGroupIs(secondReader);
-  EXPECT_EQ(consumer->mountGroup(), secondReader);
-  EXPECT_EQ(mapsOf(*reader), "3{30:300}");
-  putRow(*other, 3, 31, 310);
-  putRow(*writer, 1, 11, 110);  // the old group is no longer followed
+  WriterAgent other(*second);
+  putRow(*other.status, 4, 30, 300);
+  const Group secondReader = Pond::MountGroup::reader(*second);
+  late->mountGroupIs(secondReader);
+  EXPECT_EQ(lateConsumer->mountGroup(), secondReader);
+  EXPECT_EQ(mapsOf(*late), "4{30:300}");
+  putRow(*other.status, 4, 31, 310);
+  putRow(s, 1, 11, 110);  // the old group is no longer followed
   secondReader->processChanges();
-  readerGroup->processChanges();
-  EXPECT_EQ(mapsOf(*reader), "3{30:300 31:310}");
+  lateGroup->processChanges();
+  EXPECT_EQ(mapsOf(*late), "4{30:300 31:310}");
 }
 
 TEST(LfibStatusConsumerSmDeathTest, RefusesAnLfibStatusWithMapsAlready) {
@@ -277,18 +271,6 @@ int readerProcess(const std::string& name, TestSupport::Channel& channel) {
   }
   return 1;
 }
-
-// The writer's agent: its group, its LfibStatus and, once started, its producer.
-struct WriterAgent {
-  explicit WriterAgent(const std::string& name)
-      : group(Pond::MountGroup::writer(name)), status(lfibStatusFactory()) {
-    status->mountGroupIs(group);
-  }
-  void start() { producer = lfibStatusProducerSmFactory(status); }
-  Group group;
-  LfibStatus::Ptr status;
-  LfibStatusProducerSm::Ptr producer;
-};
 
 // A reader in another process holds exactly the writer's maps, less the VLAN 0 entries
 // and the maps left empty by them, after every change and across a writer restart.

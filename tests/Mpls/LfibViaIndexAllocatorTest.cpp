@@ -34,34 +34,26 @@ LfibViaSetKey setKey(LfibViaType type, LfibViaSetType setType, uint32_t index,
 // Stores a via under `key`, in the collection of its via type.
 void storeVia(LfibStatus& s, const LfibViaKey& key) {
   switch (key.viaType()) {
-    case viaTypeMplsIp: {
-      LfibMplsVia v;
-      v.keyIs(key);
-      s.mplsViaIs(v);
+    case viaTypeMplsIp:
+      s.mplsViaIs(LfibMplsVia(key, {}, Netbase::labelActionPop, {}, false));
       return;
-    }
     case viaTypeMplsPseudowire:
       s.pwViaIs(LfibPwVia(key, Netbase::IntfId()));
       return;
     case viaTypeIpLookup:
       s.ipLookupViaIs(LfibIpLookupVia(key, L3::VrfName("red"), payloadTypeIpv4));
       return;
-    default: {
-      LfibExtFecVia v;
-      v.keyIs(key);
-      s.extFecViaIs(v);
-    }
+    default:
+      s.extFecViaIs(LfibExtFecVia(key, 1, Netbase::labelActionPop, payloadTypeMpls));
   }
 }
 
 constexpr LfibViaType kAllocatedTypes[] = {viaTypeMplsIp, viaTypeMplsPseudowire, viaTypeIpLookup,
                                            viaTypeExternalFec};
 
-TEST(LfibViaIndexAllocator, CountsPerViaTypeAndPerDomain) {
+TEST(LfibViaIndexAllocator, CountsPerViaTypeAndPerDomainAndWraps) {
   WriterLfib lfib("counters");
   auto a = lfibViaIndexAllocatorFactory(LFib::sourceLdp, lfib.status);
-  EXPECT_EQ(a->source(), LFib::sourceLdp);
-  EXPECT_EQ(a->lfibStatus(), lfib.status);
   EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 1));
   EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 2));
   for (LfibViaType type : {viaTypeMplsPseudowire, viaTypeIpLookup, viaTypeExternalFec}) {
@@ -103,6 +95,22 @@ TEST(LfibViaIndexAllocator, CountsPerViaTypeAndPerDomain) {
   // Another source's allocator counts on its own and puts its source in its keys.
   auto other = lfibViaIndexAllocatorFactory(LFib::sourceStatic, lfib.status);
   EXPECT_EQ(other->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 1, LFib::sourceStatic));
+
+  // Past the top of the index space: index 0, unless it is taken.
+  a->viaKeyIndexIs(viaTypeMplsIp, 0xFFFFFFFF);
+  EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 0));
+  EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 1));
+
+  storeVia(*lfib.status, viaKey(viaTypeExternalFec, 0));
+  a->viaKeyIndexIs(viaTypeExternalFec, 0xFFFFFFFE);
+  EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 0xFFFFFFFF));
+  EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 1));
+
+  lfib.status->viaSetIs(LfibViaSet(setKey(viaTypeMplsIp, viaSetTypeEcmp, 0)));
+  a->viaSetKeyIndexIs(Domain(viaTypeMplsIp, viaSetTypeEcmp), 0xFFFFFFFF);
+  EXPECT_EQ(a->getViaSetKey(viaTypeMplsIp, viaSetTypeEcmp).index(), 1u);
+  a->viaSetKeyIndexIs(Domain(viaTypeMplsIp, viaSetTypeUcmp), 0xFFFFFFFF);
+  EXPECT_EQ(a->getViaSetKey(viaTypeMplsIp, viaSetTypeUcmp).index(), 0u);
 }
 
 TEST(LfibViaIndexAllocator, StepsOverKeysInUse) {
@@ -135,26 +143,6 @@ TEST(LfibViaIndexAllocator, StepsOverKeysInUse) {
             setKey(viaTypeMplsIp, viaSetTypeUcmp, 3));
   EXPECT_EQ(a->viaSetKeyIndex(Domain(viaTypeMplsIp, viaSetTypeUcmp)), 3u);
   EXPECT_EQ(a->getViaSetKey(viaTypeMplsPseudowire, viaSetTypeEcmp).index(), 2u);
-}
-
-TEST(LfibViaIndexAllocator, WrapsPastTheTopOfTheIndexSpace) {
-  WriterLfib lfib("wrap");
-  auto a = lfibViaIndexAllocatorFactory(LFib::sourceLdp, lfib.status);
-  a->viaKeyIndexIs(viaTypeMplsIp, 0xFFFFFFFF);
-  EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 0));
-  EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 1));
-
-  storeVia(*lfib.status, viaKey(viaTypeExternalFec, 0));
-  a->viaKeyIndexIs(viaTypeExternalFec, 0xFFFFFFFE);
-  EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 0xFFFFFFFF));
-  EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 1));
-
-  const Domain domain(viaTypeMplsIp, viaSetTypeEcmp);
-  lfib.status->viaSetIs(LfibViaSet(setKey(viaTypeMplsIp, viaSetTypeEcmp, 0)));
-  a->viaSetKeyIndexIs(domain, 0xFFFFFFFF);
-  EXPECT_EQ(a->getViaSetKey(viaTypeMplsIp, viaSetTypeEcmp).index(), 1u);
-  a->viaSetKeyIndexIs(Domain(viaTypeMplsIp, viaSetTypeUcmp), 0xFFFFFFFF);
-  EXPECT_EQ(a->getViaSetKey(viaTypeMplsIp, viaSetTypeUcmp).index(), 0u);
 }
 
 TEST(LfibViaIndexAllocator, TypesAboveTheLastTakeTheNextIndexUnchecked) {

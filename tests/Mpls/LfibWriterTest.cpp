@@ -10,9 +10,11 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Kel/Trace.h"
@@ -26,19 +28,19 @@ using namespace Mpls;
 using Events = std::vector<std::string>;
 using PondTest::ScopedGroupName;
 
-constexpr LfibViaType kWrittenTypes[] = {viaTypeMplsIp, viaTypeMplsPseudowire, viaTypeIpLookup,
-                                         viaTypeExternalFec};
+// The via types the writer writes, with the collection of each.
+constexpr std::pair<LfibViaType, const char*> kWritten[] = {{viaTypeMplsIp, "mplsVia"},
+                                                            {viaTypeMplsPseudowire, "pwVia"},
+                                                            {viaTypeIpLookup, "ipLookupVia"},
+                                                            {viaTypeExternalFec, "extFecVia"}};
 
-LfibStatusSizing roomySizing() {
-  LfibStatusSizing s;
-  s.pwVia = s.ipLookupVia = s.extFecVia = Pond::TableSizing{4096};
-  return s;
-}
-
+// A writer on the group `name`, with room for many vias of every type.
 struct WriterLfib {
-  explicit WriterLfib(const std::string& groupName)
-      : group(Pond::MountGroup::writer(groupName)), status(lfibStatusFactory()) {
-    status->mountGroupIs(group, roomySizing());
+  explicit WriterLfib(const std::string& name)
+      : group(Pond::MountGroup::writer(name)), status(lfibStatusFactory()) {
+    LfibStatusSizing sizing;
+    sizing.pwVia = sizing.ipLookupVia = sizing.extFecVia = Pond::TableSizing{4096};
+    status->mountGroupIs(group, sizing);
     writer = lfibWriterFactory(status);
   }
   Kel::Ptr<Pond::MountGroup> group;
@@ -50,6 +52,8 @@ struct WriterLfib {
 struct Fixture : ScopedGroupName, WriterLfib {
   explicit Fixture(const std::string& test) : ScopedGroupName(test), WriterLfib(**this) {}
 };
+
+LfibViaKey mplsKey(uint32_t index) { return LfibViaKey(LFib::sourceLdp, viaTypeMplsIp, index); }
 
 // Via number n of each type: vias with different numbers differ.
 LfibMplsVia mplsVia(uint32_t n, uint32_t weight = 1) {
@@ -72,11 +76,9 @@ void addVia(ConsolidatedLfibRoute& r, LfibViaType type, uint32_t n) {
       r.ipLookupViaIs(
           LfibIpLookupVia(LfibViaKey(), L3::VrfName(fmt::format("vrf{}", n)), payloadTypeIpv4));
       return;
-    default: {
-      LfibExtFecVia v;
-      v.fecIdIs(Pond::Fib::FecId(n + 1));
-      r.extFecViaIs(v);
-    }
+    default:
+      r.extFecViaIs(LfibExtFecVia(LfibViaKey(), Pond::Fib::FecId(n + 1), Netbase::labelActionPop,
+                                  payloadTypeMpls));
   }
 }
 
@@ -90,19 +92,6 @@ ConsolidatedLfibRoute route(uint32_t label, LfibViaType type, std::vector<uint32
     addVia(r, type, n);
   }
   return r;
-}
-
-const char* viaColl(LfibViaType type) {
-  switch (type) {
-    case viaTypeMplsIp:
-      return "mplsVia";
-    case viaTypeMplsPseudowire:
-      return "pwVia";
-    case viaTypeIpLookup:
-      return "ipLookupVia";
-    default:
-      return "extFecVia";
-  }
 }
 
 bool viaStored(const LfibStatus& s, const LfibViaKey& k) {
@@ -126,17 +115,7 @@ std::vector<LfibViaKey> viaKeysOf(const LfibStatus& s, uint32_t label) {
   return std::vector<LfibViaKey>(set.viaKey().begin(), set.viaKey().end());
 }
 
-// The key under which route `label` holds mplsVia(n).
-LfibViaKey mplsViaKeyOf(const LfibStatus& s, uint32_t label, uint32_t n) {
-  for (const LfibViaKey& k : viaKeysOf(s, label)) {
-    if (s.mplsVia(k).labelStack().topLabel().value() == 1000 + n) {
-      return k;
-    }
-  }
-  return LfibViaKey();
-}
-
-// The vias numbers of route `label`'s MPLS vias.
+// The via numbers of route `label`'s MPLS vias.
 std::set<uint32_t> mplsViasOf(const LfibStatus& s, uint32_t label) {
   std::set<uint32_t> out;
   for (const LfibViaKey& k : viaKeysOf(s, label)) {
@@ -146,51 +125,45 @@ std::set<uint32_t> mplsViasOf(const LfibStatus& s, uint32_t label) {
 }
 
 // Every notification of an LfibStatus, in order: "<collection> <label or index>".
-class Recorder : public LfibStatus::NotifieeConst {
- public:
+struct Recorder : LfibStatus::NotifieeConst {
   explicit Recorder(const LfibStatus::Ptr& s) { notifierIs(s); }
-  void onLfibRoute(const RouteKey& k) override { events.push_back(fmt::format("lfibRoute {}", k.label())); }
+  void onLfibRoute(const RouteKey& k) override { note("lfibRoute", k.label().value()); }
   void onViaSet(const LfibViaSetKey& k) override { note("viaSet", k.index()); }
   void onMplsVia(const LfibViaKey& k) override { note("mplsVia", k.index()); }
   void onPwVia(const LfibViaKey& k) override { note("pwVia", k.index()); }
   void onIpLookupVia(const LfibViaKey& k) override { note("ipLookupVia", k.index()); }
   void onExtFecVia(const LfibViaKey& k) override { note("extFecVia", k.index()); }
   void onVlanVia(const LfibViaKey& k) override { note("vlanVia", k.index()); }
+  void note(const char* coll, uint32_t n) { events.push_back(fmt::format("{} {}", coll, n)); }
   Events take() { return std::exchange(events, {}); }
   Events events;
-
- private:
-  void note(const char* coll, uint32_t index) { events.push_back(fmt::format("{} {}", coll, index)); }
 };
 
 TEST(LfibWriter, WritesViasThenViaSetThenRouteAndTheSameRouteAgainWritesNothing) {
-  for (LfibViaType type : kWrittenTypes) {
-    SCOPED_TRACE(viaColl(type));
-    Fixture f(std::string("same") + viaColl(type));
+  for (const auto& [type, coll] : kWritten) {
+    SCOPED_TRACE(coll);
+    Fixture f(std::string("same") + coll);
     Recorder rec(f.status);
     EXPECT_TRUE(f.writer->inPlaceAdjacencyUpdateSupported());
     const auto vias = type == viaTypeIpLookup ? std::vector<uint32_t>{1}
                                               : std::vector<uint32_t>{1, 2};
     const ConsolidatedLfibRoute r = route(100, type, vias);
     f.writer->lfibRouteIs(r);
-
-    const std::string coll = viaColl(type);
     Events expected;
     for (uint32_t i = 1; i <= vias.size(); ++i) {
-      expected.push_back(coll + " " + std::to_string(i));
+      expected.push_back(fmt::format("{} {}", coll, i));
     }
     expected.insert(expected.end(), {"viaSet 1", "lfibRoute 100"});
     EXPECT_EQ(rec.take(), expected);
 
-    const LfibRoute stored = f.status->lfibRoute(RouteKey(100));
-    EXPECT_EQ(stored, LfibRoute(RouteKey(100), LfibViaSetKey(LFib::sourceLdp, 1, type, viaSetTypeEcmp),
-                                LFib::sourceLdp, r.fec(), 0));
+    EXPECT_EQ(f.status->lfibRoute(RouteKey(100)),
+              LfibRoute(RouteKey(100), LfibViaSetKey(LFib::sourceLdp, 1, type, viaSetTypeEcmp),
+                        LFib::sourceLdp, r.fec(), 0));
     const std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
     ASSERT_EQ(keys.size(), vias.size());
     for (const LfibViaKey& k : keys) {
-      EXPECT_EQ(k.source(), LFib::sourceLdp);
-      EXPECT_EQ(k.viaType(), type);
-      EXPECT_TRUE(viaStored(*f.status, k));
+      EXPECT_TRUE(k.source() == LFib::sourceLdp && k.viaType() == type && viaStored(*f.status, k))
+          << k;
     }
 
     auto allocator = f.writer->indexAllocator(LFib::sourceLdp);
@@ -201,33 +174,31 @@ TEST(LfibWriter, WritesViasThenViaSetThenRouteAndTheSameRouteAgainWritesNothing)
   }
 }
 
-TEST(LfibWriter, InPlaceRewriteKeepsTheKeysOfWhatDidNotChange) {
+TEST(LfibWriter, InPlaceRewriteKeepsTheKeysOfWhatDidNotChangeAndWithoutItEveryKeyIsNew) {
   Fixture f("inPlace");
   Recorder rec(f.status);
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2}));
-  const std::vector<LfibViaKey> before = viaKeysOf(*f.status, 100);
+  std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
   rec.take();
 
-  // One via added: only it and the via set are written.
+  // One via added: only it and the via set are written; it takes the last slot.
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2, 3}));
   EXPECT_EQ(rec.take(), (Events{"mplsVia 3", "viaSet 1"}));
-  std::vector<LfibViaKey> after = viaKeysOf(*f.status, 100);
-  for (const LfibViaKey& k : before) {
-    EXPECT_NE(std::find(after.begin(), after.end(), k), after.end()) << k;
-  }
+  keys.push_back(mplsKey(3));
+  EXPECT_EQ(viaKeysOf(*f.status, 100), keys);
 
-  // One removed: the via set first, then the via.
-  const LfibViaKey key1 = mplsViaKeyOf(*f.status, 100, 1);
+  // Via 1 (the first slot) removed: the via set first, then the via.
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {2, 3}));
-  EXPECT_EQ(rec.take(), (Events{"viaSet 1", fmt::format("mplsVia {}", key1.index())}));
-  EXPECT_FALSE(viaStored(*f.status, key1));
+  EXPECT_EQ(rec.take(), (Events{"viaSet 1", fmt::format("mplsVia {}", keys[0].index())}));
+  EXPECT_FALSE(viaStored(*f.status, keys[0]));
+  EXPECT_EQ(mplsViasOf(*f.status, 100), (std::set<uint32_t>{2, 3}));
 
   // A via's weight changes: that via alone is written again, under its key.
   ConsolidatedLfibRoute weighted = route(100, viaTypeMplsIp, {2, 3});
   weighted.mplsViaIs(mplsVia(3, 7));
   f.writer->lfibRouteIs(weighted);
   EXPECT_EQ(rec.take(), Events{"mplsVia 3"});
-  EXPECT_EQ(f.status->mplsVia(LfibViaKey(LFib::sourceLdp, viaTypeMplsIp, 3)).weight(), 2u);
+  EXPECT_EQ(f.status->mplsVia(mplsKey(3)).weight(), 2u);
 
   // Only the metric: only the route.
   weighted.metricIs(9);
@@ -235,54 +206,58 @@ TEST(LfibWriter, InPlaceRewriteKeepsTheKeysOfWhatDidNotChange) {
   EXPECT_EQ(rec.take(), Events{"lfibRoute 100"});
 
   // Another via set type: a new via set key, the vias keep theirs.
-  after = viaKeysOf(*f.status, 100);
+  keys = viaKeysOf(*f.status, 100);
   weighted.viaSetTypeIs(viaSetTypeUcmp);
   f.writer->lfibRouteIs(weighted);
   EXPECT_EQ(rec.take(), (Events{"viaSet 1", "lfibRoute 100", "viaSet 1"}));
   EXPECT_EQ(f.status->lfibRoute(RouteKey(100)).viaSetKey().viaSetType(), viaSetTypeUcmp);
-  EXPECT_EQ(viaKeysOf(*f.status, 100), after);
+  EXPECT_EQ(viaKeysOf(*f.status, 100), keys);
   EXPECT_EQ(f.status->viaSets(), 1u);
-}
 
-TEST(LfibWriter, WithoutInPlaceUpdateEveryRewriteTakesNewKeysAndDeletesTheOldOnes) {
-  Fixture f("notInPlace");
-  Recorder rec(f.status);
+  // Without in-place update, the same route again takes new keys and deletes the old ones.
   f.writer->inPlaceAdjacencyUpdateSupportedIs(false);
-  f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2}));
-  rec.take();
-  f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2}));
-  EXPECT_EQ(rec.take(), (Events{"mplsVia 3", "mplsVia 4", "viaSet 2", "lfibRoute 100", "viaSet 1",
-                                "mplsVia 1", "mplsVia 2"}));
+  f.writer->lfibRouteIs(weighted);
+  EXPECT_EQ(rec.take(), (Events{"mplsVia 4", "mplsVia 5", "viaSet 2", "lfibRoute 100", "viaSet 1",
+                                "mplsVia 2", "mplsVia 3"}));
   EXPECT_EQ(f.status->mplsVias(), 2u);
   EXPECT_EQ(f.status->viaSets(), 1u);
 }
 
-TEST(LfibWriter, AnotherViaTypeOrSourceTakesNewKeysAndDeletesAllOldVias) {
+TEST(LfibWriter, AnotherViaTypeOrSourceTakesNewKeysAndDeletesAllOldViasNoViasAnEmptySet) {
   Fixture f("typeOrSource");
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2}));
   f.writer->lfibRouteIs(route(100, viaTypeMplsPseudowire, {1, 2}));
   EXPECT_EQ(f.status->lfibRoute(RouteKey(100)).viaSetKey(),
             LfibViaSetKey(LFib::sourceLdp, 1, viaTypeMplsPseudowire, viaSetTypeEcmp));
   EXPECT_EQ(f.status->mplsVias(), 0u);
-  EXPECT_EQ(f.status->pwVias(), 2u);
 
   f.writer->lfibRouteIs(route(100, viaTypeMplsPseudowire, {1, 2}, LFib::sourceStatic));
   const std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
   ASSERT_EQ(keys.size(), 2u);
-  for (const LfibViaKey& k : keys) {
-    EXPECT_EQ(k.source(), LFib::sourceStatic);
-  }
-  EXPECT_EQ(f.status->pwVias(), 2u);
-  EXPECT_EQ(f.status->viaSets(), 1u);
+  EXPECT_EQ(keys[0].source(), LFib::sourceStatic);
+  EXPECT_EQ(keys[1].source(), LFib::sourceStatic);
+  EXPECT_EQ(f.status->pwVias() + f.status->viaSets(), 3u);
   EXPECT_EQ(f.status->lfibRoute(RouteKey(100)).source(), LFib::sourceStatic);
+
+  // A route without vias names an empty via set.
+  f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {}));
+  ConsolidatedLfibRoute otherTypeOnly = route(200, viaTypeMplsIp, {});
+  addVia(otherTypeOnly, viaTypeMplsPseudowire, 1);  // not of the route's via type: not read
+  f.writer->lfibRouteIs(otherTypeOnly);
+  for (uint32_t label : {100, 200}) {
+    const LfibViaSetKey setKey = f.status->lfibRoute(RouteKey(label)).viaSetKey();
+    EXPECT_EQ(f.status->viaSet(setKey), LfibViaSet(setKey)) << label;
+    EXPECT_EQ(setKey.viaType(), viaTypeMplsIp);
+  }
+  EXPECT_EQ(f.status->pwVias() + f.status->mplsVias(), 0u);
 }
 
 TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
   Fixture f("weights");
   ConsolidatedLfibRoute r = route(100, viaTypeMplsIp, {});
-  r.mplsViaIs(mplsVia(1, 1));
-  r.mplsViaIs(mplsVia(1, 5));
-  r.mplsViaIs(mplsVia(1, 9));
+  for (uint32_t weight : {1, 5, 9}) {
+    r.mplsViaIs(mplsVia(1, weight));
+  }
   r.mplsViaIs(mplsVia(2, 3));
   f.writer->lfibRouteIs(r);
   std::map<uint32_t, uint32_t> weightByLabel;
@@ -293,15 +268,13 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
   EXPECT_EQ(weightByLabel, (std::map<uint32_t, uint32_t>{{1001, 3}, {1002, 1}}));
 
   // The same vias added in another order give the same layout, in ascending value order.
-  const std::vector<uint32_t> forward = {5, 3, 9, 1, 7}, backward = {7, 1, 9, 3, 5};
-  f.writer->lfibRouteIs(route(200, viaTypeMplsIp, forward));
-  f.writer->lfibRouteIs(route(300, viaTypeMplsIp, backward));
+  f.writer->lfibRouteIs(route(200, viaTypeMplsIp, {5, 3, 9, 1, 7}));
+  f.writer->lfibRouteIs(route(300, viaTypeMplsIp, {7, 1, 9, 3, 5}));
   auto layout = [&](uint32_t label) {
     std::vector<LfibMplsVia> vias;
     for (const LfibViaKey& k : viaKeysOf(*f.status, label)) {
-      LfibMplsVia v = f.status->mplsVia(k);
-      v.keyIs(LfibViaKey());
-      vias.push_back(v);
+      vias.push_back(f.status->mplsVia(k));
+      vias.back().keyIs(LfibViaKey());
     }
     return vias;
   };
@@ -311,24 +284,24 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
   EXPECT_EQ(vias.size(), 5u);
 
   // Pseudowire vias have no weight: equal ones are one via.
-  ConsolidatedLfibRoute pw = route(400, viaTypeMplsPseudowire, {1, 1, 2});
-  f.writer->lfibRouteIs(pw);
+  f.writer->lfibRouteIs(route(400, viaTypeMplsPseudowire, {1, 1, 2}));
   EXPECT_EQ(viaKeysOf(*f.status, 400).size(), 2u);
 }
 
-TEST(LfibWriter, AViaSetHoldsAtMost128Vias) {
+TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   Fixture f("limit");
-  std::vector<std::string> lines;
+  std::vector<std::string> levelZero;
+  std::string text;
   Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int level, std::string_view message) {
     if (facility.name() == "MplsLfibWriter" && level == 0) {
-      lines.emplace_back(message);
+      levelZero.emplace_back(message);
+    } else if (facility.name() == "MplsLfibWriter") {
+      text += std::string(message) + "\n";
     }
   });
-  Kel::traceConfigIs("MplsLfibWriter/0");
-  std::vector<uint32_t> vias;
-  for (uint32_t n = 0; n < 200; ++n) {
-    vias.push_back(n);
-  }
+  Kel::traceConfigIs("MplsLfibWriter/*");
+  std::vector<uint32_t> vias(200);
+  std::iota(vias.begin(), vias.end(), 0);
   const ConsolidatedLfibRoute r = route(100, viaTypeMplsIp, vias);
   f.writer->lfibRouteIs(r);
   const LfibViaSet set = f.status->viaSet(f.status->lfibRoute(RouteKey(100)).viaSetKey());
@@ -337,37 +310,25 @@ TEST(LfibWriter, AViaSetHoldsAtMost128Vias) {
   EXPECT_EQ(distinct.size(), 128u);
   EXPECT_EQ(distinct.count(LfibViaKey()), 0u);
   EXPECT_EQ(f.status->mplsVias(), 128u);
-  EXPECT_EQ(lines, std::vector<std::string>{
-                       "lfibRouteIsHelper Reached via index limit (127), ignoring extra vias"});
+  EXPECT_EQ(levelZero, std::vector<std::string>{
+                           "lfibRouteIsHelper Reached via index limit (127), ignoring extra vias"});
 
   // The vias kept are the 128 lowest ones; writing the route again changes nothing.
   LfibMplsVia highestKept = f.status->mplsVia(set.viaKey(127));
   highestKept.keyIs(LfibViaKey());
-  size_t lower = 0;
-  for (const LfibMplsVia& v : r.mplsVia()) {
-    lower += !(highestKept < v);
-  }
-  EXPECT_EQ(lower, 128u);
+  EXPECT_EQ(std::count_if(r.mplsVia().begin(), r.mplsVia().end(),
+                          [&](const LfibMplsVia& v) { return !(highestKept < v); }),
+            128);
   Recorder rec(f.status);
   f.writer->lfibRouteIs(r);
   EXPECT_EQ(rec.take(), Events{});
-  Kel::traceSinkIs({});
-  Kel::traceConfigIs("");
-}
+  f.writer->lfibRouteDel(RouteKey(100));
 
-TEST(LfibWriter, TracesItsSteps) {
-  Fixture f("trace");
-  std::string text;
-  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
-    if (facility.name() == "MplsLfibWriter") {
-      text += std::string(message) + "\n";
-    }
-  });
-  Kel::traceConfigIs("MplsLfibWriter/*");
-  ConsolidatedLfibRoute r = route(100, viaTypeMplsIp, {1});
-  r.mplsViaIs(mplsVia(1, 4));
-  f.writer->lfibRouteIs(r);
-  f.writer->lfibRouteIs(r);
+  ConsolidatedLfibRoute weighted = route(100, viaTypeMplsIp, {1});
+  weighted.mplsViaIs(mplsVia(1, 4));
+  text.clear();
+  f.writer->lfibRouteIs(weighted);
+  f.writer->lfibRouteIs(weighted);
   f.writer->lfibRouteIs(route(200, viaTypeExternalFec, {1}));
   f.writer->lfibRouteDel(RouteKey(100));
   f.writer->lfibRouteDelAll();
@@ -384,20 +345,6 @@ TEST(LfibWriter, TracesItsSteps) {
   }
 }
 
-TEST(LfibWriter, RouteWithoutViasNamesAnEmptyViaSet) {
-  Fixture f("noVias");
-  f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {}));
-  ConsolidatedLfibRoute otherTypeOnly = route(200, viaTypeMplsIp, {});
-  addVia(otherTypeOnly, viaTypeMplsPseudowire, 1);  // not of the route's via type: not read
-  f.writer->lfibRouteIs(otherTypeOnly);
-  for (uint32_t label : {100, 200}) {
-    const LfibRoute r = f.status->lfibRoute(RouteKey(label));
-    EXPECT_EQ(r.key(), RouteKey(label));
-    EXPECT_EQ(f.status->viaSet(r.viaSetKey()), LfibViaSet(r.viaSetKey()));
-  }
-  EXPECT_EQ(f.status->pwVias() + f.status->mplsVias(), 0u);
-}
-
 // "Mpls/MplsLfibWriter:<line> <signature> -- assertion failed(<expression>): <message>"
 void expectAssertion(const std::function<void()>& f, const std::string& signature,
                      const std::string& expression, const std::string& message) {
@@ -412,76 +359,65 @@ void expectAssertion(const std::function<void()>& f, const std::string& signatur
   }
 }
 
-TEST(LfibWriter, DeletesRouteThenViaSetThenVias) {
+TEST(LfibWriter, DeletesRouteThenViaSetThenViasAndDeleteAllLeavesWhatItDoesNotWrite) {
   Fixture f("delete");
   Recorder rec(f.status);
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2, 3}));
-  const std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
-  rec.take();
-  f.writer->lfibRouteDel(RouteKey(100));
   Events expected = {"lfibRoute 100", "viaSet 1"};
-  for (const LfibViaKey& k : keys) {
+  for (const LfibViaKey& k : viaKeysOf(*f.status, 100)) {
     expected.push_back(fmt::format("mplsVia {}", k.index()));
   }
+  rec.take();
+  f.writer->lfibRouteDel(RouteKey(100));
   EXPECT_EQ(rec.take(), expected);
   f.writer->lfibRouteDel(RouteKey(100));
   f.writer->lfibRouteDel(RouteKey(999));
   EXPECT_EQ(rec.take(), Events{});
   EXPECT_EQ(f.status->mplsVias() + f.status->viaSets() + f.status->lfibRoutes(), 0u);
 
-  // lfibViaDel reaches the via tables the writer does not fill too.
+  // lfibViaDel reaches the via tables the writer does not fill too; lfibRouteDelAll does
+  // not, and leaves the IP lookup vias and the counters (the next MPLS via takes index 5).
   const LfibViaKey vlan(LFib::sourceEvpn, viaTypeVlan, 4);
+  const LfibViaKey otherVlan(LFib::sourceEvpn, viaTypeVlan, 5);
   f.status->vlanViaIs(LfibVlanVia(vlan, Bridging::VlanId(10), lfibFlagNone));
+  f.status->vlanViaIs(LfibVlanVia(otherVlan, Bridging::VlanId(11), lfibFlagNone));
   f.writer->lfibViaDel(vlan);
   EXPECT_FALSE(viaStored(*f.status, vlan));
-
-  const std::string signature = "void Mpls::LfibWriter::lfibViaDel(const Mpls::LfibViaKey&)";
-  for (LfibViaType type : {viaTypeMplsUnknown, viaTypeMax}) {
-    expectAssertion([&] { f.writer->lfibViaDel(LfibViaKey(LFib::sourceLdp, type, 1)); }, signature,
-                    "key.viaType() != viaTypeMplsUnknown_ && key.viaType() != viaTypeMax_",
-                    "invalid viaType");
-  }
-  expectAssertion([&] { f.writer->lfibViaDel(LfibViaKey(LFib::sourceLdp, viaTypeReserved, 1)); },
-                  signature, "false", "viaType not yet supported");
-}
-
-TEST(LfibWriter, DeleteAllLeavesIpLookupVlanAndEvpnViasAndTheCounters) {
-  Fixture f("deleteAll");
-  for (LfibViaType type : kWrittenTypes) {
+  for (const auto& [type, coll] : kWritten) {
     f.writer->lfibRouteIs(route(100 + type, type, {1}));
   }
-  const LfibViaKey vlan(LFib::sourceEvpn, viaTypeVlan, 4);
-  f.status->vlanViaIs(LfibVlanVia(vlan, Bridging::VlanId(10), lfibFlagNone));
   f.writer->lfibRouteDelAll();
   EXPECT_EQ(f.status->lfibRoutes() + f.status->viaSets(), 0u);
   EXPECT_EQ(f.status->mplsVias() + f.status->pwVias() + f.status->extFecVias(), 0u);
   EXPECT_EQ(f.status->ipLookupVias(), 1u);
-  EXPECT_TRUE(viaStored(*f.status, vlan));
+  EXPECT_TRUE(viaStored(*f.status, otherVlan));
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1}));
-  EXPECT_EQ(viaKeysOf(*f.status, 100), std::vector<LfibViaKey>{LfibViaKey(
-                                           LFib::sourceLdp, viaTypeMplsIp, 2)});
+  EXPECT_EQ(viaKeysOf(*f.status, 100), std::vector<LfibViaKey>{mplsKey(5)});
 }
 
 TEST(LfibWriter, RefusesViaTypesItDoesNotWriteBeforeTouchingAnything) {
   Fixture f("refused");
   Recorder rec(f.status);
-  const std::string signature =
-      "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)";
-  for (int type = viaTypeMplsUnknown; type <= 12; ++type) {
-    const auto viaType = static_cast<LfibViaType>(type);
-    if (std::find(std::begin(kWrittenTypes), std::end(kWrittenTypes), viaType) !=
-        std::end(kWrittenTypes)) {
-      continue;
-    }
+  // Every type without a writer: the VLAN and EVPN ones, the reserved value, and beyond.
+  for (int type : {0, 4, 5, 6, 7, 8, 9, 11, 12}) {
     SCOPED_TRACE(type);
-    const ConsolidatedLfibRoute r = route(100, viaType, {});
-    if (viaType == viaTypeMplsUnknown || viaType == viaTypeMax) {
-      expectAssertion([&] { f.writer->lfibRouteIs(r); }, signature,
-                      "route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_",
-                      "invalid viaType");
-    } else {
-      expectAssertion([&] { f.writer->lfibRouteIs(r); }, signature, "false",
-                      "viaType not yet supported");
+    const auto viaType = static_cast<LfibViaType>(type);
+    const bool invalid = viaType == viaTypeMplsUnknown || viaType == viaTypeMax;
+    const char* message = invalid ? "invalid viaType" : "viaType not yet supported";
+    expectAssertion([&] { f.writer->lfibRouteIs(route(100, viaType, {})); },
+                    "void Mpls::LfibWriter::lfibRouteIs(const Mpls::ConsolidatedLfibRoute&)",
+                    invalid ? "route.viaType() != viaTypeMplsUnknown_ && route.viaType() != "
+                              "viaTypeMax_"
+                            : "false",
+                    message);
+    // lfibViaDel has a table for the VLAN and EVPN types.
+    if (invalid || viaType == viaTypeReserved || type == 12) {
+      expectAssertion([&] { f.writer->lfibViaDel(LfibViaKey(LFib::sourceLdp, viaType, 1)); },
+                      "void Mpls::LfibWriter::lfibViaDel(const Mpls::LfibViaKey&)",
+                      invalid ? "key.viaType() != viaTypeMplsUnknown_ && key.viaType() != "
+                                "viaTypeMax_"
+                              : "false",
+                      message);
     }
   }
   EXPECT_EQ(rec.take(), Events{});
@@ -494,13 +430,11 @@ TEST(LfibWriter, ANotifieeMayWriteAnotherRouteWhileARouteIsWritten) {
   Fixture f("nested");
   struct Nested : LfibStatus::NotifieeConst {
     void onMplsVia(const LfibViaKey&) override {
-      if (!done) {
-        done = true;
-        writer->lfibRouteIs(route(200, viaTypeMplsIp, {7, 8, 9}));
+      if (LfibWriter* w = std::exchange(writer, nullptr)) {
+        w->lfibRouteIs(route(200, viaTypeMplsIp, {7, 8, 9}));
       }
     }
     LfibWriter* writer = nullptr;
-    bool done = false;
   } nested;
   nested.writer = f.writer.get();
   nested.notifierIs(f.status);
@@ -512,20 +446,18 @@ TEST(LfibWriter, ANotifieeMayWriteAnotherRouteWhileARouteIsWritten) {
 
 TEST(LfibWriterDeathTest, AnLfibThatLacksWhatItNamesAborts) {
   Fixture f("fatal");
+  const std::string fatal =
+      "^Mpls/MplsLfibWriter:[0-9]+ void Mpls::LfibWriter::lfibRouteIsHelper\\(const "
+      "Mpls::ConsolidatedLfibRoute&\\) \\[with V = Mpls::LfibMplsVia\\] -- fatal assertion "
+      "failed\\(";
   const LfibViaSetKey missingSet(LFib::sourceLdp, 9, viaTypeMplsIp, viaSetTypeEcmp);
   f.status->lfibRouteIs(LfibRoute(RouteKey(100), missingSet, LFib::sourceLdp, FwdEqvClass(), 0));
-  EXPECT_DEATH(f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1})),
-               "^Mpls/MplsLfibWriter:[0-9]+ void Mpls::LfibWriter::lfibRouteIsHelper\\(const "
-               "Mpls::ConsolidatedLfibRoute&\\) \\[with V = Mpls::LfibMplsVia\\] -- fatal "
-               "assertion failed\\(!!oldViaSet\\)\n$");
+  EXPECT_DEATH(f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1})), fatal + "!!oldViaSet\\)\n$");
 
   LfibViaSet set(missingSet);
-  set.viaKeyIs(0, LfibViaKey(LFib::sourceLdp, viaTypeMplsIp, 9));
+  set.viaKeyIs(0, mplsKey(9));
   f.status->viaSetIs(set);
-  EXPECT_DEATH(f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1})),
-               "^Mpls/MplsLfibWriter:[0-9]+ void Mpls::LfibWriter::lfibRouteIsHelper\\(const "
-               "Mpls::ConsolidatedLfibRoute&\\) \\[with V = Mpls::LfibMplsVia\\] -- fatal "
-               "assertion failed\\(!!via\\)\n$");
+  EXPECT_DEATH(f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1})), fatal + "!!via\\)\n$");
   // An old via of another via type is not fetched, only deleted: no assertion.
   f.writer->lfibRouteIs(route(100, viaTypeExternalFec, {1}));
   EXPECT_EQ(f.status->lfibRoute(RouteKey(100)).viaSetKey().viaType(), viaTypeExternalFec);
@@ -550,12 +482,11 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
   void onLfibRoute(const RouteKey& k) override {
     ++checked;
     const LfibRoute r = s_->lfibRoute(k);
-    if (r == LfibRoute()) {
-      return;
-    }
-    routesNaming_[r.viaSetKey()].insert(k);
-    if (!hasViaSet(r.viaSetKey()) && s_->lfibRoute(k) == r) {
-      violation(fmt::format("route {} names missing {}", k, r.viaSetKey()));
+    if (r != LfibRoute()) {
+      routesNaming_[r.viaSetKey()].insert(k);
+      if (!hasViaSet(r.viaSetKey()) && s_->lfibRoute(k) == r) {
+        violation(fmt::format("route {} names missing {}", k, r.viaSetKey()));
+      }
     }
   }
   void onViaSet(const LfibViaSetKey& k) override {
@@ -591,11 +522,8 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
  private:
   void onVia(const LfibViaKey& k) {
     ++checked;
-    if (hasVia(k)) {
-      return;
-    }
     auto it = namedBy_.find(k);
-    if (it == namedBy_.end()) {
+    if (hasVia(k) || it == namedBy_.end()) {
       return;
     }
     for (const LfibViaSetKey& setKey : it->second) {
@@ -658,7 +586,7 @@ TEST(LfibWriter, AReaderProcessNeverFindsAMissingViaSetOrVia) {
     if (pick(8) == 0) {
       lfib.writer->lfibRouteDel(RouteKey(label));
     } else {
-      const LfibViaType type = kWrittenTypes[pick(4)];
+      const LfibViaType type = kWritten[pick(4)].first;
       ConsolidatedLfibRoute r =
           route(label, type, {}, pick(3) == 0 ? LFib::sourceStatic : LFib::sourceLdp);
       const uint32_t vias = type == viaTypeIpLookup ? pick(2) : pick(9);

@@ -39,31 +39,28 @@ TEST(MldpOpaqueValTlvParser, RendersEveryTransitTypeInBothModes) {
   struct Case {
     std::string oVal;
     std::string line;
-    std::string summary;
+    std::string summary = "";  // empty: the same as the line
   };
   const Case cases[] = {
-      {octets({0x01, 0x00, 0x04, 0x00, 0x00, 0x00, 0x2a}), "LSP ID: 42", "LSP ID: 42"},
-      {octets({1, 0, 4, 0xff, 0xff, 0xff, 0xff}), "LSP ID: 4294967295", "LSP ID: 4294967295"},
-      {octets({3, 0, 8, 10, 0, 0, 1, 232, 1, 1, 1}), "S: 10.0.0.1 G: 232.1.1.1",
-       "S: 10.0.0.1 G: 232.1.1.1"},
+      {octets({0x01, 0x00, 0x04, 0x00, 0x00, 0x00, 0x2a}), "LSP ID: 42"},
+      {octets({1, 0, 4, 0xff, 0xff, 0xff, 0xff}), "LSP ID: 4294967295"},
+      {octets({3, 0, 8, 10, 0, 0, 1, 232, 1, 1, 1}), "S: 10.0.0.1 G: 232.1.1.1"},
       // Source and group do not fit 44 columns together.
       {octets({4, 0, 32, V6_2001_DB8_1_2_3_4_5_6, V6_FF3E_1_2_3_4_5_6_7}),
        "S: 2001:db8:1:2:3:4:5:6 G: ff3e:1:2:3:4:5:6:7",
        "S: 2001:db8:1:2:3:4:5:6\n G: ff3e:1:2:3:4:5:6:7"},
       {octets({0x05, 0x00, 0x09, 0x20, 0x0a, 0x00, 0x00, 0x01, 0xe1, 0x01, 0x01, 0x01}),
-       "RP: 10.0.0.1/32 G: 225.1.1.1", "RP: 10.0.0.1/32 G: 225.1.1.1"},
-      {octets({6, 0, 33, 64, V6_2001_DB8_2, V6_FF05_1}), "RP: 2001:db8::2/64 G: ff05::1",
-       "RP: 2001:db8::2/64 G: ff05::1"},
+       "RP: 10.0.0.1/32 G: 225.1.1.1"},
+      {octets({6, 0, 33, 64, V6_2001_DB8_2, V6_FF05_1}), "RP: 2001:db8::2/64 G: ff05::1"},
       // RD type 0, AS 65000, number 100: exactly 42 columns.
       {octets({9, 0, 17, 24, 10, 0, 0, 2, 239, 1, 1, 1, 0, 0, 0xfd, 0xe8, 0, 0, 0, 100}),
-       "RP: 10.0.0.2/24 G: 239.1.1.1 RD: 65000:100", "RP: 10.0.0.2/24 G: 239.1.1.1 RD: 65000:100"},
+       "RP: 10.0.0.2/24 G: 239.1.1.1 RD: 65000:100"},
       // RD type 1, 10.0.0.1 number 7: 45 columns, the RD goes to a line of its own.
       {octets({10, 0, 41, 128, V6_2001_DB8_2, V6_FF05_1, 0, 1, 10, 0, 0, 1, 0, 7}),
        "RP: 2001:db8::2/128 G: ff05::1 RD: 10.0.0.1:7",
        "RP: 2001:db8::2/128 G: ff05::1\n RD: 10.0.0.1:7"},
       // RD type 2, AS 4200000000 (0xfa56ea00), number 100.
       {octets({250, 0, 16, 10, 0, 0, 1, 232, 1, 1, 1, 0, 2, 0xfa, 0x56, 0xea, 0x00, 0, 100}),
-       "S: 10.0.0.1 G: 232.1.1.1 RD: 4200000000:100",
        "S: 10.0.0.1 G: 232.1.1.1 RD: 4200000000:100"},
       // RD of type 3: its octets in hex.
       {octets({251, 0, 40, V6_2001_DB8_1, V6_FF3E_1, 0, 3, 1, 2, 3, 4, 5, 6}),
@@ -75,7 +72,7 @@ TEST(MldpOpaqueValTlvParser, RendersEveryTransitTypeInBothModes) {
     auto parser = mldpOpaqueValTlvParserFactory(c.oVal);
     EXPECT_TRUE(parser->initialized());
     EXPECT_EQ(parser->getOpaqueString(false, false), c.line);
-    EXPECT_EQ(parser->getOpaqueString(true, false), c.summary);
+    EXPECT_EQ(parser->getOpaqueString(true, false), c.summary.empty() ? c.line : c.summary);
     // json always means one line.
     EXPECT_EQ(parser->getOpaqueString(true, true), c.line);
     EXPECT_EQ(parser->getOpaqueString(false, true), c.line);

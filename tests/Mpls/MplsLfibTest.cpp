@@ -30,7 +30,6 @@ std::string rangeError(auto&& f) {
 TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
   LfibViaKey a(LFib::sourceStatic, viaTypeMplsIp, 1);
   LfibViaKey b(LFib::sourceLdp, viaTypeMplsIp, 1);
-  EXPECT_NE(a, b);
   EXPECT_NE(a.hash(0), b.hash(0));  // one source apart: the hash sees every field
   EXPECT_LT(a, b);                  // source first
   EXPECT_LT(LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 0xFFFFFFFF),
@@ -42,11 +41,11 @@ TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
   EXPECT_LT(LfibViaKey(LFib::sourceStatic, static_cast<LfibViaType>(-1), 0),
             LfibViaKey(LFib::sourceStatic, viaTypeMplsUnknown, 0));
 
-  const bool expected[] = {false, false, false, true, true, true, true, true, true, false, false, false};
-  for (int32_t t = 0; t <= 11; ++t) {
+  // Types 3 to 8, and nothing beyond the last.
+  const bool expected[] = {0, 0, 0, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0};
+  for (int32_t t = 0; t <= 12; ++t) {
     EXPECT_EQ(isEvpnViaType(static_cast<LfibViaType>(t)), expected[t]) << t;
   }
-  EXPECT_FALSE(isEvpnViaType(static_cast<LfibViaType>(12)));
   EXPECT_FALSE(isEvpnViaType(static_cast<LfibViaType>(0xFFFFFFFF)));
 }
 
@@ -68,9 +67,6 @@ TEST(LfibKeys, RangesAndFlags) {
   EXPECT_THROW(LfibViaSetFlags(2), Kel::EnumSetRangeException);
   EXPECT_EQ(rangeError([] { LfibViaSetFlags f(2); }),
             "LfibViaSetFlags::value > LfibViaSetFlags::max not allowed");
-  LfibViaSetFlags f;
-  f.burnPrimaryViasIs(true);
-  EXPECT_EQ(f, LfibViaSetFlags(1));
 }
 
 TEST(LfibViaSet, SparseViaKeyArray) {
@@ -234,25 +230,13 @@ TEST(LfibElements, DumpLines) {
   EXPECT_TRUE(lookup.pondString().ends_with("] vrfName 'red' payloadType payloadTypeIpv4"));
 }
 
-// Counts the notifications of one map, by tag.
-class TagWatcher : public LfibDot1qTagToVlan::NotifieeConst {
- public:
-  explicit TagWatcher(const LfibDot1qTagToVlan::PtrConst& map) { notifierIs(map); }
-  void onDot1qTagToVlanId(const Bridging::VlanId& tag) override { tags.push_back(tag.value()); }
-  std::vector<uint32_t> tags;
-};
-
-class ReadyWatcher : public LocalLfibInfo::NotifieeConst {
- public:
-  explicit ReadyWatcher(const Kel::PtrConst<LocalLfibInfo>& info) { notifierIs(info); }
-  void onSystemLfibReady() override { ++count; }
-  int count = 0;
-};
-
 TEST(LfibDot1qTagToVlan, NotifiesEachChangeOnce) {
   auto map = lfibDot1qTagToVlanFactory(LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1));
-  EXPECT_EQ(map->key(), LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1));
-  TagWatcher w(map);
+  struct : LfibDot1qTagToVlan::NotifieeConst {
+    void onDot1qTagToVlanId(const Bridging::VlanId& tag) override { tags.push_back(tag.value()); }
+    std::vector<uint32_t> tags;
+  } w;
+  w.notifierIs(map);
   map->dot1qTagToVlanIdIs(10, 100);
   map->dot1qTagToVlanIdIs(10, 100);  // the same entry again: nothing
   map->dot1qTagToVlanIdIs(10, 101);
@@ -269,13 +253,16 @@ TEST(LfibDot1qTagToVlan, NotifiesEachChangeOnce) {
 
 TEST(LocalLfibInfo, ReadinessIsAnnouncedOncePerChange) {
   auto info = localLfibInfoFactory();
-  ReadyWatcher w(info);
+  struct : LocalLfibInfo::NotifieeConst {
+    void onSystemLfibReady() override { ++count; }
+    int count = 0;
+  } w;
+  w.notifierIs(info);
   info->systemLfibReadyIs(false);
   EXPECT_EQ(w.count, 0);
   info->systemLfibReadyIs(true);
   info->systemLfibReadyIs(true);
   EXPECT_EQ(w.count, 1);
-  EXPECT_TRUE(info->systemLfibReady());
   info->systemLfibReadyIs(false);
   EXPECT_EQ(w.count, 2);
 }

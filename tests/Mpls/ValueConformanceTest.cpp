@@ -7,9 +7,13 @@
 #include <sstream>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <vector>
 
 #include "Kel/Value.h"
+#include "Mpls/LfibIpLookup.h"
+#include "Mpls/LfibL2Evpn.h"
+#include "Mpls/LfibTracking.h"
 #include "Mpls/LfibViaKey.h"
 #include "Mpls/LfibViaSetKey.h"
 #include "Mpls/MplsLfib.h"
@@ -24,42 +28,25 @@ using Netbase::IpGenPrefix;
 using Netbase::MplsLabel;
 using Netbase::UnboundedMplsLabelOperation;
 
-// "Value('<type>', ** {'<field>': %s, ...})" built from the type's own field list.
+// "<type>: <field> <field> ...", from the type's own field list: its text form has these
+// fields, in this order.
 template <class T>
-std::string formatOf() {
-  std::string out = "Value('" + std::string(T::kelTypeName) + "', ** {";
-  bool first = true;
-  std::apply(
-      [&](const auto&... f) {
-        ((out += (first ? "'" : ", '") + std::string(f.name) + "': %s", first = false), ...);
-      },
-      T::kelFields());
-  return out + "})";
+std::string fieldsOf() {
+  std::string out = std::string(T::kelTypeName) + ":";
+  std::apply([&](const auto&... f) { ((out += " " + std::string(f.name)), ...); }, T::kelFields());
+  return out;
 }
 
-template <class T>
-std::string nameOf() {
-  if constexpr (requires { T::kelTypeName; }) {
-    return std::string(T::kelTypeName);
-  } else {
-    return std::string(Kel::enumInfo<T>().typeName);
-  }
-}
-
-// Swaps the names of the first two fields in a value's text: the reader must refuse it.
+// The text with the names of its first two fields swapped: the reader must refuse it.
 std::string swapFirstTwoLabels(std::string text, std::string_view a, std::string_view b) {
-  std::string la = "{'" + std::string(a) + "': ";
-  std::string lb = ", '" + std::string(b) + "': ";
-  auto pa = text.find(la);
-  auto pb = text.find(lb, pa);
-  text.replace(pb, lb.size(), ", '" + std::string(a) + "': ");
-  text.replace(pa, la.size(), "{'" + std::string(b) + "': ");
-  return text;
+  const size_t pa = text.find(fmt::format("{{'{}': ", a));
+  const size_t pb = text.find(fmt::format(", '{}': ", b), pa);
+  text.replace(pb + 3, b.size(), a);
+  return text.replace(pa + 2, a.size(), b);
 }
 
 template <class T>
 void checkConformance(const std::vector<T>& samples) {
-  SCOPED_TRACE(nameOf<T>());
   std::vector<T> all = samples;
   all.push_back(T{});
   for (const T& v : all) {
@@ -73,6 +60,9 @@ void checkConformance(const std::vector<T>& samples) {
     os << v;
     EXPECT_EQ(os.str(), text);
     EXPECT_EQ(fmt::format("{}", v), text);
+    if constexpr (std::is_constructible_v<bool, T>) {
+      EXPECT_EQ(static_cast<bool>(v), !(v == T{}));  // true when not the default value
+    }
     EXPECT_THROW(Kel::strepToValue<T>(text + " "), Kel::ParseError);
     if (text.ends_with("})")) {
       EXPECT_THROW(Kel::strepToValue<T>(text.substr(0, text.size() - 1)), Kel::ParseError);
@@ -83,9 +73,8 @@ void checkConformance(const std::vector<T>& samples) {
       EXPECT_THROW(Kel::strepToValue<T>(wrongType), Kel::ParseError);
     }
     if constexpr (Kel::ValueType<T> && !Kel::CustomStrep<T>) {
-      constexpr size_t fields = std::tuple_size_v<decltype(T::kelFields())>;
-      if constexpr (fields >= 2) {
-        auto names = T::kelFields();
+      if constexpr (std::tuple_size_v<decltype(T::kelFields())> >= 2) {
+        const auto names = T::kelFields();
         EXPECT_THROW(Kel::strepToValue<T>(swapFirstTwoLabels(text, std::get<0>(names).name,
                                                              std::get<1>(names).name)),
                      Kel::ParseError);
@@ -177,6 +166,14 @@ TEST(ValueTypes, ConformanceOfEveryType) {
   checkConformance<LfibVrfNameIndexRange>({LfibVrfNameIndexRange(100)});
   checkConformance<LfibViaSetHwStatus>({viaSetUsingPrimaryVias, viaSetUsingBackupVias});
   checkConformance<LfibHwProgrammingReturnCode>({programmed, adjacencyNotProgrammed});
+  checkConformance<LfibTrackingMode>({lfibTrackingMode(true, false, true), LfibTrackingMode(7)});
+  checkConformance<LfibRouteVersion>({LfibRouteVersion(RouteKey(100), 3)});
+  checkConformance<LfibIpLookupStatusLabelVrfAf>(
+      {LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv4),
+       LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv6)});
+  checkConformance<LfibL2EvpnStatusLabelInfo>(
+      {LfibL2EvpnStatusLabelInfo(100, 10, true, payloadTypeEthernet, false)});
+  checkConformance<VlanAwareDecapKey>({VlanAwareDecapKey(100, 5), VlanAwareDecapKey(100, 6)});
   checkConformance<Netbase::TunnelTapIntfId>({Netbase::TunnelTapIntfId("tunnelTap0")});
   checkConformance<Netbase::MplsTapIntfConstants>({});
   // The platform types the LFIB carries.
@@ -198,60 +195,53 @@ TEST(ValueTypes, ConformanceOfEveryType) {
 
 TEST(ValueTypes, TextFormsHaveTheirFieldsInOrder) {
   const std::pair<std::string, std::string> table[] = {
-      {formatOf<LfibViaKey>(),
-       "Value('Mpls::LfibViaKey', ** {'source': %s, 'viaType': %s, 'index': %s})"},
-      {formatOf<LfibViaSetKey>(),
-       "Value('Mpls::LfibViaSetKey', ** {'source': %s, 'index': %s, 'viaType': %s, "
-       "'viaSetType': %s})"},
-      {formatOf<LfibViaSetKeyIndexDomain>(),
-       "Value('Mpls::LfibViaIndexAllocator::ViaSetKeyIndexDomain', ** {'viaType': %s, "
-       "'viaSetType': %s})"},
-      {formatOf<LfibMplsVia>(),
-       "Value('Mpls::LfibMplsVia', ** {'key': %s, 'nextHop': %s, 'labelAction': %s, "
-       "'labelStack': %s, 'intf': %s, 'payloadType': %s, 'skipEgressAcl': %s, 'ttlMode': %s, "
-       "'weight': %s})"},
-      {formatOf<LfibPwVia>(),
-       "Value('Mpls::LfibPwVia', ** {'key': %s, 'legacyPwIntfId': %s, 'pwIntfId': %s, "
-       "'controlWordPresent': %s, 'pwType': %s, 'flowLabelPresent': %s})"},
-      {formatOf<LfibIpLookupVia>(),
-       "Value('Mpls::LfibIpLookupVia', ** {'key': %s, 'payloadType': %s, 'vrfNameBuffer': %s})"},
-      {formatOf<LfibVlanVia>(), "Value('Mpls::LfibVlanVia', ** {'key': %s, 'vlanId': %s, 'flag': %s})"},
-      {formatOf<LfibEvpnVlanAwareVia>(),
-       "Value('Mpls::LfibEvpnVlanAwareVia', ** {'key': %s, 'dot1qTagToVlanKey': %s, 'flag': %s})"},
-      {formatOf<LfibEvpnEthernetSegmentFilterVia>(),
-       "Value('Mpls::LfibEvpnEthernetSegmentFilterVia', ** {'key': %s, 'intfId': %s})"},
-      {formatOf<LfibEvpnVlanFloodVia>(),
-       "Value('Mpls::LfibEvpnVlanFloodVia', ** {'key': %s, 'vlanId': %s, 'flag': %s})"},
-      {formatOf<LfibEvpnVlanAwareFloodVia>(),
-       "Value('Mpls::LfibEvpnVlanAwareFloodVia', ** {'key': %s, 'dot1qTagToVlanKey': %s, "
-       "'flag': %s})"},
-      {formatOf<LfibExtFecVia>(),
-       "Value('Mpls::LfibExtFecVia', ** {'key': %s, 'fecId': %s, 'labelAction': %s, "
-       "'payloadType': %s})"},
-      {formatOf<LfibViaSet>(),
-       "Value('Mpls::LfibViaSet', ** {'key': %s, 'backupViaSetKey': %s, "
-       "'isUsableAsPrimaryVia': %s, 'flags': %s, 'resetFailoverState': %s, 'viaKey': %s})"},
-      {formatOf<LfibRoute>(),
-       "Value('Mpls::LfibRoute', ** {'key': %s, 'viaSetKey': %s, 'source': %s, 'fec': %s, "
-       "'metric': %s})"},
-      {formatOf<RouteInfo>(), "Value('Mpls::RouteInfo', ** {'key': %s, 'status': %s})"},
-      {formatOf<LfibViaSetInfo>(), "Value('Mpls::LfibViaSetInfo', ** {'key': %s, 'status': %s})"},
-      {formatOf<LfibDot1qTagToVlanKey>(),
-       "Value('Mpls::LfibDot1qTagToVlanKey', ** {'source': %s, 'index': %s})"},
-      {formatOf<LfibDot1qTagToVlanCompositeKey>(),
-       "Value('Mpls::LfibDot1qTagToVlanCompositeKey', ** {'dot1qTagToVlanKey': %s, "
-       "'dot1qTag': %s})"},
-      {formatOf<LfibDot1qTagToVlanComposite>(),
-       "Value('Mpls::LfibDot1qTagToVlanComposite', ** {'key': %s, 'localVlan': %s})"},
+      {fieldsOf<LfibViaKey>(), "Mpls::LfibViaKey: source viaType index"},
+      {fieldsOf<LfibViaSetKey>(), "Mpls::LfibViaSetKey: source index viaType viaSetType"},
+      {fieldsOf<LfibViaSetKeyIndexDomain>(),
+       "Mpls::LfibViaIndexAllocator::ViaSetKeyIndexDomain: viaType viaSetType"},
+      {fieldsOf<LfibMplsVia>(),
+       "Mpls::LfibMplsVia: key nextHop labelAction labelStack intf payloadType skipEgressAcl "
+       "ttlMode weight"},
+      {fieldsOf<LfibPwVia>(),
+       "Mpls::LfibPwVia: key legacyPwIntfId pwIntfId controlWordPresent pwType flowLabelPresent"},
+      {fieldsOf<LfibIpLookupVia>(), "Mpls::LfibIpLookupVia: key payloadType vrfNameBuffer"},
+      {fieldsOf<LfibVlanVia>(), "Mpls::LfibVlanVia: key vlanId flag"},
+      {fieldsOf<LfibEvpnVlanAwareVia>(), "Mpls::LfibEvpnVlanAwareVia: key dot1qTagToVlanKey flag"},
+      {fieldsOf<LfibEvpnEthernetSegmentFilterVia>(),
+       "Mpls::LfibEvpnEthernetSegmentFilterVia: key intfId"},
+      {fieldsOf<LfibEvpnVlanFloodVia>(), "Mpls::LfibEvpnVlanFloodVia: key vlanId flag"},
+      {fieldsOf<LfibEvpnVlanAwareFloodVia>(),
+       "Mpls::LfibEvpnVlanAwareFloodVia: key dot1qTagToVlanKey flag"},
+      {fieldsOf<LfibExtFecVia>(), "Mpls::LfibExtFecVia: key fecId labelAction payloadType"},
+      {fieldsOf<LfibViaSet>(),
+       "Mpls::LfibViaSet: key backupViaSetKey isUsableAsPrimaryVia flags resetFailoverState "
+       "viaKey"},
+      {fieldsOf<LfibRoute>(), "Mpls::LfibRoute: key viaSetKey source fec metric"},
+      {fieldsOf<RouteInfo>(), "Mpls::RouteInfo: key status"},
+      {fieldsOf<LfibViaSetInfo>(), "Mpls::LfibViaSetInfo: key status"},
+      {fieldsOf<LfibDot1qTagToVlanKey>(), "Mpls::LfibDot1qTagToVlanKey: source index"},
+      {fieldsOf<LfibDot1qTagToVlanCompositeKey>(),
+       "Mpls::LfibDot1qTagToVlanCompositeKey: dot1qTagToVlanKey dot1qTag"},
+      {fieldsOf<LfibDot1qTagToVlanComposite>(), "Mpls::LfibDot1qTagToVlanComposite: key localVlan"},
+      {fieldsOf<LfibRouteVersion>(), "Mpls::LfibRouteVersion: key version"},
+      {fieldsOf<LfibIpLookupStatusLabelVrfAf>(),
+       "Mpls::LfibIpLookupStatusLabelVrfAf: label vrfName payloadType"},
+      {fieldsOf<LfibL2EvpnStatusLabelInfo>(),
+       "Mpls::LfibL2EvpnStatusLabelInfo: label dstVlanId hasControlWord payloadType dot1qXlate"},
+      {fieldsOf<VlanAwareDecapKey>(), "Mpls::VlanAwareDecapKey: label dot1qTag"},
   };
   for (const auto& [actual, expected] : table) {
     EXPECT_EQ(actual, expected);
   }
+  // The form around the fields, and the flag sets.
   EXPECT_EQ(Kel::valueToStrep(viaKey(7)),
             "Value('Mpls::LfibViaKey', ** {'source': sourceStatic, 'viaType': viaTypeMplsIp, "
             "'index': 7})");
   EXPECT_EQ(Kel::valueToStrep(LfibViaSetFlags(1)),
             "Value('Mpls::LfibViaSetFlags', ** {'burnPrimaryVias': True})");
+  EXPECT_EQ(Kel::valueToStrep(lfibTrackingMode(true, false, true)),
+            "Value('Mpls::LfibTrackingMode', ** {'backlogRoutes': True, 'backlogViaSets': False, "
+            "'shadowRouteKeys': True})");
 }
 
 TEST(ValueTypes, StrictReaderNamesTheFieldOutOfRange) {
@@ -263,24 +253,23 @@ TEST(ValueTypes, StrictReaderNamesTheFieldOutOfRange) {
     }
     return "accepted";
   };
-  const std::string route = "Value('Mpls::LfibRoute', ** {'key': Value('Mpls::RouteKey', ** "
-                            "{'label': LABEL}), 'viaSetKey': " +
-                            Kel::valueToStrep(viaSetKey(1)) + ", 'source': sourceLdp, 'fec': " +
-                            Kel::valueToStrep(FwdEqvClass()) + ", 'metric': METRIC})";
-  auto routeText = [&](const char* label, const char* metric) {
-    std::string t = route;
-    t.replace(t.find("LABEL"), 5, label);
-    t.replace(t.find("METRIC"), 6, metric);
-    return t;
+  // A valid text with `from` replaced by `to`.
+  auto edited = [](std::string text, const std::string& from, const std::string& to) {
+    return text.replace(text.find(from), from.size(), to);
   };
-  EXPECT_EQ(attributeOf([&] { Kel::strepToValue<LfibRoute>(routeText("8388609", "0")); }),
+  const std::string route = Kel::valueToStrep(
+      LfibRoute(RouteKey(1), viaSetKey(1), LFib::sourceLdp, FwdEqvClass(), 0));
+  EXPECT_EQ(attributeOf([&] {
+              Kel::strepToValue<LfibRoute>(edited(route, "'label': 1}", "'label': 8388609}"));
+            }),
             "key.label: MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(attributeOf([&] { Kel::strepToValue<LfibRoute>(routeText("1", "256")); }),
+  EXPECT_EQ(attributeOf([&] {
+              Kel::strepToValue<LfibRoute>(edited(route, "'metric': 0}", "'metric': 256}"));
+            }),
             "metric: RouteMetric::value < RouteMetric::min or > RouteMetric::max not allowed");
-  EXPECT_EQ(attributeOf([] {
+  EXPECT_EQ(attributeOf([&] {
               Kel::strepToValue<LfibViaKey>(
-                  "Value('Mpls::LfibViaKey', ** {'source': sourceStatic, 'viaType': "
-                  "viaTypeBogus, 'index': 1})");
+                  edited(Kel::valueToStrep(viaKey(1)), "viaTypeMplsIp", "viaTypeBogus"));
             }),
             "viaType: 'viaTypeBogus' is not a name of Mpls::LfibViaType");
   // A via set key whose fields stand in the via key's order is refused.

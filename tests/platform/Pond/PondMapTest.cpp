@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -23,12 +24,21 @@ using Pond::IterHint;
 using Pond::MountGroup;
 using Pond::PondMap;
 using Pond::TableSizing;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
-TableSizing sized(uint32_t capacity, uint32_t log = 0) {
+TableSizing sized(uint32_t capacity, uint32_t log = 0, uint64_t heapBytes = 0) {
   TableSizing s;
   s.capacity = capacity;
   s.logEntries = log;
+  s.heapBytes = heapBytes;
   return s;
+}
+
+// A table's segment mapped writable behind its owner's back, to damage it.
+auto rawTable(const std::string& group, const char* table) {
+  return Pond::internal::Segment::open(Pond::internal::Segment::tableShmName(group, table), true,
+                                       sizeof(Pond::internal::TableHeader));
 }
 
 TEST(PondMap, WriterAndReaderAgree) {
@@ -69,9 +79,7 @@ TEST(PondMap, WriterAndReaderAgree) {
 TEST(PondMap, VariableRowsTakeAboutTheirLength) {
   ScopedGroupName g("var");
   auto writer = MountGroup::writer(*g);
-  TableSizing s = sized(1000);
-  s.heapBytes = 64 * 4096;
-  PondMap<Key, VarRow> w(writer, "var", s);
+  PondMap<Key, VarRow> w(writer, "var", sized(1000, 0, 64 * 4096));
   auto reader = MountGroup::reader(*g);
   PondMap<Key, VarRow> r(reader, "var");
   for (uint32_t i = 0; i < 200; ++i) {
@@ -87,15 +95,9 @@ TEST(PondMap, VariableRowsTakeAboutTheirLength) {
     EXPECT_EQ(row, VarRow::of(i, i + 4, (i + 4 * 37) % 101)) << i;
   }
   // A record above the table's largest is the size error, and changes nothing.
-  VarRow big = VarRow::of(1, 0, 101);
-  try {
-    w.upsert(big);
-    ADD_FAILURE() << "a 412-byte record was stored";
-  } catch (const Kel::SizeError& e) {
-    EXPECT_TRUE(std::string(e.what()).starts_with("expected size <= 408, instead got 412. "
-                                                  "Buffer is at address: "))
-        << e.what();
-  }
+  EXPECT_THAT([&] { w.upsert(VarRow::of(1, 0, 101)); },
+              ::testing::ThrowsMessage<Kel::SizeError>(
+                  StartsWith("expected size <= 408, instead got 412. Buffer is at address: ")));
   EXPECT_EQ(r.lookup(Key(1)).words().size(), (1u + 4 * 37) % 101);
   // Erasing everything gives every chunk back: the whole heap takes 408-byte records now
   // (nine to a chunk, in 416-byte blocks).
@@ -106,7 +108,7 @@ TEST(PondMap, VariableRowsTakeAboutTheirLength) {
       w.upsert(VarRow::of(stored, stored, 100));
     }
   } catch (const Pond::TableFullException& e) {
-    EXPECT_NE(std::string(e.what()).find("record heap"), std::string::npos) << e.what();
+    EXPECT_THAT(e.what(), HasSubstr("record heap"));
   }
   EXPECT_EQ(stored, 64u * 9);
   EXPECT_EQ(r.size(), stored);
@@ -156,18 +158,14 @@ TEST(PondMap, ReaderIsNotifiedOfEveryChangedKey) {
   w.upsert(Row::of(9, 9));
   reader->processChanges();
   changed.clear();
+  std::multiset<uint32_t> expected = {9, 1};
   for (uint32_t i = 10; i < 40; ++i) {
     w.upsert(Row::of(i, i));
+    expected.insert(i);
   }
   w.erase(Key(9));
   w.erase(Key(1));
   reader->processChanges();
-  std::multiset<uint32_t> expected;
-  for (uint32_t i = 10; i < 40; ++i) {
-    expected.insert(i);
-  }
-  expected.insert(9);
-  expected.insert(1);
   EXPECT_EQ(changed, expected);
 }
 
@@ -269,8 +267,7 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
   writer = nullptr;  // the writer is gone
 
   {
-    std::string shm = Pond::internal::Segment::tableShmName(*g, "rows");
-    auto raw = Pond::internal::Segment::open(shm, true, sizeof(Pond::internal::TableHeader));
+    auto raw = rawTable(*g, "rows");
     ASSERT_TRUE(raw);
     const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
     uint8_t* slot = raw->base() + h->slotsOffset + uint64_t{hint.slot - 1} * h->slotSize;
@@ -287,8 +284,7 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
   EXPECT_FALSE(r.find(first.key(), first));
   ASSERT_EQ(reports.size(), 2u);  // the pass over the rows, then the lookup
   for (const std::string& report : reports) {
-    EXPECT_NE(report.find("was left half-written by a writer that died"), std::string::npos)
-        << report;
+    EXPECT_THAT(report, HasSubstr("was left half-written by a writer that died"));
   }
 
   writer = MountGroup::writer(*g);
@@ -321,17 +317,14 @@ TEST(PondMap, ScribbledSegmentsNeverCrashReadersOrWriters) {
     {
       auto writer = MountGroup::writer(*g);
       PondMap<Key, Row> f(writer, "fixed", sized(64, 32));
-      TableSizing vs = sized(64, 32);
-      vs.heapBytes = 64 * 4096;
-      PondMap<Key, VarRow> v(writer, "var", vs);
+      PondMap<Key, VarRow> v(writer, "var", sized(64, 32, 64 * 4096));
       for (uint32_t i = 0; i < 48; ++i) {
         f.upsert(Row::of(i, i));
         v.upsert(VarRow::of(i, i, i % 40));
       }
     }
     for (const char* table : {"fixed", "var"}) {
-      auto raw = Pond::internal::Segment::open(Pond::internal::Segment::tableShmName(*g, table),
-                                               true, sizeof(Pond::internal::TableHeader));
+      auto raw = rawTable(*g, table);
       ASSERT_TRUE(raw);
       // Where rows live: buckets, slots, the log and the first heap chunks.
       const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
@@ -358,9 +351,7 @@ TEST(PondMap, ScribbledSegmentsNeverCrashReadersOrWriters) {
       reader->processChanges();
       auto writer = MountGroup::writer(*g);  // repairs what it can
       PondMap<Key, Row> wf(writer, "fixed", sized(64, 32));
-      TableSizing vs = sized(64, 32);
-      vs.heapBytes = 64 * 4096;
-      PondMap<Key, VarRow> wv(writer, "var", vs);
+      PondMap<Key, VarRow> wv(writer, "var", sized(64, 32, 64 * 4096));
       wf.upsert(Row::of(1, 100));
       wv.upsert(VarRow::of(1, 100, 3));
       reader->processChanges();
@@ -393,9 +384,6 @@ TEST(PondMap, BadSegmentsAreRefused) {
     ASSERT_EQ(::pwrite(fd, &value, sizeof(value), offset), 8);
     ::close(fd);
   };
-  auto contains = [](const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-  };
   EXPECT_EQ(readerError(), "accepted");
   // A reader of another row type.
   {
@@ -405,17 +393,17 @@ TEST(PondMap, BadSegmentsAreRefused) {
   struct stat st {};
   ::stat(path.c_str(), &st);
   ASSERT_EQ(::truncate(path.c_str(), st.st_size / 2), 0);
-  EXPECT_TRUE(contains(readerError(), "truncated")) << readerError();
+  EXPECT_THAT(readerError(), HasSubstr("truncated"));
   ASSERT_EQ(::truncate(path.c_str(), st.st_size), 0);
   patch(offsetof(Pond::internal::TableHeader, capacity), 0xFFFFFFFFull << 32 | 16);
-  EXPECT_TRUE(contains(readerError(), "sizes")) << readerError();
+  EXPECT_THAT(readerError(), HasSubstr("sizes"));
   patch(offsetof(Pond::internal::TableHeader, capacity), 16 | (16ull << 32));
   patch(offsetof(Pond::internal::TableHeader, layoutVersion), 9 | (320ull << 32));
-  EXPECT_TRUE(contains(readerError(), "layout version 9")) << readerError();
+  EXPECT_THAT(readerError(), HasSubstr("layout version 9"));
   patch(0, 0x1234);
-  EXPECT_TRUE(contains(readerError(), "not a Pond table")) << readerError();
+  EXPECT_THAT(readerError(), HasSubstr("not a Pond table"));
   ASSERT_EQ(::truncate(path.c_str(), 10), 0);
-  EXPECT_TRUE(contains(readerError(), "truncated")) << readerError();
+  EXPECT_THAT(readerError(), HasSubstr("truncated"));
 
   EXPECT_THROW(MountGroup::reader("a/b"), Pond::SegmentError);
   EXPECT_THROW(MountGroup::writer(".."), Pond::SegmentError);
@@ -434,8 +422,7 @@ TEST(PondMap, RowCountBeyondCapacityIsNotTrusted) {
     w.upsert(Row::of(1, 1));
   }
   {
-    auto raw = Pond::internal::Segment::open(Pond::internal::Segment::tableShmName(*g, "rows"),
-                                             true, sizeof(Pond::internal::TableHeader));
+    auto raw = rawTable(*g, "rows");
     ASSERT_TRUE(raw);
     reinterpret_cast<Pond::internal::TableHeader*>(raw->base())->rowCount = 0x80000000u;
   }

@@ -25,6 +25,15 @@ using TypesTest::expectTextForm;
 const std::string kLabelRange =
     "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed";
 
+// `text` is refused by T's reader and by the strict text reader, and the error names it.
+template <class T>
+void expectRefused(const std::string& text) {
+  SCOPED_TRACE(text);
+  std::string what = errorText<Kel::ParseError>([&] { T v(text); });
+  EXPECT_NE(what.find("'" + text + "'"), std::string::npos) << what;
+  EXPECT_THROW(Kel::strepToValue<T>(text), Kel::ParseError);
+}
+
 TEST(IpGenAddr, ReadsAndWritesIpv4) {
   struct Case {
     const char* text;
@@ -35,12 +44,9 @@ TEST(IpGenAddr, ReadsAndWritesIpv4) {
     SCOPED_TRACE(c.text);
     IpGenAddr a(c.text);
     EXPECT_TRUE(a.isV4());
-    EXPECT_FALSE(a.isV6());
     EXPECT_EQ(a.v4Addr(), c.hostOrder);
     EXPECT_EQ(a, IpGenAddr::ipv4(c.hostOrder));
     EXPECT_EQ(a.isZero(), c.hostOrder == 0);
-    EXPECT_EQ(a.maxLen(), 32u);
-    EXPECT_EQ(a.stringValue(), c.text);
     expectTextForm(a, c.text);
   }
 }
@@ -66,8 +72,6 @@ TEST(IpGenAddr, WritesIpv6InItsCanonicalForm) {
     IpGenAddr a(c.in);
     EXPECT_TRUE(a.isV6());
     EXPECT_EQ(a.v4Addr(), 0u);
-    EXPECT_EQ(a.maxLen(), 128u);
-    EXPECT_EQ(a.stringValue(), c.out);
     expectTextForm(a, c.out);
   }
   EXPECT_TRUE(IpGenAddr("::").isZero());
@@ -80,10 +84,7 @@ TEST(IpGenAddr, RefusesMalformedTextNamingIt) {
         "1.2.3",     "1..2.3",    "1.2.3.4.",          "1.2.3.4x",        " 1.2.3.4",
         "1.2.3.4/8", "0x1.2.3.4", "1:2:3:4:5:6:7:8:9", "12345::",         "1:::2",
         "1::2::3",   "::g",       "fe80::1%eth0",      "::ffff:01.2.3.4", "2001:db8::1 "}) {
-    SCOPED_TRACE(text);
-    std::string what = errorText<Kel::ParseError>([&] { IpGenAddr a(text); });
-    EXPECT_NE(what.find(std::string("'") + text + "'"), std::string::npos) << what;
-    EXPECT_THROW(Kel::strepToValue<IpGenAddr>(text), Kel::ParseError);
+    expectRefused<IpGenAddr>(text);
   }
   EXPECT_THROW(IpGenAddr(std::string_view("1.2.3.4\0junk", 12)), Kel::ParseError);
   EXPECT_THROW(IpGenPrefix(std::string_view("10.0.0.0\0/8", 11)), Kel::ParseError);
@@ -100,8 +101,6 @@ TEST(IpGenAddr, OrdersIpv4BeforeIpv6AndComparesByValue) {
     EXPECT_FALSE(sorted[i] == sorted[i + 1]);
   }
   EXPECT_EQ(IpGenAddr(), IpGenAddr("0.0.0.0"));
-  EXPECT_TRUE(IpGenAddr().isV4());
-  EXPECT_TRUE(IpGenAddr().isZero());
   EXPECT_FALSE(IpGenAddr("0.0.0.0") == IpGenAddr("::"));
   EXPECT_FALSE(IpGenAddr("10.0.0.1") == IpGenAddr("::ffff:10.0.0.1"));
   EXPECT_EQ(IpGenAddr("10.0.0.1").hash(7), IpGenAddr::ipv4(0x0a000001).hash(7));
@@ -120,8 +119,6 @@ TEST(IpGenPrefix, ReadsAndWritesText) {
     SCOPED_TRACE(c.text);
     IpGenPrefix p(c.text);
     EXPECT_EQ(p.isV4(), c.v4);
-    EXPECT_EQ(p.isV6(), !c.v4);
-    EXPECT_EQ(p.stringValue(), c.text);
     expectTextForm(p, c.text);
   }
   EXPECT_EQ(IpGenPrefix(), IpGenPrefix("0.0.0.0/0"));
@@ -135,10 +132,7 @@ TEST(IpGenPrefix, TextReaderRefusesHostBitsAndBadLengths) {
         "10.0.0.0/1000", "10.0.0.0", "10.0.0.0/", "10.0.0.0/x", "10.0.0.0/-1", "10.0.0.0/8/8",
         "10.0.0.0/08",
         "1.2.3/8", "/8", "10.0.0.0/ 8", ""}) {
-    SCOPED_TRACE(text);
-    std::string what = errorText<Kel::ParseError>([&] { IpGenPrefix p(text); });
-    EXPECT_NE(what.find(std::string("'") + text + "'"), std::string::npos) << what;
-    EXPECT_THROW(Kel::strepToValue<IpGenPrefix>(text), Kel::ParseError);
+    expectRefused<IpGenPrefix>(text);
   }
 }
 
@@ -184,7 +178,6 @@ TEST(IpGenPrefix, ContainsAddressesOfItsFamilyOnly) {
 
 TEST(MplsLabel, BoundsAndMarkers) {
   for (uint32_t v : {0u, 16u, 0xFFFFFu, 0x100000u, 0x800000u}) {
-    EXPECT_EQ(MplsLabel(v).value(), v);
     expectTextForm(MplsLabel(v), std::to_string(v));
   }
   EXPECT_EQ(errorText<Kel::RangeException>([] { MplsLabel l(0x800001u); }), kLabelRange);
