@@ -59,36 +59,24 @@
 
 namespace Kel {
 
-// Storage of a K -> V collection.
+// A hash map with the interface MapColl needs of its store (that of Kel::OrdinalMap).
 template <class K, class V>
-class MapColl {
+class HashMapStore {
   using Map = absl::flat_hash_map<K, V, Hasher<K>>;
 
  public:
   using const_iterator = typename Map::const_iterator;
 
-  const V* find(const K& k) const {
+  V* find(const K& k) {
     auto it = map_.find(k);
     return it == map_.end() ? nullptr : &it->second;
   }
-  const V& lookup(const K& k) const {
-    static const V kAbsent = defaultValue<V>();
-    const V* v = find(k);
-    return v ? *v : kAbsent;
+  const V* find(const K& k) const { return const_cast<HashMapStore*>(this)->find(k); }
+  std::pair<V*, bool> tryEmplace(const K& k) {
+    auto [it, inserted] = map_.try_emplace(k);
+    return {&it->second, inserted};
   }
-  // Stores `v` under `k`; returns false when that value was already stored.
-  bool set(const K& k, const V& v) {
-    auto [it, inserted] = map_.try_emplace(k, v);
-    if (inserted) {
-      return true;
-    }
-    if (it->second == v) {
-      return false;
-    }
-    it->second = v;
-    return true;
-  }
-  std::optional<V> erase(const K& k) {
+  std::optional<V> take(const K& k) {
     auto it = map_.find(k);
     if (it == map_.end()) {
       return std::nullopt;
@@ -113,6 +101,42 @@ class MapColl {
  private:
   Map map_;
 };
+
+// Storage of a K -> V collection, in a hash map or (DenseMapColl) in dense pages.
+template <class K, class V, class Store = HashMapStore<K, V>>
+class MapColl {
+ public:
+  using const_iterator = typename Store::const_iterator;
+
+  const V* find(const K& k) const { return store_.find(k); }
+  const V& lookup(const K& k) const {
+    static const V kAbsent = defaultValue<V>();
+    const V* v = find(k);
+    return v ? *v : kAbsent;
+  }
+  // Stores `v` under `k`; returns false when that value was already stored.
+  bool set(const K& k, const V& v) {
+    auto [stored, inserted] = store_.tryEmplace(k);
+    if (!inserted && *stored == v) {
+      return false;
+    }
+    *stored = v;
+    return true;
+  }
+  std::optional<V> erase(const K& k) { return store_.take(k); }
+  std::vector<K> keys() const { return store_.keys(); }
+  size_t size() const noexcept { return store_.size(); }
+  bool empty() const noexcept { return store_.empty(); }
+  const_iterator begin() const { return store_.begin(); }
+  const_iterator end() const { return store_.end(); }
+
+ private:
+  Store store_;
+};
+
+// For keys numbered in sequence.
+template <OrdinalHash K, class V>
+using DenseMapColl = MapColl<K, V, OrdinalMap<K, V>>;
 
 // Storage of a set collection. Most sets of an index hold one member (the one via of a
 // via set, the one route of a via set): a lone member is kept inline, and the hash set is
@@ -226,48 +250,6 @@ class SetColl {
   std::unique_ptr<Set> set_;
   K lone_{};
   bool hasLone_ = false;
-};
-
-// Storage of a K -> V collection whose keys are numbered in sequence.
-template <OrdinalHash K, class V>
-class DenseMapColl {
-  using Map = OrdinalMap<K, V>;
-
- public:
-  using const_iterator = typename Map::const_iterator;
-
-  const V* find(const K& k) const { return map_.find(k); }
-  const V& lookup(const K& k) const {
-    static const V kAbsent = defaultValue<V>();
-    const V* v = find(k);
-    return v ? *v : kAbsent;
-  }
-  // Stores `v` under `k`; returns false when that value was already stored.
-  bool set(const K& k, const V& v) {
-    auto [stored, inserted] = map_.tryEmplace(k);
-    if (!inserted && *stored == v) {
-      return false;
-    }
-    *stored = v;
-    return true;
-  }
-  std::optional<V> erase(const K& k) {
-    V* stored = map_.find(k);
-    if (!stored) {
-      return std::nullopt;
-    }
-    std::optional<V> old(std::move(*stored));
-    map_.erase(k);
-    return old;
-  }
-  std::vector<K> keys() const { return map_.keys(); }
-  size_t size() const noexcept { return map_.size(); }
-  bool empty() const noexcept { return map_.empty(); }
-  const_iterator begin() const { return map_.begin(); }
-  const_iterator end() const { return map_.end(); }
-
- private:
-  Map map_;
 };
 
 // Storage of a set collection whose keys are numbered in sequence: presence bits only.

@@ -23,6 +23,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -169,6 +170,17 @@ class OrdinalMap {
     }
     --size_;
     return true;
+  }
+
+  // Removes `k` and returns its value; nullopt when it was absent.
+  std::optional<V> take(const K& k) {
+    V* stored = find(k);
+    if (!stored) {
+      return std::nullopt;
+    }
+    std::optional<V> old(std::move(*stored));
+    erase(k);
+    return old;
   }
 
   size_t size() const noexcept { return size_; }
