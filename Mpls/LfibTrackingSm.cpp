@@ -95,23 +95,6 @@ LfibTrackingSm::KelLfibStatus::KelLfibStatus(LfibTrackingSm* sm,
 
 void LfibTrackingSm::KelLfibStatus::onLfibRoute(const RouteKey& key) { sm_->handleLfibRoute(key); }
 void LfibTrackingSm::KelLfibStatus::onViaSet(const LfibViaSetKey& key) { sm_->handleViaSet(key); }
-void LfibTrackingSm::KelLfibStatus::onMplsVia(const LfibViaKey& key) { sm_->handleVia(key); }
-void LfibTrackingSm::KelLfibStatus::onPwVia(const LfibViaKey& key) { sm_->handleVia(key); }
-void LfibTrackingSm::KelLfibStatus::onIpLookupVia(const LfibViaKey& key) { sm_->handleVia(key); }
-void LfibTrackingSm::KelLfibStatus::onVlanVia(const LfibViaKey& key) { sm_->handleVia(key); }
-void LfibTrackingSm::KelLfibStatus::onEvpnVlanAwareVia(const LfibViaKey& key) {
-  sm_->handleVia(key);
-}
-void LfibTrackingSm::KelLfibStatus::onEvpnEthernetSegmentFilterVia(const LfibViaKey& key) {
-  sm_->handleVia(key);
-}
-void LfibTrackingSm::KelLfibStatus::onEvpnVlanFloodVia(const LfibViaKey& key) {
-  sm_->handleVia(key);
-}
-void LfibTrackingSm::KelLfibStatus::onEvpnVlanAwareFloodVia(const LfibViaKey& key) {
-  sm_->handleVia(key);
-}
-void LfibTrackingSm::KelLfibStatus::onExtFecVia(const LfibViaKey& key) { sm_->handleVia(key); }
 
 void LfibTrackingSm::KelLfibStatus::onMountGroup() {
   sm_->mountGroupIs(notifier()->mountGroup());

@@ -63,15 +63,7 @@ class LfibTrackingSm : public Kel::Reactor {
     KelLfibStatus(LfibTrackingSm* sm, const LfibStatus::PtrConst& lfibStatus);
     void onLfibRoute(const RouteKey& key) override;
     void onViaSet(const LfibViaSetKey& key) override;
-    void onMplsVia(const LfibViaKey& key) override;
-    void onPwVia(const LfibViaKey& key) override;
-    void onIpLookupVia(const LfibViaKey& key) override;
-    void onVlanVia(const LfibViaKey& key) override;
-    void onEvpnVlanAwareVia(const LfibViaKey& key) override;
-    void onEvpnEthernetSegmentFilterVia(const LfibViaKey& key) override;
-    void onEvpnVlanFloodVia(const LfibViaKey& key) override;
-    void onEvpnVlanAwareFloodVia(const LfibViaKey& key) override;
-    void onExtFecVia(const LfibViaKey& key) override;
+    MPLS_LFIB_ON_EVERY_VIA(sm_->handleVia)
     void onMountGroup() override;
 
    private:

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <vector>
+
+#include <absl/container/flat_hash_set.h>
 
 #include <fmt/format.h>
 
@@ -264,19 +267,11 @@ uint32_t LfibViaSet::deserialize(const uint8_t* in, size_t len) {
 
 // One check per via collection: its keys must carry its via type. Each is a function of
 // its own, so that its report names it and the constant it compares with.
-#define MPLS_VERIFY_VIA_TYPE(Name, constant)                                       \
-  void LfibStatus::verifyViaType##Name(const LfibViaKey& key) const {              \
-    KEL_ASSERT(key.viaType() == constant, "via key and via coll type mismatch");   \
+#define MPLS_VERIFY_VIA_TYPE(x, Type, name, Name, Row, capacity, label)          \
+  void LfibStatus::verifyViaType##Type(const LfibViaKey& key) const {            \
+    KEL_ASSERT(key.viaType() == viaType##Type##_, "via key and via coll type mismatch"); \
   }
-MPLS_VERIFY_VIA_TYPE(MplsIp, viaTypeMplsIp_)
-MPLS_VERIFY_VIA_TYPE(MplsPseudowire, viaTypeMplsPseudowire_)
-MPLS_VERIFY_VIA_TYPE(IpLookup, viaTypeIpLookup_)
-MPLS_VERIFY_VIA_TYPE(Vlan, viaTypeVlan_)
-MPLS_VERIFY_VIA_TYPE(EvpnVlanAware, viaTypeEvpnVlanAware_)
-MPLS_VERIFY_VIA_TYPE(EvpnEthernetSegment, viaTypeEvpnEthernetSegment_)
-MPLS_VERIFY_VIA_TYPE(EvpnVlanFlood, viaTypeEvpnVlanFlood_)
-MPLS_VERIFY_VIA_TYPE(EvpnVlanAwareFlood, viaTypeEvpnVlanAwareFlood_)
-MPLS_VERIFY_VIA_TYPE(ExternalFec, viaTypeExternalFec_)
+MPLS_LFIB_VIA_TYPES(MPLS_VERIFY_VIA_TYPE, _)
 #undef MPLS_VERIFY_VIA_TYPE
 
 void LfibStatus::handleRoute(const RouteKey& key) const {
@@ -302,80 +297,27 @@ void LfibStatus::handleViaSet(const LfibViaSetKey& key) const {
   }
 }
 
-void LfibStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibStatusSizing& sizing) {
-  if (group == mountGroup_) {
-    return;
-  }
-  mountGroup_ = std::move(group);
-  auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
-    return KelPond::collectionControlFactory(mountGroup_, table, tableSizing);
-  };
-  lfibRouteControlIs(control("lfibRoute", sizing.lfibRoute));
-  viaSetControlIs(control("viaSet", sizing.viaSet));
-  mplsViaControlIs(control("mplsVia", sizing.mplsVia));
-  pwViaControlIs(control("pwVia", sizing.pwVia));
-  ipLookupViaControlIs(control("ipLookupVia", sizing.ipLookupVia));
-  vlanViaControlIs(control("vlanVia", sizing.vlanVia));
-  evpnVlanAwareViaControlIs(control("evpnVlanAwareVia", sizing.evpnVlanAwareVia));
-  evpnEthernetSegmentFilterViaControlIs(
-      control("evpnEthernetSegmentFilterVia", sizing.evpnEthernetSegmentFilterVia));
-  evpnVlanFloodViaControlIs(control("evpnVlanFloodVia", sizing.evpnVlanFloodVia));
-  evpnVlanAwareFloodViaControlIs(control("evpnVlanAwareFloodVia", sizing.evpnVlanAwareFloodVia));
-  extFecViaControlIs(control("extFecVia", sizing.extFecVia));
-  dot1qTagToVlanCompositeControlIs(
-      control("dot1qTagToVlanComposite", sizing.dot1qTagToVlanComposite));
-  kelNotify(&NotifieeConst::onMountGroup);
-}
-
-namespace {
-
-// The header of one collection of a dump; returns the indent of its elements.
-int dumpHeader(Kel::DumpContext& context, int indent, const char* format, size_t count) {
-  if (indent) {
-    context.printf(format, indent, ' ', static_cast<unsigned>(count));
-  } else {
-    context.printf(format + std::strlen("%*c"), static_cast<unsigned>(count));
-  }
-  return indent + 2;
-}
-
-// A collection's rows in key order: storage order differs between writer and readers.
-template <class T, class ForEach>
-void dumpRows(Kel::DumpContext& context, int indent, const char* format, ForEach&& forEach) {
-  std::vector<T> rows;
-  forEach([&](const T& row) { rows.push_back(row); });
-  std::sort(rows.begin(), rows.end(), [](const T& a, const T& b) { return a.key() < b.key(); });
-  int elementIndent = dumpHeader(context, indent, format, rows.size());
-  for (const T& row : rows) {
-    context.printf("%*c%s\n", elementIndent, ' ', row.pondString());
-  }
-}
-
-}  // namespace
-
 void LfibStatus::dumpState(Kel::DumpContext& context, int indent) const {
-  dumpRows<LfibRoute>(context, indent, "%*clfibRoutes #%u\n",
-                      [&](auto f) { lfibRouteForEach(f); });
-  dumpRows<LfibViaSet>(context, indent, "%*cviaSets #%u\n", [&](auto f) { viaSetForEach(f); });
-  dumpRows<LfibMplsVia>(context, indent, "%*cmplsVias #%u\n",
-                        [&](auto f) { mplsViaForEach(f); });
-  dumpRows<LfibExtFecVia>(context, indent, "%*cextFecVias #%u\n",
-                          [&](auto f) { extFecViaForEach(f); });
-  dumpRows<LfibPwVia>(context, indent, "%*cpwVias #%u\n", [&](auto f) { pwViaForEach(f); });
-  dumpRows<LfibIpLookupVia>(context, indent, "%*cipLookupVias #%u\n",
-                            [&](auto f) { ipLookupViaForEach(f); });
-  dumpRows<LfibVlanVia>(context, indent, "%*cvlanVias #%u\n",
-                        [&](auto f) { vlanViaForEach(f); });
-  dumpRows<LfibEvpnVlanAwareVia>(context, indent, "%*cevpnVlanAwareVias #%u\n",
-                                 [&](auto f) { evpnVlanAwareViaForEach(f); });
-  dumpRows<LfibEvpnEthernetSegmentFilterVia>(
-      context, indent, "%*cevpnEthernetSegmentFilterVias #%u\n",
-      [&](auto f) { evpnEthernetSegmentFilterViaForEach(f); });
-  dumpRows<LfibEvpnVlanFloodVia>(context, indent, "%*cevpnVlanFloodVias #%u\n",
-                                 [&](auto f) { evpnVlanFloodViaForEach(f); });
-  dumpRows<LfibEvpnVlanAwareFloodVia>(context, indent, "%*cevpnVlanAwareFloodVias #%u\n",
-                                      [&](auto f) { evpnVlanAwareFloodViaForEach(f); });
+  // The tables in their order but for two: the external FEC vias come right after the
+  // MPLS vias, and the tag-to-VLAN maps (local to the process) right before their flat
+  // form in the shared table.
+  tableForEach([&](const auto& table) {
+    if (table.name == LfibVia<viaTypeExternalFec>::collection) {
+      return;
+    }
+    if (table.name == "dot1qTagToVlanComposite") {
+      dumpTagToVlanMaps(context, indent);
+    }
+    KelPond::dumpRows(context, indent, table);
+    if (table.name == LfibVia<viaTypeMplsIp>::collection) {
+      KelPond::dumpRows(context, indent,
+                        KelPond::TableRef<LfibViaKey, LfibExtFecVia>{
+                            LfibVia<viaTypeExternalFec>::collection, extFecViaTable()});
+    }
+  });
+}
 
+void LfibStatus::dumpTagToVlanMaps(Kel::DumpContext& context, int indent) const {
   std::vector<std::pair<LfibDot1qTagToVlanKey, std::string>> maps;
   for (const auto& [key, map] : dot1qTagToVlanColl_) {
     std::vector<std::pair<Bridging::VlanId, Bridging::VlanIdOrNone>> tags(
@@ -388,30 +330,16 @@ void LfibStatus::dumpState(Kel::DumpContext& context, int indent) const {
     maps.emplace_back(key, std::move(line));
   }
   std::sort(maps.begin(), maps.end());
-  int elementIndent = dumpHeader(context, indent, "%*cdot1qTagToVlanColls #%u\n", maps.size());
+  KelPond::dumpHeader(context, indent, "dot1qTagToVlanColl", maps.size());
   for (const auto& [key, line] : maps) {
-    context.printf("%*c%s\n", elementIndent, ' ', line);
+    context.printf("%*c%s\n", indent + 2, ' ', line);
   }
-
-  dumpRows<LfibDot1qTagToVlanComposite>(context, indent, "%*cdot1qTagToVlanComposites #%u\n",
-                                        [&](auto f) { dot1qTagToVlanCompositeForEach(f); });
 }
 
 Kel::Ptr<LfibStatus> lfibStatusFactory() { return Kel::make<LfibStatus>(); }
 
 // ---------------------------------------------------------------------------------------
 // LfibViaIndexAllocator.
-
-namespace {
-
-// Whether `table` (null before the LFIB is mounted: nothing is taken) holds `key`. A lookup
-// that meets corruption reports it to the table's corruption handler and finds nothing.
-template <class Table, class Key, class Row>
-bool holds(const Table* table, const Key& key, Row& row) {
-  return table && table->find(key, row);
-}
-
-}  // namespace
 
 LfibViaIndexAllocator::LfibViaIndexAllocator(LFib::Source source, LfibStatus::Ptr lfibStatus)
     : source_(source), lfibStatus_(std::move(lfibStatus)) {}
@@ -430,47 +358,38 @@ uint32_t LfibViaIndexAllocator::viaSetKeyIndexInc(const ViaSetKeyIndexDomain& do
 }
 
 LfibViaKey LfibViaIndexAllocator::getViaKey(LfibViaType viaType) {
+  switch (viaType) {
+    case viaTypeMplsIp:
+    case viaTypeMplsPseudowire:
+    case viaTypeIpLookup:
+    case viaTypeExternalFec:
+      break;
+    case viaTypeVlan:
+    case viaTypeEvpnVlanAware:
+    case viaTypeEvpnEthernetSegment:
+    case viaTypeEvpnVlanFlood:
+    case viaTypeEvpnVlanAwareFlood:
+    case viaTypeReserved:
+      KEL_FATAL_ASSERT(false && "Unsupported via type");
+      break;
+    case viaTypeMax:
+      KEL_FATAL_ASSERT(false && "Via type not supported");
+      break;
+    default:
+      // Types beyond the last one have no via table to consult: their keys go unchecked.
+      if (viaType < viaTypeMax) {
+        KEL_FATAL_ASSERT(false && "Unknown via type");
+      }
+  }
   const uint32_t start = viaKeyIndex(viaType);
-  const LfibStatus& s = *lfibStatus_;
   for (;;) {
     const uint32_t index = viaKeyIndexInc(viaType, 1);
     const LfibViaKey candidate(source_, viaType, index);
-    // Types beyond the last one have no via table to consult.
-    if (viaType > viaTypeMax) {
-      return candidate;
-    }
     bool taken = false;
-    switch (viaType) {
-      case viaTypeMplsIp:
-        taken = holds(s.mplsViaTable(), candidate, mplsViaRow_);
-        break;
-      case viaTypeMplsPseudowire: {
-        LfibPwVia row;
-        taken = holds(s.pwViaTable(), candidate, row);
-        break;
-      }
-      case viaTypeIpLookup:
-        taken = holds(s.ipLookupViaTable(), candidate, ipLookupViaRow_);
-        break;
-      case viaTypeExternalFec: {
-        LfibExtFecVia row;
-        taken = holds(s.extFecViaTable(), candidate, row);
-        break;
-      }
-      case viaTypeVlan:
-      case viaTypeEvpnVlanAware:
-      case viaTypeEvpnEthernetSegment:
-      case viaTypeEvpnVlanFlood:
-      case viaTypeEvpnVlanAwareFlood:
-      case viaTypeReserved:
-        KEL_FATAL_ASSERT(false && "Unsupported via type");
-        break;
-      case viaTypeMax:
-        KEL_FATAL_ASSERT(false && "Via type not supported");
-        break;
-      default:
-        KEL_FATAL_ASSERT(false && "Unknown via type");
-    }
+    lfibViaTypeVisit(viaType, [&](auto via) {
+      typename decltype(via)::Row row;
+      taken = via.find(*lfibStatus_, candidate, row);
+    });
     if (!taken) {
       return candidate;
     }
@@ -487,7 +406,8 @@ LfibViaSetKey LfibViaIndexAllocator::getViaSetKey(LfibViaType viaType,
   for (;;) {
     const uint32_t index = viaSetKeyIndexInc(domain, 1);
     const LfibViaSetKey candidate(source_, index, viaType, viaSetType);
-    if (!holds(lfibStatus_->viaSetTable(), candidate, viaSetRow_)) {
+    const auto* viaSets = lfibStatus_->viaSetTable();
+    if (!viaSets || !viaSets->find(candidate, viaSetRow_)) {
       return candidate;
     }
     if (index == start) {
@@ -502,21 +422,106 @@ Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(
 }
 
 // ---------------------------------------------------------------------------------------
-// LfibHwStatus.
+// Integrity across tables.
 
-void LfibHwStatus::mountGroupIs(Kel::Ptr<Pond::MountGroup> group,
-                                const LfibHwStatusSizing& sizing) {
-  if (group == mountGroup_) {
-    return;
-  }
-  mountGroup_ = std::move(group);
-  auto control = [&](const char* table, const Pond::TableSizing& tableSizing) {
-    return KelPond::collectionControlFactory(mountGroup_, table, tableSizing);
-  };
-  unprogrammedRouteControlIs(control("unprogrammedRoute", sizing.unprogrammedRoute));
-  viaSetControlIs(control("viaSet", sizing.viaSet));
-  kelNotify(&NotifieeConst::onMountGroup);
+bool lfibViaStored(const LfibStatus& lfib, const LfibViaKey& key) {
+  bool stored = false;
+  lfibViaTypeVisit(key.viaType(), [&](auto via) {
+    typename decltype(via)::Row row;
+    stored = via.find(lfib, key, row);
+  });
+  return stored;
 }
+
+namespace {
+
+using Problem = LfibIntegrityProblem;
+using Kind = LfibIntegrityProblem::Kind;
+
+void addRouteProblems(const LfibStatus& lfib, const LfibRoute& route, LfibViaSet& scratch,
+                      std::vector<Problem>& out) {
+  const auto* viaSets = lfib.viaSetTable();
+  if (!viaSets || !viaSets->find(route.viaSetKey(), scratch)) {
+    out.push_back(Problem{Kind::viaSetMissing, route.key(), route.viaSetKey(), LfibViaKey()});
+  }
+}
+
+void addViaSetProblems(const LfibStatus& lfib, const LfibViaSet& set, std::vector<Problem>& out) {
+  for (const LfibViaKey& via : set.viaKey()) {
+    if (via == LfibViaKey()) {
+      continue;
+    }
+    if (via.viaType() != set.key().viaType()) {
+      out.push_back(Problem{Kind::viaTypeMismatch, RouteKey(), set.key(), via});
+    } else if (!lfibViaStored(lfib, via)) {
+      out.push_back(Problem{Kind::viaMissing, RouteKey(), set.key(), via});
+    }
+  }
+}
+
+bool problemLess(const Problem& a, const Problem& b) {
+  return std::tie(a.kind, a.route, a.viaSet, a.via) < std::tie(b.kind, b.route, b.viaSet, b.via);
+}
+
+}  // namespace
+
+std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, const RouteKey& key) {
+  std::vector<Problem> out;
+  const auto* routes = lfib.lfibRouteTable();
+  LfibRoute route;
+  if (routes && routes->find(key, route)) {
+    LfibViaSet scratch;
+    addRouteProblems(lfib, route, scratch, out);
+  }
+  return out;
+}
+
+std::vector<LfibIntegrityProblem> lfibViaSetProblems(const LfibStatus& lfib,
+                                                     const LfibViaSetKey& key) {
+  std::vector<Problem> out;
+  const auto* viaSets = lfib.viaSetTable();
+  LfibViaSet set;
+  if (viaSets && viaSets->find(key, set)) {
+    addViaSetProblems(lfib, set, out);
+  }
+  return out;
+}
+
+LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib) {
+  LfibIntegrityReport report;
+  absl::flat_hash_set<LfibViaSetKey, Kel::Hasher<LfibViaSetKey>> namedSets;
+  absl::flat_hash_set<LfibViaKey, Kel::Hasher<LfibViaKey>> namedVias;
+  LfibViaSet scratch;
+  lfib.lfibRouteForEach([&](const LfibRoute& route) {
+    ++report.routes;
+    namedSets.insert(route.viaSetKey());
+    addRouteProblems(lfib, route, scratch, report.problems);
+  });
+  lfib.viaSetForEach([&](const LfibViaSet& set) {
+    ++report.viaSets;
+    if (!namedSets.contains(set.key())) {
+      report.problems.push_back(Problem{Kind::viaSetUnused, RouteKey(), set.key(), LfibViaKey()});
+    }
+    namedVias.insert(set.viaKey().begin(), set.viaKey().end());
+    addViaSetProblems(lfib, set, report.problems);
+  });
+  lfibViaTypeForEach([&](auto via) {
+    via.forEach(lfib, [&](const typename decltype(via)::Row& row) {
+      ++report.vias;
+      if (row.key().viaType() != via.viaType) {
+        report.problems.push_back(
+            Problem{Kind::viaTypeMismatch, RouteKey(), LfibViaSetKey(), row.key()});
+      } else if (!namedVias.contains(row.key())) {
+        report.problems.push_back(Problem{Kind::viaUnused, RouteKey(), LfibViaSetKey(), row.key()});
+      }
+    });
+  });
+  std::sort(report.problems.begin(), report.problems.end(), problemLess);
+  return report;
+}
+
+// ---------------------------------------------------------------------------------------
+// LfibHwStatus.
 
 Kel::Ptr<LfibHwStatus> lfibHwStatusFactory() { return Kel::make<LfibHwStatus>(); }
 

@@ -19,7 +19,9 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "Kel/Collection.h"
 #include "Kel/DumpContext.h"
@@ -386,36 +388,63 @@ class LocalLfibInfo : public Kel::Entity {
 Kel::Ptr<LocalLfibInfo> localLfibInfoFactory();
 
 // ---------------------------------------------------------------------------------------
+// The via types.
+
+// Every via type with a collection, in one list: everything that walks or dispatches over
+// via types (the collections and checks of LfibStatus, the writer, the tracking, the
+// integrity check, mplsctl, the tests) is derived from it, through LfibVia and
+// lfibViaTypeForEach / lfibViaTypeVisit below. Adding a via type is a change here (and
+// the row type's declaration above).
+//
+// MPLS_LFIB_VIA_TYPES(V, x) expands V(x, Type, name, Name, Row, capacity, label) for each:
+// Type is the LfibViaType enumerator without "viaType"; name and Name the collection's
+// names; Row its row type; capacity the rows a writer reserves unless told otherwise;
+// label the short name operators see.
+#define MPLS_LFIB_VIA_TYPES(V, x)                                                          \
+  V(x, MplsIp, mplsVia, MplsVia, LfibMplsVia, 4096, "mplsIp")                               \
+  V(x, MplsPseudowire, pwVia, PwVia, LfibPwVia, 1024, "pseudowire")                        \
+  V(x, IpLookup, ipLookupVia, IpLookupVia, LfibIpLookupVia, 1024, "ipLookup")               \
+  V(x, Vlan, vlanVia, VlanVia, LfibVlanVia, 256, "vlan")                                   \
+  V(x, EvpnVlanAware, evpnVlanAwareVia, EvpnVlanAwareVia, LfibEvpnVlanAwareVia, 256,        \
+    "evpnVlanAware")                                                                       \
+  V(x, EvpnEthernetSegment, evpnEthernetSegmentFilterVia, EvpnEthernetSegmentFilterVia,     \
+    LfibEvpnEthernetSegmentFilterVia, 256, "evpnEthernetSegment")                          \
+  V(x, EvpnVlanFlood, evpnVlanFloodVia, EvpnVlanFloodVia, LfibEvpnVlanFloodVia, 256,        \
+    "evpnVlanFlood")                                                                       \
+  V(x, EvpnVlanAwareFlood, evpnVlanAwareFloodVia, EvpnVlanAwareFloodVia,                    \
+    LfibEvpnVlanAwareFloodVia, 256, "evpnVlanAwareFlood")                                  \
+  V(x, ExternalFec, extFecVia, ExtFecVia, LfibExtFecVia, 1024, "externalFec")
+
+// In a notifiee of an LfibStatus: every via collection's notification goes to
+// handler(key), as in MPLS_LFIB_ON_EVERY_VIA(sm_->handleVia).
+#define MPLS_LFIB_VIA_NOTIFIEE_(handler, Type, name, Name, Row, capacity, label) \
+  void on##Name(const ::Mpls::LfibViaKey& key) override { handler(key); }
+#define MPLS_LFIB_ON_EVERY_VIA(handler) MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_NOTIFIEE_, handler)
+
+// ---------------------------------------------------------------------------------------
 // The LFIB entity.
 
-// The capacity of each table of an LfibStatus (see Pond::TableSizing). A writer's sizes
-// are fixed when it creates the tables: a later writer of the same group must ask for the
-// same ones. Readers take the sizes from the tables.
-struct LfibStatusSizing {
-  Pond::TableSizing lfibRoute{4096};
-  Pond::TableSizing viaSet{4096};
-  Pond::TableSizing mplsVia{4096};
-  Pond::TableSizing pwVia{1024};
-  Pond::TableSizing ipLookupVia{1024};
-  Pond::TableSizing vlanVia{256};
-  Pond::TableSizing evpnVlanAwareVia{256};
-  Pond::TableSizing evpnEthernetSegmentFilterVia{256};
-  Pond::TableSizing evpnVlanFloodVia{256};
-  Pond::TableSizing evpnVlanAwareFloodVia{256};
-  Pond::TableSizing extFecVia{1024};
-  Pond::TableSizing dot1qTagToVlanComposite{1024};
-};
+// The tables of an LfibStatus (see KEL_POND_TABLE_SET in Pond/KelPond.h): name, key, row,
+// the check each change runs, and the rows a writer reserves unless told otherwise.
+#define MPLS_LFIB_VIA_TABLE_(T, Type, name, Name, Row, capacity, label) \
+  T(name, Name, LfibViaKey, Row, verifyViaType##Type, capacity)
+#define MPLS_LFIB_STATUS_TABLES(T)                                                        \
+  T(lfibRoute, LfibRoute, RouteKey, LfibRoute, handleRoute, 4096)                         \
+  T(viaSet, ViaSet, LfibViaSetKey, LfibViaSet, handleViaSet, 4096)                        \
+  MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_TABLE_, T)                                            \
+  T(dot1qTagToVlanComposite, Dot1qTagToVlanComposite, LfibDot1qTagToVlanCompositeKey,     \
+    LfibDot1qTagToVlanComposite, kelNoCheck, 1024)
 
 // LfibStatus is the LFIB: every route, via set and via of one LFIB, each kind in a keyed
 // collection, and the 802.1Q-tag-to-VLAN maps that the VLAN-aware EVPN vias name.
 //
 // Every collection but dot1qTagToVlanColl is a shared-memory table of the mount group
-// given to mountGroupIs(), named after the collection ("lfibRoute", "viaSet", ...). The
-// group's role decides the entity's: in the writing process (the LFIB writer's agent) the
-// collections are written through the accessors of KEL_POND_COLL (Pond/KelPond.h); in a
-// reading process they are read-only and the group's processChanges() announces each
-// changed key to the notifiees. Before mountGroupIs() the shared collections read empty
-// and writing to them throws Pond::NotWriterError.
+// given to mountGroupIs(), named after the collection ("lfibRoute", "viaSet", ...; the
+// list is MPLS_LFIB_STATUS_TABLES). The group's role decides the entity's: in the writing
+// process (the LFIB writer's agent) the collections are written through the accessors of
+// KEL_POND_COLL (Pond/KelPond.h); in a reading process they are read-only and the group's
+// processChanges() announces each changed key to the notifiees. Before mountGroupIs() the
+// shared collections read empty and writing to them throws Pond::NotWriterError.
 //
 // dot1qTagToVlanColl is an ordinary entity collection, local to the process: the writer's
 // agent fills it, LfibStatusProducerSm (Mpls/LfibStatusSm.h) flattens it into the table
@@ -433,7 +462,8 @@ struct LfibStatusSizing {
 //   - viaSet: every slot up to the count holds a key of the set's via type (an empty slot
 //     of a typed set does not): "Vias in a viaSet must always be homogeneous"; an EVPN set
 //     holds at most one via key: "EVPN via sets must contain at most 1 via key".
-// The checks never look across tables: a route may name a via set not stored (yet).
+// The checks never look across tables: a route may name a via set not stored (yet); the
+// integrity check (lfibIntegrityCheck, below) does.
 //
 // Single-threaded: used on the reactor thread of the agent that owns it. Other processes
 // see it only through the shared tables.
@@ -442,82 +472,38 @@ class LfibStatus : public Kel::Entity {
   using Ptr = Kel::Ptr<LfibStatus>;
   using PtrConst = Kel::PtrConst<LfibStatus>;
 
+  // onLfibRoute, onViaSet, on<Name> per via collection (onMplsVia, ...),
+  // onDot1qTagToVlanComposite; onMountStatus (a table was opened, or opened again after
+  // its group was replaced: readers); onMountGroup (mountGroupIs() attached the
+  // collections to another group).
   class NotifieeConst : public Kel::NotifieeOf<LfibStatus> {
    public:
-    virtual void onLfibRoute(const RouteKey&) {}
-    virtual void onViaSet(const LfibViaSetKey&) {}
-    virtual void onMplsVia(const LfibViaKey&) {}
-    virtual void onPwVia(const LfibViaKey&) {}
-    virtual void onIpLookupVia(const LfibViaKey&) {}
-    virtual void onVlanVia(const LfibViaKey&) {}
-    virtual void onEvpnVlanAwareVia(const LfibViaKey&) {}
-    virtual void onEvpnEthernetSegmentFilterVia(const LfibViaKey&) {}
-    virtual void onEvpnVlanFloodVia(const LfibViaKey&) {}
-    virtual void onEvpnVlanAwareFloodVia(const LfibViaKey&) {}
-    virtual void onExtFecVia(const LfibViaKey&) {}
-    virtual void onDot1qTagToVlanComposite(const LfibDot1qTagToVlanCompositeKey&) {}
+    KEL_POND_TABLE_NOTIFIEES(MPLS_LFIB_STATUS_TABLES)
     virtual void onDot1qTagToVlanColl(const LfibDot1qTagToVlanKey&) {}
-    // A table was opened, or opened again after its group was replaced (readers).
-    virtual void onMountStatus() {}
-    // mountGroupIs() attached the collections to another group.
-    virtual void onMountGroup() {}
   };
 
-  // The via type that the keys of each via collection must have.
-  static constexpr LfibViaType viaTypeMplsIp_ = viaTypeMplsIp;
-  static constexpr LfibViaType viaTypeMplsPseudowire_ = viaTypeMplsPseudowire;
-  static constexpr LfibViaType viaTypeIpLookup_ = viaTypeIpLookup;
-  static constexpr LfibViaType viaTypeVlan_ = viaTypeVlan;
-  static constexpr LfibViaType viaTypeEvpnVlanAware_ = viaTypeEvpnVlanAware;
-  static constexpr LfibViaType viaTypeEvpnEthernetSegment_ = viaTypeEvpnEthernetSegment;
-  static constexpr LfibViaType viaTypeEvpnVlanFlood_ = viaTypeEvpnVlanFlood;
-  static constexpr LfibViaType viaTypeEvpnVlanAwareFlood_ = viaTypeEvpnVlanAwareFlood;
-  static constexpr LfibViaType viaTypeExternalFec_ = viaTypeExternalFec;
-
-  KEL_POND_COLL(RouteKey, LfibRoute, lfibRoute, LfibRoute, handleRoute)
-  KEL_POND_COLL(LfibViaSetKey, LfibViaSet, viaSet, ViaSet, handleViaSet)
-  KEL_POND_COLL(LfibViaKey, LfibMplsVia, mplsVia, MplsVia, verifyViaTypeMplsIp)
-  KEL_POND_COLL(LfibViaKey, LfibPwVia, pwVia, PwVia, verifyViaTypeMplsPseudowire)
-  KEL_POND_COLL(LfibViaKey, LfibIpLookupVia, ipLookupVia, IpLookupVia, verifyViaTypeIpLookup)
-  KEL_POND_COLL(LfibViaKey, LfibVlanVia, vlanVia, VlanVia, verifyViaTypeVlan)
-  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanAwareVia, evpnVlanAwareVia, EvpnVlanAwareVia,
-                verifyViaTypeEvpnVlanAware)
-  KEL_POND_COLL(LfibViaKey, LfibEvpnEthernetSegmentFilterVia, evpnEthernetSegmentFilterVia,
-                EvpnEthernetSegmentFilterVia, verifyViaTypeEvpnEthernetSegment)
-  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanFloodVia, evpnVlanFloodVia, EvpnVlanFloodVia,
-                verifyViaTypeEvpnVlanFlood)
-  KEL_POND_COLL(LfibViaKey, LfibEvpnVlanAwareFloodVia, evpnVlanAwareFloodVia,
-                EvpnVlanAwareFloodVia, verifyViaTypeEvpnVlanAwareFlood)
-  KEL_POND_COLL(LfibViaKey, LfibExtFecVia, extFecVia, ExtFecVia, verifyViaTypeExternalFec)
-  KEL_POND_COLL(LfibDot1qTagToVlanCompositeKey, LfibDot1qTagToVlanComposite,
-                dot1qTagToVlanComposite, Dot1qTagToVlanComposite, kelNoCheck)
+  // The collections, Sizing (one Pond::TableSizing per table: 4096 routes, via sets and
+  // MPLS vias, 1024 pseudowire, IP lookup and external FEC vias and tag-to-VLAN entries,
+  // 256 of each VLAN and EVPN via), mountGroupIs(group, sizing), mountGroup(),
+  // tableForEach() and dumpTables(): see KEL_POND_TABLE_SET in Pond/KelPond.h.
+  KEL_POND_TABLE_SET(MPLS_LFIB_STATUS_TABLES)
 
   // dot1qTagToVlanCollIs(key) returns the map of `key`, created empty when absent;
   // dot1qTagToVlanCollDel(key) returns the removed map, null when there was none.
   KEL_ENTITY_COLL_ATTR(LfibDot1qTagToVlanKey, LfibDot1qTagToVlan, dot1qTagToVlanColl,
                        Dot1qTagToVlanColl)
 
-  // Attaches every shared collection to its table in `group` (null: detaches them all),
-  // then announces onMountGroup. A writer group creates the tables with `sizing`, or
-  // attaches to those a previous writer left: Pond::SegmentError when their sizes differ
-  // (the entity is then left partly attached; drop it). Readers ignore `sizing`. Giving
-  // the group already attached does nothing.
-  void mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibStatusSizing& sizing = {});
-  const Kel::Ptr<Pond::MountGroup>& mountGroup() const noexcept { return mountGroup_; }
-
   // True for via types 3 to 8 (Mpls::isEvpnViaType).
   static bool isEvpnViaType(LfibViaType viaType) noexcept { return Mpls::isEvpnViaType(viaType); }
 
-  // The checks (see above). Each passes or throws Kel::InternalException.
-  void verifyViaTypeMplsIp(const LfibViaKey& key) const;
-  void verifyViaTypeMplsPseudowire(const LfibViaKey& key) const;
-  void verifyViaTypeIpLookup(const LfibViaKey& key) const;
-  void verifyViaTypeVlan(const LfibViaKey& key) const;
-  void verifyViaTypeEvpnVlanAware(const LfibViaKey& key) const;
-  void verifyViaTypeEvpnEthernetSegment(const LfibViaKey& key) const;
-  void verifyViaTypeEvpnVlanFlood(const LfibViaKey& key) const;
-  void verifyViaTypeEvpnVlanAwareFlood(const LfibViaKey& key) const;
-  void verifyViaTypeExternalFec(const LfibViaKey& key) const;
+  // The checks (see above). Each passes or throws Kel::InternalException. Per via
+  // collection: the via type its keys must have (viaTypeMplsIp_, ...) and its check
+  // (verifyViaTypeMplsIp, ...).
+#define MPLS_LFIB_VIA_CHECK_(x, Type, name, Name, Row, capacity, label) \
+  static constexpr LfibViaType viaType##Type##_ = viaType##Type;       \
+  void verifyViaType##Type(const LfibViaKey& key) const;
+  MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_CHECK_, _)
+#undef MPLS_LFIB_VIA_CHECK_
   // The route and via set as stored under `key`; an absent one passes.
   void handleRoute(const RouteKey& key) const;
   void handleViaSet(const LfibViaSetKey& key) const;
@@ -532,24 +518,133 @@ class LfibStatus : public Kel::Entity {
 
   // Calls f(key) for every via of every via collection, one collection after the other.
   template <class F>
-  void viaKeyForEach(F&& f) const {
-    auto key = [&](const auto& via) { f(via.key()); };
-    mplsViaForEach(key);
-    pwViaForEach(key);
-    ipLookupViaForEach(key);
-    vlanViaForEach(key);
-    evpnVlanAwareViaForEach(key);
-    evpnEthernetSegmentFilterViaForEach(key);
-    evpnVlanFloodViaForEach(key);
-    evpnVlanAwareFloodViaForEach(key);
-    extFecViaForEach(key);
-  }
+  void viaKeyForEach(F&& f) const;
 
  private:
-  Kel::Ptr<Pond::MountGroup> mountGroup_;
+  void dumpTagToVlanMaps(Kel::DumpContext& context, int indent) const;
 };
 
+using LfibStatusSizing = LfibStatus::Sizing;
+
 Kel::Ptr<LfibStatus> lfibStatusFactory();
+
+// LfibVia<viaTypeX>: one via type of MPLS_LFIB_VIA_TYPES, its row type and its collection
+// of an LfibStatus. LfibViaOf<Row> is the same, found by row type.
+template <LfibViaType Type>
+struct LfibVia;
+
+#define MPLS_LFIB_VIA_TRAITS_(x, Type, name, Name, RowType, capacity, label_)                 \
+  template <>                                                                               \
+  struct LfibVia<viaType##Type> {                                                           \
+    using Row = RowType;                                                                    \
+    static constexpr LfibViaType viaType = viaType##Type;                                   \
+    static constexpr std::string_view collection = #name;                                   \
+    static constexpr std::string_view label = label_;                                       \
+    /* The table; null while the LFIB has no mount group. */                                \
+    static const ::Pond::PondMap<LfibViaKey, Row>* table(const LfibStatus& s) {             \
+      return s.name##Table();                                                               \
+    }                                                                                       \
+    static uint32_t size(const LfibStatus& s) { return s.name##s(); }                       \
+    /* Copies the via of `key` into `row` and returns true; false when there is none. */    \
+    static bool find(const LfibStatus& s, const LfibViaKey& key, Row& row) {                \
+      const auto* t = s.name##Table();                                                      \
+      return t && t->find(key, row);                                                        \
+    }                                                                                       \
+    static void write(LfibStatus& s, const Row& via) { s.name##Is(via); }                   \
+    static void erase(LfibStatus& s, const LfibViaKey& key) { s.name##Del(key); }           \
+    static void eraseAll(LfibStatus& s) { s.name##DelAll(); }                               \
+    template <class F>                                                                      \
+    static void forEach(const LfibStatus& s, F&& f) {                                       \
+      s.name##ForEach(std::forward<F>(f));                                                  \
+    }                                                                                       \
+  };                                                                                        \
+  template <>                                                                               \
+  struct LfibViaOfRow<RowType> {                                                            \
+    using type = LfibVia<viaType##Type>;                                                    \
+  };
+
+template <class Row>
+struct LfibViaOfRow;
+MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_TRAITS_, _)
+#undef MPLS_LFIB_VIA_TRAITS_
+
+template <class Row>
+using LfibViaOf = typename LfibViaOfRow<Row>::type;
+
+// Calls f(LfibVia<T>{}) for every via type T, in the order of MPLS_LFIB_VIA_TYPES.
+#define MPLS_LFIB_VIA_CALL_(f, Type, name, Name, Row, capacity, label) f(LfibVia<viaType##Type>{});
+template <class F>
+void lfibViaTypeForEach(F&& f) {
+  MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_CALL_, f)
+}
+#undef MPLS_LFIB_VIA_CALL_
+
+// Calls f(LfibVia<type>{}) and returns true; false, calling nothing, when `type` has no
+// via collection (viaTypeMplsUnknown, viaTypeReserved, viaTypeMax, values without a name).
+#define MPLS_LFIB_VIA_CASE_(f, Type, name, Name, Row, capacity, label) \
+  case viaType##Type:                                                  \
+    f(LfibVia<viaType##Type>{});                                       \
+    return true;
+template <class F>
+bool lfibViaTypeVisit(LfibViaType type, F&& f) {
+  switch (type) {
+    MPLS_LFIB_VIA_TYPES(MPLS_LFIB_VIA_CASE_, f)
+    default:
+      return false;
+  }
+}
+#undef MPLS_LFIB_VIA_CASE_
+
+// Whether the LFIB holds a via under `key`, in the collection of its via type.
+bool lfibViaStored(const LfibStatus& lfib, const LfibViaKey& key);
+
+template <class F>
+void LfibStatus::viaKeyForEach(F&& f) const {
+  lfibViaTypeForEach([&](auto via) {
+    via.forEach(*this, [&](const typename decltype(via)::Row& row) { f(row.key()); });
+  });
+}
+
+// ---------------------------------------------------------------------------------------
+// The integrity of an LFIB across its tables.
+
+// What an integrity check found wrong: the kind, and the keys involved.
+struct LfibIntegrityProblem {
+  enum class Kind {
+    viaSetMissing,    // `route` names `viaSet`, which the LFIB does not hold
+    viaMissing,       // `viaSet` names `via`, which the collection of its via type lacks
+    viaTypeMismatch,  // `via` has another via type than `viaSet` (which names it), or than
+                      // the collection that holds it (`viaSet` is then the default key)
+    viaSetUnused,     // no route names `viaSet`
+    viaUnused,        // no via set names `via`
+  };
+  Kind kind;
+  RouteKey route;
+  LfibViaSetKey viaSet;
+  LfibViaKey via;
+
+  friend bool operator==(const LfibIntegrityProblem&, const LfibIntegrityProblem&) = default;
+};
+
+// The problems of one route: its via set missing (nothing when the route is absent).
+std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, const RouteKey& key);
+// The problems of one via set: vias missing or of another via type, in slot order (nothing
+// when the set is absent). Empty slots (the default via key) are no problem.
+std::vector<LfibIntegrityProblem> lfibViaSetProblems(const LfibStatus& lfib,
+                                                     const LfibViaSetKey& key);
+
+// The whole LFIB: every route's via set exists, every via set's vias exist with the set's
+// via type, every via sits in the collection of its via type, and nothing is left that
+// no route or via set names. Problems come sorted by kind, then by key; readers walking
+// an LFIB that its writer changes meanwhile may find problems that are only the race.
+struct LfibIntegrityReport {
+  std::vector<LfibIntegrityProblem> problems;
+  uint64_t routes = 0;
+  uint64_t viaSets = 0;
+  uint64_t vias = 0;
+  bool consistent() const noexcept { return problems.empty(); }
+};
+LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib);
 
 // ---------------------------------------------------------------------------------------
 // The via index allocator.
@@ -612,9 +707,7 @@ class LfibViaIndexAllocator : public Kel::Entity {
  private:
   const LFib::Source source_;
   const LfibStatus::Ptr lfibStatus_;
-  // Rows that lookups decode into, kept so that a miss costs no construction.
-  LfibMplsVia mplsViaRow_;
-  LfibIpLookupVia ipLookupViaRow_;
+  // The row via set lookups decode into, kept so that a miss costs no construction.
   LfibViaSet viaSetRow_;
 };
 
@@ -624,10 +717,10 @@ Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(LFib::Source source
 // ---------------------------------------------------------------------------------------
 // The LFIB's hardware status.
 
-struct LfibHwStatusSizing {
-  Pond::TableSizing unprogrammedRoute{4096};
-  Pond::TableSizing viaSet{4096};
-};
+// The tables of an LfibHwStatus (see KEL_POND_TABLE_SET in Pond/KelPond.h).
+#define MPLS_LFIB_HW_STATUS_TABLES(T)                                                  \
+  T(unprogrammedRoute, UnprogrammedRoute, RouteKey, RouteInfo, kelNoCheck, 4096)       \
+  T(viaSet, ViaSet, LfibViaSetKey, LfibViaSetInfo, kelNoCheck, 4096)
 
 // LfibHwStatus lists the routes that the hardware agent could not program (and why) and
 // the hardware state of via sets, in two shared-memory tables "unprogrammedRoute" and
@@ -642,22 +735,13 @@ class LfibHwStatus : public Kel::Entity {
 
   class NotifieeConst : public Kel::NotifieeOf<LfibHwStatus> {
    public:
-    virtual void onUnprogrammedRoute(const RouteKey&) {}
-    virtual void onViaSet(const LfibViaSetKey&) {}
-    virtual void onMountStatus() {}
-    virtual void onMountGroup() {}
+    KEL_POND_TABLE_NOTIFIEES(MPLS_LFIB_HW_STATUS_TABLES)
   };
 
-  KEL_POND_COLL(RouteKey, RouteInfo, unprogrammedRoute, UnprogrammedRoute, kelNoCheck)
-  KEL_POND_COLL(LfibViaSetKey, LfibViaSetInfo, viaSet, ViaSet, kelNoCheck)
-
-  // As LfibStatus::mountGroupIs.
-  void mountGroupIs(Kel::Ptr<Pond::MountGroup> group, const LfibHwStatusSizing& sizing = {});
-  const Kel::Ptr<Pond::MountGroup>& mountGroup() const noexcept { return mountGroup_; }
-
- private:
-  Kel::Ptr<Pond::MountGroup> mountGroup_;
+  KEL_POND_TABLE_SET(MPLS_LFIB_HW_STATUS_TABLES)
 };
+
+using LfibHwStatusSizing = LfibHwStatus::Sizing;
 
 Kel::Ptr<LfibHwStatus> lfibHwStatusFactory();
 

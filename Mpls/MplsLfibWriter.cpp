@@ -30,7 +30,6 @@ void ConsolidatedLfibRoute::verifyVia(const LfibViaKey& vk) const {
 
 #include <algorithm>
 #include <bitset>
-#include <tuple>
 #include <vector>
 
 #include "Kel/Trace.h"
@@ -41,49 +40,17 @@ namespace {
 
 Kel::TraceFacility trace("MplsLfibWriter");
 
-// What the route write needs to know of one via type.
+// The via types the writer programs, and whether their vias carry a weight.
 template <class V>
-struct ViaTraits;
+constexpr bool kWeighted = requires(const V& v) { v.weight(); };
 
-template <>
-struct ViaTraits<LfibMplsVia> {
-  static constexpr bool weighted = true;
-  static const auto& vias(const ConsolidatedLfibRoute& r) { return r.mplsVia(); }
-  static auto* table(const LfibStatus& s) { return s.mplsViaTable(); }
-  static void write(LfibStatus& s, const LfibMplsVia& v) { s.mplsViaIs(v); }
-  static uint32_t weight(const LfibMplsVia& v) { return v.weight(); }
-};
-
-template <>
-struct ViaTraits<LfibPwVia> {
-  static constexpr bool weighted = false;
-  static const auto& vias(const ConsolidatedLfibRoute& r) { return r.pwVia(); }
-  static auto* table(const LfibStatus& s) { return s.pwViaTable(); }
-  static void write(LfibStatus& s, const LfibPwVia& v) { s.pwViaIs(v); }
-  static uint32_t weight(const LfibPwVia&) { return 0; }
-};
-
-template <>
-struct ViaTraits<LfibIpLookupVia> {
-  static constexpr bool weighted = false;
-  static const auto& vias(const ConsolidatedLfibRoute& r) { return r.ipLookupVia(); }
-  static auto* table(const LfibStatus& s) { return s.ipLookupViaTable(); }
-  static void write(LfibStatus& s, const LfibIpLookupVia& v) { s.ipLookupViaIs(v); }
-  static uint32_t weight(const LfibIpLookupVia&) { return 0; }
-};
-
-template <>
-struct ViaTraits<LfibExtFecVia> {
-  static constexpr bool weighted = false;
-  static const auto& vias(const ConsolidatedLfibRoute& r) { return r.extFecVia(); }
-  static auto* table(const LfibStatus& s) { return s.extFecViaTable(); }
-  static void write(LfibStatus& s, const LfibExtFecVia& v) { s.extFecViaIs(v); }
-  static uint32_t weight(const LfibExtFecVia&) { return 0; }
-};
-
-template <class Table, class Key, class Row>
-bool holds(const Table* table, const Key& key, Row& row) {
-  return table && table->find(key, row);
+template <class V>
+uint32_t storedWeight(const V& via) {
+  if constexpr (kWeighted<V>) {
+    return via.weight();
+  } else {
+    return 0;
+  }
 }
 
 // A via of the route being written, weight 1, and how many of the route's vias equal it.
@@ -117,13 +84,26 @@ struct LfibWriter::Scratch {
   LfibViaSet viaSet;
   // The slots of oldViaSet whose key the new via set keeps.
   std::bitset<LfibViaKeyArray::capacity> reusedSlots;
-  std::tuple<ViaScratch<LfibMplsVia>, ViaScratch<LfibPwVia>, ViaScratch<LfibIpLookupVia>,
-             ViaScratch<LfibExtFecVia>>
-      perType;
+  // The working lists of each via type the writer programs, made on first use.
+  struct PerType {
+    void* lists = nullptr;
+    void (*drop)(void*) = nullptr;
+    ~PerType() {
+      if (lists) {
+        drop(lists);
+      }
+    }
+  };
+  PerType perType[viaTypeMax + 1];
 
   template <class V>
   ViaScratch<V>& of() {
-    return std::get<ViaScratch<V>>(perType);
+    PerType& slot = perType[LfibViaOf<V>::viaType];
+    if (!slot.lists) {
+      slot.lists = new ViaScratch<V>();
+      slot.drop = [](void* p) { delete static_cast<ViaScratch<V>*>(p); };
+    }
+    return *static_cast<ViaScratch<V>*>(slot.lists);
   }
 };
 
@@ -182,93 +162,118 @@ void LfibWriter::viaWeightIs(LfibExtFecVia&, uint32_t) const {
 void LfibWriter::lfibRouteIs(const ConsolidatedLfibRoute& route) {
   KEL_ASSERT(route.viaType() != viaTypeMplsUnknown_ && route.viaType() != viaTypeMax_,
              "invalid viaType");
-  switch (route.viaType()) {
-    case viaTypeMplsIp:
-      lfibRouteIsHelper<LfibMplsVia>(route);
-      return;
-    case viaTypeMplsPseudowire:
-      lfibRouteIsHelper<LfibPwVia>(route);
-      return;
-    case viaTypeIpLookup:
-      lfibRouteIsHelper<LfibIpLookupVia>(route);
-      return;
-    case viaTypeExternalFec:
-      lfibRouteIsHelper<LfibExtFecVia>(route);
-      return;
-    default:
-      KEL_ASSERT(false, "viaType not yet supported");
+  bool programmed = false;
+  lfibViaTypeVisit(route.viaType(), [&](auto via) {
+    using V = typename decltype(via)::Row;
+    if constexpr (ConsolidatedLfibRoute::carries<V>) {
+      lfibRouteIsHelper<V>(route);
+      programmed = true;
+    }
+  });
+  if (!programmed) {
+    KEL_ASSERT(false, "viaType not yet supported");
   }
 }
 
+// One route write over vias of type V, in phases: read the old route, its via set and vias;
+// weigh the new vias; place them (keys, and the vias that changed); commit the via set
+// and the route and delete what they no longer name. Only reading happens before the
+// vias are placed: an LFIB that lacks what it names aborts with nothing written.
 template <class V>
-void LfibWriter::lfibRouteIsHelper(const ConsolidatedLfibRoute& route) {
-  using Traits = ViaTraits<V>;
-  KEL_TRACE(trace, 8, "lfibRouteIs routeKey: {} viaType: {}", route.key(), route.viaType());
-  LfibStatus& lfib = *lfib_;
-  ScratchLease lease(*scratch_);
-  Scratch& s = *lease;
-  ViaScratch<V>& scratch = s.template of<V>();
-  const bool inPlace = inPlaceAdjacencyUpdateSupported();
+struct LfibWriter::RouteWrite {
+  using Via = LfibViaOf<V>;
 
-  // The route as it stands, its via set and its vias of this type.
-  const LfibRoute oldRoute = lfib.lfibRoute(route.key());
-  const bool rewrite = !(oldRoute == LfibRoute());
-  const LfibViaSetKey oldViaSetKey = oldRoute.viaSetKey();
-  std::vector<OldVia<V>>& oldVias = scratch.oldVias;
-  oldVias.clear();
-  s.reusedSlots.reset();
+  RouteWrite(LfibWriter& w, const ConsolidatedLfibRoute& r, Scratch& scratch)
+      : writer(w),
+        route(r),
+        s(scratch),
+        lists(scratch.template of<V>()),
+        lfib(*w.lfib_),
+        inPlace(w.inPlaceAdjacencyUpdateSupported()) {}
+
+  LfibWriter& writer;
+  const ConsolidatedLfibRoute& route;
+  Scratch& s;
+  ViaScratch<V>& lists;
+  LfibStatus& lfib;
+  const bool inPlace;
+  LfibRoute oldRoute;
+  bool rewrite = false;
   uint32_t oldSlots = 0;
-  if (rewrite) {
-    KEL_TRACE(trace, 8, "{}: found old lfib route", __func__);
-    const LfibViaSet* oldViaSet =
-        holds(lfib.viaSetTable(), oldViaSetKey, s.oldViaSet) ? &s.oldViaSet : nullptr;
-    if (!oldViaSet) {
-      KEL_TRACE(trace, 0, "{}: via set {} of route {} is missing", __func__, oldViaSetKey,
-                route.key());
+
+  // The route as it stands and, when there is one, its via set (null when the LFIB lacks
+  // it: the caller aborts).
+  const LfibViaSet* readOldRoute() {
+    oldRoute = lfib.lfibRoute(route.key());
+    rewrite = !(oldRoute == LfibRoute());
+    lists.oldVias.clear();
+    s.reusedSlots.reset();
+    oldSlots = 0;
+    if (!rewrite) {
+      return nullptr;
     }
-    KEL_FATAL_ASSERT(!!oldViaSet);
-    oldSlots = oldViaSet->viaKeys();
+    KEL_TRACE(trace, 8, "{}: found old lfib route", "lfibRouteIsHelper");
+    const auto* viaSets = lfib.viaSetTable();
+    if (!viaSets || !viaSets->find(oldRoute.viaSetKey(), s.oldViaSet)) {
+      KEL_TRACE(trace, 0, "{}: via set {} of route {} is missing", "lfibRouteIsHelper",
+                oldRoute.viaSetKey(), route.key());
+      return nullptr;
+    }
+    oldSlots = s.oldViaSet.viaKeys();
+    return &s.oldViaSet;
+  }
+
+  // The old via set's vias of this type in ascending value order (key unset, weight 1),
+  // each with its stored key, weight and slot; false when the LFIB lacks one of them (the
+  // caller aborts).
+  bool readOldVias() {
     for (uint32_t slot = 0; slot < oldSlots; ++slot) {
-      const LfibViaKey& key = oldViaSet->viaKey(slot);
+      const LfibViaKey& key = s.oldViaSet.viaKey(slot);
       if (key.viaType() != route.viaType()) {
         continue;  // never matched: deleted at the end
       }
-      OldVia<V>& old = oldVias.emplace_back();
-      const V* via = holds(Traits::table(lfib), key, old.via) ? &old.via : nullptr;
-      if (!via) {
-        KEL_TRACE(trace, 0, "{}: via {} of via set {} is missing", __func__, key, oldViaSetKey);
+      OldVia<V>& old = lists.oldVias.emplace_back();
+      if (!Via::find(lfib, key, old.via)) {
+        KEL_TRACE(trace, 0, "{}: via {} of via set {} is missing", "lfibRouteIsHelper", key,
+                  oldRoute.viaSetKey());
+        return false;
       }
-      KEL_FATAL_ASSERT(!!via);
       old.key = key;
-      old.storedWeight = Traits::weight(old.via);
+      old.storedWeight = storedWeight(old.via);
       old.slot = slot;
       old.via.keyIs(LfibViaKey());
-      viaWeightIs(old.via, 1);
+      writer.viaWeightIs(old.via, 1);
     }
     // Equal vias keep their slot order: the last one of them is the one kept.
-    if (oldVias.size() > 1) {
-      std::stable_sort(oldVias.begin(), oldVias.end(),
+    if (lists.oldVias.size() > 1) {
+      std::stable_sort(lists.oldVias.begin(), lists.oldVias.end(),
                        [](const OldVia<V>& a, const OldVia<V>& b) { return a.via < b.via; });
     }
+    return true;
   }
 
-  // Equal vias, weights disregarded, become one via counting them; ascending value order.
-  std::vector<WeightedVia<V>>& vias = scratch.vias;
-  vias.clear();
-  for (const V& via : Traits::vias(route)) {
-    WeightedVia<V>& w = vias.emplace_back(WeightedVia<V>{via, 1});
-    viaWeightIs(w.via, 1);
-  }
-  if (trace.enabled(9)) {
-    for (size_t i = 0; i < vias.size(); ++i) {
-      uint32_t reached = 1;
-      for (size_t j = 0; j < i; ++j) {
-        reached += vias[j].via == vias[i].via;
-      }
-      KEL_TRACE(trace, 9, "{} add via with wt {} - {}", __func__, reached, vias[i].via);
+  // The route's vias, equal ones (weights disregarded) merged into one that counts them,
+  // in ascending value order.
+  void weigh() {
+    std::vector<WeightedVia<V>>& vias = lists.vias;
+    vias.clear();
+    for (const V& via : route.template viasOf<V>()) {
+      WeightedVia<V>& w = vias.emplace_back(WeightedVia<V>{via, 1});
+      writer.viaWeightIs(w.via, 1);
     }
-  }
-  if (vias.size() > 1) {
+    if (trace.enabled(9)) {
+      for (size_t i = 0; i < vias.size(); ++i) {
+        uint32_t reached = 1;
+        for (size_t j = 0; j < i; ++j) {
+          reached += vias[j].via == vias[i].via;
+        }
+        KEL_TRACE(trace, 9, "{} add via with wt {} - {}", "lfibRouteIsHelper", reached,
+                  vias[i].via);
+      }
+    }
+    if (vias.size() <= 1) {
+      return;
+    }
     std::sort(vias.begin(), vias.end(),
               [](const WeightedVia<V>& a, const WeightedVia<V>& b) { return a.via < b.via; });
     size_t kept = 0;
@@ -282,69 +287,95 @@ void LfibWriter::lfibRouteIsHelper(const ConsolidatedLfibRoute& route) {
     vias.resize(kept + 1);
   }
 
-  LfibViaIndexAllocator::Ptr allocator = indexAllocator(route.source());
-  const bool keepViaSetKey = inPlace && rewrite && oldViaSetKey.source() == route.source() &&
-                             oldViaSetKey.viaType() == route.viaType() &&
-                             oldViaSetKey.viaSetType() == route.viaSetType();
-  const LfibViaSetKey viaSetKey =
-      keepViaSetKey ? oldViaSetKey : allocator->getViaSetKey(route.viaType(), route.viaSetType());
-  LfibViaSet& viaSet = s.viaSet;
-  viaSet = LfibViaSet(viaSetKey);
-
-  size_t next = 0;  // into oldVias: both lists are in ascending order
-  uint32_t index = 0;
-  for (WeightedVia<V>& w : vias) {
-    const OldVia<V>* match = nullptr;
-    if (inPlace) {
-      for (; next < oldVias.size(); ++next) {
-        const int order = Kel::valueCompare(oldVias[next].via, w.via);
-        if (order > 0) {
-          break;
-        }
-        if (order == 0) {
-          match = &oldVias[next];  // of equal ones, the last
+  // The via set key (the old one when it fits) and the key of every via: an old via equal
+  // to it keeps its key, the others get fresh ones. Writes the vias that changed and fills
+  // s.viaSet with their keys, at most 128.
+  void placeVias(LfibViaIndexAllocator& allocator) {
+    const LfibViaSetKey oldViaSetKey = oldRoute.viaSetKey();
+    const bool keepViaSetKey = inPlace && rewrite && oldViaSetKey.source() == route.source() &&
+                               oldViaSetKey.viaType() == route.viaType() &&
+                               oldViaSetKey.viaSetType() == route.viaSetType();
+    s.viaSet = LfibViaSet(keepViaSetKey ? oldViaSetKey
+                                        : allocator.getViaSetKey(route.viaType(),
+                                                                 route.viaSetType()));
+    const std::vector<OldVia<V>>& oldVias = lists.oldVias;
+    size_t next = 0;  // into oldVias: both lists are in ascending order
+    uint32_t index = 0;
+    for (WeightedVia<V>& w : lists.vias) {
+      const OldVia<V>* match = nullptr;
+      if (inPlace) {
+        for (; next < oldVias.size(); ++next) {
+          const int order = Kel::valueCompare(oldVias[next].via, w.via);
+          if (order > 0) {
+            break;
+          }
+          if (order == 0) {
+            match = &oldVias[next];  // of equal ones, the last
+          }
         }
       }
+      LfibViaKey key;
+      bool changed = true;
+      if (match && match->key.source() == route.source()) {
+        key = match->key;
+        s.reusedSlots.set(match->slot);
+        changed = kWeighted<V> && match->storedWeight != w.count;
+      } else {
+        // A fresh key: the allocator found nothing stored under it.
+        key = allocator.getViaKey(route.viaType());
+      }
+      w.via.keyIs(key);
+      writer.viaWeightIs(w.via, w.count);
+      if (changed) {
+        Via::write(lfib, w.via);
+      }
+      s.viaSet.viaKeyIs(index, key);
+      if (index == LfibViaKeyArray::capacity - 1) {
+        KEL_TRACE(trace, 0, "{} Reached via index limit ({}), ignoring extra vias",
+                  "lfibRouteIsHelper", index);
+        break;
+      }
+      ++index;
     }
-    LfibViaKey key;
-    bool changed = true;
-    if (match && match->key.source() == route.source()) {
-      key = match->key;
-      s.reusedSlots.set(match->slot);
-      changed = Traits::weighted && match->storedWeight != w.count;
-    } else {
-      // A fresh key: the allocator found nothing stored under it.
-      key = allocator->getViaKey(route.viaType());
-    }
-    w.via.keyIs(key);
-    viaWeightIs(w.via, w.count);
-    if (changed) {
-      Traits::write(lfib, w.via);
-    }
-    viaSet.viaKeyIs(index, key);
-    if (index == LfibViaKeyArray::capacity - 1) {
-      KEL_TRACE(trace, 0, "{} Reached via index limit ({}), ignoring extra vias", __func__, index);
-      break;
-    }
-    ++index;
   }
 
-  if (!rewrite || !(viaSet == s.oldViaSet)) {
-    lfib.viaSetIs(viaSet);
-  }
-  const LfibRoute newRoute(route.key(), viaSetKey, route.source(), route.fec(), route.metric());
-  if (!(newRoute == oldRoute)) {
-    lfib.lfibRouteIs(newRoute);
-  }
-  // Without an old route this deletes the default key: nothing is stored under it.
-  if (!(oldViaSetKey == viaSetKey)) {
-    lfib.viaSetDel(oldViaSetKey);
-  }
-  for (uint32_t slot = 0; slot < oldSlots; ++slot) {
-    if (!s.reusedSlots.test(slot)) {
-      lfibViaDel(s.oldViaSet.viaKey(slot));
+  // The via set and the route where they changed, then what the old ones named and the
+  // new ones do not: the old via set, the old vias not reused.
+  void commit() {
+    const LfibViaSetKey oldViaSetKey = oldRoute.viaSetKey();
+    if (!rewrite || !(s.viaSet == s.oldViaSet)) {
+      lfib.viaSetIs(s.viaSet);
+    }
+    const LfibRoute newRoute(route.key(), s.viaSet.key(), route.source(), route.fec(),
+                             route.metric());
+    if (!(newRoute == oldRoute)) {
+      lfib.lfibRouteIs(newRoute);
+    }
+    // Without an old route this deletes the default key: nothing is stored under it.
+    if (!(oldViaSetKey == s.viaSet.key())) {
+      lfib.viaSetDel(oldViaSetKey);
+    }
+    for (uint32_t slot = 0; slot < oldSlots; ++slot) {
+      if (!s.reusedSlots.test(slot)) {
+        writer.lfibViaDel(s.oldViaSet.viaKey(slot));
+      }
     }
   }
+};
+
+template <class V>
+void LfibWriter::lfibRouteIsHelper(const ConsolidatedLfibRoute& route) {
+  KEL_TRACE(trace, 8, "lfibRouteIs routeKey: {} viaType: {}", route.key(), route.viaType());
+  ScratchLease lease(*scratch_);
+  RouteWrite<V> write(*this, route, *lease);
+  if (const LfibViaSet* oldViaSet = write.readOldRoute(); write.rewrite) {
+    KEL_FATAL_ASSERT(!!oldViaSet);
+    const bool via = write.readOldVias();
+    KEL_FATAL_ASSERT(!!via);
+  }
+  write.weigh();
+  write.placeVias(*indexAllocator(route.source()));
+  write.commit();
 }
 
 void LfibWriter::lfibRouteDel(const RouteKey& key) {
@@ -365,37 +396,8 @@ void LfibWriter::lfibRouteDel(const RouteKey& key) {
 void LfibWriter::lfibViaDel(const LfibViaKey& key) {
   KEL_ASSERT(key.viaType() != viaTypeMplsUnknown_ && key.viaType() != viaTypeMax_,
              "invalid viaType");
-  LfibStatus& lfib = *lfib_;
-  switch (key.viaType()) {
-    case viaTypeMplsIp:
-      lfib.mplsViaDel(key);
-      return;
-    case viaTypeMplsPseudowire:
-      lfib.pwViaDel(key);
-      return;
-    case viaTypeIpLookup:
-      lfib.ipLookupViaDel(key);
-      return;
-    case viaTypeVlan:
-      lfib.vlanViaDel(key);
-      return;
-    case viaTypeEvpnVlanAware:
-      lfib.evpnVlanAwareViaDel(key);
-      return;
-    case viaTypeEvpnEthernetSegment:
-      lfib.evpnEthernetSegmentFilterViaDel(key);
-      return;
-    case viaTypeEvpnVlanFlood:
-      lfib.evpnVlanFloodViaDel(key);
-      return;
-    case viaTypeEvpnVlanAwareFlood:
-      lfib.evpnVlanAwareFloodViaDel(key);
-      return;
-    case viaTypeExternalFec:
-      lfib.extFecViaDel(key);
-      return;
-    default:
-      KEL_ASSERT(false, "viaType not yet supported");
+  if (!lfibViaTypeVisit(key.viaType(), [&](auto via) { via.erase(*lfib_, key); })) {
+    KEL_ASSERT(false, "viaType not yet supported");
   }
 }
 
@@ -404,9 +406,13 @@ void LfibWriter::lfibRouteDelAll() {
   LfibStatus& lfib = *lfib_;
   lfib.lfibRouteDelAll();
   lfib.viaSetDelAll();
-  lfib.mplsViaDelAll();
-  lfib.pwViaDelAll();
-  lfib.extFecViaDelAll();
+  // The via types written through lfibRouteIs but the IP lookup vias, which stay.
+  lfibViaTypeForEach([&](auto via) {
+    using V = typename decltype(via)::Row;
+    if constexpr (ConsolidatedLfibRoute::carries<V> && via.viaType != viaTypeIpLookup) {
+      via.eraseAll(lfib);
+    }
+  });
 }
 
 Kel::Ptr<LfibWriter> lfibWriterFactory(const Kel::Ptr<LfibStatus>& lfib) {

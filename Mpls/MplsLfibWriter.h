@@ -86,6 +86,17 @@ class ConsolidatedLfibRoute {
   // Raises Kel::InternalException unless `vk` is the unset via key.
   void verifyVia(const LfibViaKey& vk) const;
 
+  // Whether the route has a via set for vias of row type V: the via types the writer
+  // programs (LfibMplsVia, LfibPwVia, LfibIpLookupVia, LfibExtFecVia).
+  template <class V>
+  static constexpr bool carries = Kel::hasFieldOfType<Kel::ValueSet<V>, ConsolidatedLfibRoute>();
+  // That via set.
+  template <class V>
+    requires carries<V>
+  const Kel::ValueSet<V>& viasOf() const {
+    return Kel::fieldOfType<Kel::ValueSet<V>>(*this);
+  }
+
   // True exactly when the route differs from a default-constructed one.
   explicit operator bool() const { return !(*this == ConsolidatedLfibRoute()); }
 };
@@ -130,6 +141,9 @@ class ConsolidatedLfibRoute {
 // call only from the reactor thread that owns the LfibStatus. Notifiees of the LfibStatus
 // may call back into the writer while it writes.
 class LfibWriter : public Kel::Entity {
+  template <class V>
+  struct RouteWrite;
+
  public:
   using Ptr = Kel::Ptr<LfibWriter>;
 
@@ -181,6 +195,7 @@ class LfibWriter : public Kel::Entity {
   struct Scratch;
   class ScratchLease;
 
+  // The write of one route over vias of row type V, in four phases (see the .cpp).
   template <class V>
   void lfibRouteIsHelper(const ConsolidatedLfibRoute& route);
 

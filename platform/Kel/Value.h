@@ -133,6 +133,41 @@ int valueCompare(const T& a, const T& b) {
   return r;
 }
 
+namespace internal {
+template <class M>
+struct MemberType;
+template <class C, class M>
+struct MemberType<M C::*> {
+  using type = M;
+};
+template <class FieldT>
+using FieldType = typename MemberType<std::remove_cv_t<decltype(FieldT::member)>>::type;
+}  // namespace internal
+
+// Whether the value type T has a field of type F.
+template <class F, ValueType T>
+constexpr bool hasFieldOfType() {
+  return std::apply(
+      [](auto... f) { return (std::is_same_v<internal::FieldType<decltype(f)>, F> || ...); },
+      T::kelFields());
+}
+
+// The first field of `value` whose type is F (there must be one).
+template <class F, ValueType T>
+  requires(hasFieldOfType<F, T>())
+const F& fieldOfType(const T& value) {
+  const F* found = nullptr;
+  auto pick = [&](auto f) {
+    if constexpr (std::is_same_v<internal::FieldType<decltype(f)>, F>) {
+      if (!found) {
+        found = &(value.*(decltype(f)::member));
+      }
+    }
+  };
+  std::apply([&](auto... f) { (pick(f), ...); }, T::kelFields());
+  return *found;
+}
+
 template <ValueType T>
 bool valueLess(const T& a, const T& b) {
   return valueCompare(a, b) < 0;

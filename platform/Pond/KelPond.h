@@ -1,8 +1,35 @@
-// Entity collections kept in Pond shared-memory tables.
+// Entity collections kept in Pond shared-memory tables, and table sets: entities whose
+// collections are the tables of one mount group, each table declared once.
 //
-// Inside an entity class (with its NotifieeConst, see Kel/Entity.h, which must also
-// declare `virtual void onMountStatus() {}`):
+// Table sets. A table set lists its tables in one macro, one entry per table:
 //
+//   #define LFIB_HW_STATUS_TABLES(T) <backslash>
+//     T(unprogrammedRoute, UnprogrammedRoute, RouteKey, RouteInfo, kelNoCheck, 4096) <backslash>
+//     T(viaSet, ViaSet, LfibViaSetKey, LfibViaSetInfo, kelNoCheck, 4096)
+//
+// an entry being (name, Name, key type, row type, check, rows a writer reserves). The
+// entity then says KEL_POND_TABLE_SET(LFIB_HW_STATUS_TABLES) in its body and
+// KEL_POND_TABLE_NOTIFIEES(LFIB_HW_STATUS_TABLES) in its NotifieeConst, and gets:
+//   - for every table, the collection of KEL_POND_COLL below, kept in the table "name";
+//   - Sizing, a struct with one Pond::TableSizing per table, named after it and set to
+//     the declared capacity: what a writer that creates the tables reserves (a reader
+//     takes the sizes from the tables). sizingFor(role) gives the sizing of a mount role:
+//     the declared one for a writer, zero capacities (take the segment's) for a reader;
+//   - mountGroupIs(group, sizing): attaches every table to its table in `group` (null
+//     detaches them all) and announces onMountGroup; the group's role makes the entity a
+//     writer or a reader of every table. A writer group creates the tables, or attaches
+//     to those a previous writer left (Pond::SegmentError when their sizes differ: the
+//     entity is then left partly attached; drop it). Giving the group already attached
+//     does nothing. mountGroup() is the group attached;
+//   - tableForEach(f): f(KelPond::TableRef<K, T>) for every table, in declaration order;
+//   - dumpTables(context, indent): every table's rows in key order, under a header
+//     "<name>s #<count>" (see KelPond::dumpRows);
+//   - kelTableCount, the number of tables.
+// The NotifieeConst gets onName(const K&) per table, onMountStatus() (a table was opened,
+// or opened again after its group was replaced: readers) and onMountGroup().
+//
+// Collections. Inside an entity class (with its NotifieeConst, see Kel/Entity.h, which must
+// also declare `virtual void onMountStatus() {}`):
 //   KEL_POND_COLL(K, T, name, Name, check)
 //
 // declares the collection `name` of rows T keyed by K (T::key()), stored in the Pond table
@@ -29,10 +56,14 @@
 // changed key, and the table's opening as a mount status change.
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
+#include "Kel/DumpContext.h"
 #include "Kel/Entity.h"
 #include "Pond/MountGroup.h"
 #include "Pond/PondMap.h"
@@ -64,6 +95,43 @@ inline Kel::Ptr<CollectionControl> collectionControlFactory(Kel::Ptr<Pond::Mount
     return nullptr;
   }
   return Kel::make<CollectionControl>(std::move(group), std::move(table), sizing);
+}
+
+// One table of a table set, as tableForEach() hands it out: its name and the table (null
+// while the set has no mount group).
+template <class K, class T>
+struct TableRef {
+  using Key = K;
+  using Row = T;
+  std::string_view name;
+  const ::Pond::PondMap<K, T>* table;
+
+  uint32_t size() const { return table ? table->size() : 0; }
+  uint32_t capacity() const { return table ? table->capacity() : 0; }
+  template <class F>
+  void forEach(F&& f) const {
+    if (table) {
+      table->forEach(std::forward<F>(f));
+    }
+  }
+};
+
+// The header line of one collection in a dump: "<name>s #<count>", indented.
+void dumpHeader(Kel::DumpContext& context, int indent, std::string_view name, size_t count);
+
+// A header "<name>s #<count>" indented by `indent` blanks, then one line per row in key
+// order (storage order differs between the writer and readers), indented by indent + 2:
+// the row's pondString().
+template <class K, class T>
+void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) {
+  std::vector<T> rows;
+  rows.reserve(ref.size());
+  ref.forEach([&](const T& row) { rows.push_back(row); });
+  std::sort(rows.begin(), rows.end(), [](const T& a, const T& b) { return a.key() < b.key(); });
+  dumpHeader(context, indent, ref.name, rows.size());
+  for (const T& row : rows) {
+    context.printf("%*c%s\n", indent + 2, ' ', row.pondString());
+  }
 }
 
 }  // namespace KelPond
@@ -139,3 +207,67 @@ inline Kel::Ptr<CollectionControl> collectionControlFactory(Kel::Ptr<Pond::Mount
 
 // The check of a collection without one.
 #define kelNoCheck(k) (void)(k)
+
+// Table sets (see the top of this file).
+#define KEL_POND_TABLE_COLL(name, Name, K, T, check, capacity) KEL_POND_COLL(K, T, name, Name, check)
+#define KEL_POND_TABLE_SIZING(name, Name, K, T, check, capacity) \
+  ::Pond::TableSizing name{capacity};
+#define KEL_POND_TABLE_SIZING_EACH(name, Name, K, T, check, capacity) f(#name, name);
+#define KEL_POND_TABLE_MOUNT(name, Name, K, T, check, capacity) \
+  name##ControlIs(::KelPond::collectionControlFactory(kelMountGroup_, #name, sizing.name));
+#define KEL_POND_TABLE_REF(name, Name, K, T, check, capacity) \
+  f(::KelPond::TableRef<K, T>{#name, name##_.get()});
+#define KEL_POND_TABLE_COUNT(name, Name, K, T, check, capacity) +1
+#define KEL_POND_TABLE_NOTIFIEE(name, Name, K, T, check, capacity) \
+  virtual void on##Name(const K& key) { (void)key; }
+
+#define KEL_POND_TABLE_NOTIFIEES(TABLES) \
+  TABLES(KEL_POND_TABLE_NOTIFIEE)        \
+  virtual void onMountStatus() {}        \
+  virtual void onMountGroup() {}
+
+#define KEL_POND_TABLE_SET(TABLES)                                                        \
+  TABLES(KEL_POND_TABLE_COLL)                                                             \
+                                                                                          \
+ public:                                                                                  \
+  static constexpr size_t kelTableCount = 0 TABLES(KEL_POND_TABLE_COUNT);                 \
+  struct Sizing {                                                                         \
+    TABLES(KEL_POND_TABLE_SIZING)                                                         \
+    template <class F>                                                                    \
+    void forEach(F&& f) {                                                                 \
+      TABLES(KEL_POND_TABLE_SIZING_EACH)                                                  \
+    }                                                                                     \
+  };                                                                                      \
+  static Sizing sizingFor(::Pond::Role role) {                                            \
+    Sizing sizing;                                                                        \
+    if (role == ::Pond::Role::reader) {                                                   \
+      sizing.forEach([](std::string_view, ::Pond::TableSizing& s) { s.capacity = 0; });   \
+    }                                                                                     \
+    return sizing;                                                                        \
+  }                                                                                       \
+  void mountGroupIs(::Kel::Ptr<::Pond::MountGroup> group) {                               \
+    mountGroupIs(std::move(group), Sizing());                                             \
+  }                                                                                       \
+  void mountGroupIs(::Kel::Ptr<::Pond::MountGroup> group, const Sizing& sizing) {         \
+    if (group == kelMountGroup_) {                                                        \
+      return;                                                                             \
+    }                                                                                     \
+    kelMountGroup_ = std::move(group);                                                    \
+    TABLES(KEL_POND_TABLE_MOUNT)                                                          \
+    kelNotify(&NotifieeConst::onMountGroup);                                              \
+  }                                                                                       \
+  const ::Kel::Ptr<::Pond::MountGroup>& mountGroup() const noexcept {                     \
+    return kelMountGroup_;                                                                \
+  }                                                                                       \
+  template <class F>                                                                      \
+  void tableForEach(F&& f) const {                                                        \
+    TABLES(KEL_POND_TABLE_REF)                                                            \
+  }                                                                                       \
+  void dumpTables(::Kel::DumpContext& context, int indent) const {                        \
+    tableForEach([&](const auto& ref) { ::KelPond::dumpRows(context, indent, ref); });    \
+  }                                                                                       \
+                                                                                          \
+ private:                                                                                 \
+  ::Kel::Ptr<::Pond::MountGroup> kelMountGroup_;                                          \
+                                                                                          \
+ public:

@@ -75,7 +75,8 @@ int runClear(const std::string& lfib);
 // has no tables, and when it does not open in time.
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name);
 
-// Short names for show and check: "mplsIp", "ecmp", "swap".
+// Short names for show and check: "mplsIp", "ecmp", "swap" (a via type's is its label in
+// MPLS_LFIB_VIA_TYPES).
 std::string viaTypeName(Mpls::LfibViaType type);
 std::string viaSetTypeName(Mpls::LfibViaSetType type);
 // "static/mplsIp/3", "static/3/mplsIp/ecmp".
@@ -88,8 +89,5 @@ std::string payloadName(Mpls::PayloadType type);
 // Ethernet1 weight 2, swap 200 via 10.0.0.3 dev Ethernet4"; "(via set missing)" when the
 // LFIB lacks its via set.
 std::string routeSummary(const Mpls::LfibStatus& lfib, const Mpls::LfibRoute& route);
-
-// Whether the LFIB holds a via under `key`, in the collection of its via type.
-bool viaStored(const Mpls::LfibStatus& lfib, const Mpls::LfibViaKey& key);
 
 }  // namespace Mplsctl

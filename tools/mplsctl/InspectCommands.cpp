@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <cstdio>
-#include <set>
 #include <vector>
 
 #include "Kel/DumpContext.h"
@@ -21,45 +20,47 @@ int runDump(const std::string& name) {
   return 0;
 }
 
+namespace {
+
+std::string problemText(const LfibIntegrityProblem& p) {
+  using Kind = LfibIntegrityProblem::Kind;
+  switch (p.kind) {
+    case Kind::viaSetMissing:
+      return fmt::format("route {}: via set {} is missing", p.route.label().value(),
+                         viaSetKeyText(p.viaSet));
+    case Kind::viaMissing:
+      return fmt::format("via set {}: via {} is missing", viaSetKeyText(p.viaSet),
+                         viaKeyText(p.via));
+    case Kind::viaTypeMismatch:
+      return p.viaSet == LfibViaSetKey()
+                 ? fmt::format("via {} is kept with the vias of another type", viaKeyText(p.via))
+                 : fmt::format("via set {}: via {} is of another via type",
+                               viaSetKeyText(p.viaSet), viaKeyText(p.via));
+    case Kind::viaSetUnused:
+      return fmt::format("via set {} is used by no route", viaSetKeyText(p.viaSet));
+    case Kind::viaUnused:
+      return fmt::format("via {} is used by no via set", viaKeyText(p.via));
+  }
+  return "?";
+}
+
+}  // namespace
+
 int runCheck(const std::string& name) {
   LfibStatus::Ptr lfib = mountLfibReader(name);
-  std::vector<std::string> problems;
-  lfib->lfibRouteForEach([&](const LfibRoute& r) {
-    if (lfib->viaSet(r.viaSetKey()).key() != r.viaSetKey()) {
-      problems.push_back(fmt::format("route {}: via set {} is missing", r.key().label().value(),
-                                     viaSetKeyText(r.viaSetKey())));
-    }
-  });
-  std::set<LfibViaKey> used;
-  lfib->viaSetForEach([&](const LfibViaSet& s) {
-    for (const LfibViaKey& k : s.viaKey()) {
-      if (k == LfibViaKey()) {
-        continue;
-      }
-      used.insert(k);
-      if (!viaStored(*lfib, k)) {
-        problems.push_back(fmt::format("via set {}: via {} is missing", viaSetKeyText(s.key()),
-                                       viaKeyText(k)));
-      }
-    }
-  });
-  uint64_t vias = 0;
-  lfib->viaKeyForEach([&](const LfibViaKey& key) {
-    ++vias;
-    if (!used.contains(key)) {
-      problems.push_back(fmt::format("via {} is used by no via set", viaKeyText(key)));
-    }
-  });
-  if (!problems.empty()) {
-    for (const std::string& p : problems) {
-      std::printf("%s\n", p.c_str());
+  const LfibIntegrityReport report = lfibIntegrityCheck(*lfib);
+  if (!report.consistent()) {
+    for (const LfibIntegrityProblem& p : report.problems) {
+      std::printf("%s\n", problemText(p).c_str());
     }
     std::fprintf(stderr, "mplsctl: LFIB '%s' is inconsistent: %zu problems\n", name.c_str(),
-                 problems.size());
+                 report.problems.size());
     return 1;
   }
-  std::printf("LFIB '%s' is consistent: %u routes, %u via sets, %llu vias\n", name.c_str(),
-              lfib->lfibRoutes(), lfib->viaSets(), static_cast<unsigned long long>(vias));
+  std::printf("LFIB '%s' is consistent: %llu routes, %llu via sets, %llu vias\n", name.c_str(),
+              static_cast<unsigned long long>(report.routes),
+              static_cast<unsigned long long>(report.viaSets),
+              static_cast<unsigned long long>(report.vias));
   return 0;
 }
 

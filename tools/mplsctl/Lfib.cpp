@@ -33,28 +33,11 @@ Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
 }
 
 std::string viaTypeName(LfibViaType type) {
-  switch (type) {
-    case viaTypeMplsIp:
-      return "mplsIp";
-    case viaTypeMplsPseudowire:
-      return "pseudowire";
-    case viaTypeIpLookup:
-      return "ipLookup";
-    case viaTypeVlan:
-      return "vlan";
-    case viaTypeEvpnVlanAware:
-      return "evpnVlanAware";
-    case viaTypeEvpnEthernetSegment:
-      return "evpnEthernetSegment";
-    case viaTypeEvpnVlanFlood:
-      return "evpnVlanFlood";
-    case viaTypeEvpnVlanAwareFlood:
-      return "evpnVlanAwareFlood";
-    case viaTypeExternalFec:
-      return "externalFec";
-    default:
-      return fmt::format("viaType{}", static_cast<uint32_t>(type));
+  std::string name;
+  if (!lfibViaTypeVisit(type, [&](auto via) { name = via.label; })) {
+    name = fmt::format("viaType{}", static_cast<uint32_t>(type));
   }
+  return name;
 }
 
 std::string viaSetTypeName(LfibViaSetType type) {
@@ -79,31 +62,6 @@ std::string viaKeyText(const LfibViaKey& key) {
 std::string viaSetKeyText(const LfibViaSetKey& key) {
   return fmt::format("{}/{}/{}/{}", sourceName(key.source()), key.index(),
                      viaTypeName(key.viaType()), viaSetTypeName(key.viaSetType()));
-}
-
-bool viaStored(const LfibStatus& s, const LfibViaKey& k) {
-  switch (k.viaType()) {
-    case viaTypeMplsIp:
-      return s.mplsVia(k).key() == k;
-    case viaTypeMplsPseudowire:
-      return s.pwVia(k).key() == k;
-    case viaTypeIpLookup:
-      return s.ipLookupVia(k).key() == k;
-    case viaTypeVlan:
-      return s.vlanVia(k).key() == k;
-    case viaTypeEvpnVlanAware:
-      return s.evpnVlanAwareVia(k).key() == k;
-    case viaTypeEvpnEthernetSegment:
-      return s.evpnEthernetSegmentFilterVia(k).key() == k;
-    case viaTypeEvpnVlanFlood:
-      return s.evpnVlanFloodVia(k).key() == k;
-    case viaTypeEvpnVlanAwareFlood:
-      return s.evpnVlanAwareFloodVia(k).key() == k;
-    case viaTypeExternalFec:
-      return s.extFecVia(k).key() == k;
-    default:
-      return false;
-  }
 }
 
 }  // namespace Mplsctl

@@ -61,7 +61,7 @@ struct ViaView {
 ViaView viaView(const LfibStatus& lfib, const LfibViaKey& key) {
   ViaView v;
   v.key = key;
-  v.found = viaStored(lfib, key);
+  v.found = lfibViaStored(lfib, key);
   v.json = {{"key", viaKeyText(key)}, {"type", viaTypeName(key.viaType())}};
   if (!v.found) {
     v.action = "(missing)";
