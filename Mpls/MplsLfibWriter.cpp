@@ -40,7 +40,7 @@ namespace {
 
 Kel::TraceFacility trace("MplsLfibWriter");
 
-// The via types the writer programs, and whether their vias carry a weight.
+// Whether vias of row type V carry a weight (of those the writer programs, MPLS vias do).
 template <class V>
 constexpr bool kWeighted = requires(const V& v) { v.weight(); };
 
@@ -70,8 +70,12 @@ struct OldVia {
   uint32_t slot = 0;
 };
 
+struct ViaScratchBase {
+  virtual ~ViaScratchBase() = default;
+};
+
 template <class V>
-struct ViaScratch {
+struct ViaScratch : ViaScratchBase {
   std::vector<WeightedVia<V>> vias;
   std::vector<OldVia<V>> oldVias;
 };
@@ -85,25 +89,15 @@ struct LfibWriter::Scratch {
   // The slots of oldViaSet whose key the new via set keeps.
   std::bitset<LfibViaKeyArray::capacity> reusedSlots;
   // The working lists of each via type the writer programs, made on first use.
-  struct PerType {
-    void* lists = nullptr;
-    void (*drop)(void*) = nullptr;
-    ~PerType() {
-      if (lists) {
-        drop(lists);
-      }
-    }
-  };
-  PerType perType[viaTypeMax + 1];
+  std::unique_ptr<ViaScratchBase> perType[viaTypeMax + 1];
 
   template <class V>
   ViaScratch<V>& of() {
-    PerType& slot = perType[LfibViaOf<V>::viaType];
-    if (!slot.lists) {
-      slot.lists = new ViaScratch<V>();
-      slot.drop = [](void* p) { delete static_cast<ViaScratch<V>*>(p); };
+    std::unique_ptr<ViaScratchBase>& lists = perType[LfibViaOf<V>::viaType];
+    if (!lists) {
+      lists = std::make_unique<ViaScratch<V>>();
     }
-    return *static_cast<ViaScratch<V>*>(slot.lists);
+    return static_cast<ViaScratch<V>&>(*lists);
   }
 };
 

@@ -353,8 +353,9 @@ TEST_F(Mplsctl, CheckReportsWhatIsMissing) {
   EXPECT_EQ(r.out,
             "route 100: via set static/1/mplsIp/ecmp is missing\n"
             "via set static/2/mplsIp/ecmp: via static/mplsIp/7 is missing\n"
+            "via set static/2/mplsIp/ecmp is used by no route\n"
             "via static/mplsIp/9 is used by no via set\n");
-  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' is inconsistent: 3 problems\n");
+  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' is inconsistent: 4 problems\n");
   // show marks what is missing rather than failing.
   const Result show = ctl({"show", "--json"});
   EXPECT_EQ(show.status, 0) << show.err;
