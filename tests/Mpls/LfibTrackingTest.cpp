@@ -14,10 +14,10 @@
 
 #include <fmt/format.h>
 
+#include "Kel/ChildProcess.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "platform/Pond/PondTestTypes.h"
-#include "support/ChildProcess.h"
 
 namespace {
 
@@ -462,7 +462,7 @@ std::string readerView(const LfibTrackingStatus& t, const LfibIpLookupStatus& ip
 // LFIB in every mode and derives the IP-lookup table. Asked, it processes every change so
 // far, answers with its view and works its backlogs off. It looks at the group only when
 // asked, so that the writer's first rows are there before the tables open.
-int trackingReaderProcess(const std::string& name, TestSupport::Channel& channel) {
+int trackingReaderProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
   auto group = Pond::MountGroup::reader(name);
   auto lfib = lfibStatusFactory();
   lfib->mountGroupIs(group);
@@ -502,8 +502,8 @@ std::map<uint32_t, uint32_t> versionsIn(const std::string& view) {
 // derives the writer's IP-lookup triples; rows written before its tables opened included.
 TEST(LfibTrackingSm, AReaderProcessTracksTheWritersLfib) {
   ScopedGroupName name("trackingXproc");
-  TestSupport::ChildProcess reader(
-      [&](TestSupport::Channel& channel) { return trackingReaderProcess(*name, channel); });
+  Kel::ChildProcess reader(
+      [&](Kel::ChildProcess::Channel& channel) { return trackingReaderProcess(*name, channel); });
   std::string line;
   ASSERT_TRUE(reader.awaitReply(std::chrono::seconds(10), &line));
   ASSERT_EQ(line, "mounted");
