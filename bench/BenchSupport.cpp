@@ -1,16 +1,15 @@
 #include "BenchSupport.h"
 
-#include <fcntl.h>
-#include <poll.h>
+#include <absl/strings/escaping.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <optional>
 #include <random>
+#include <system_error>
 
 namespace Bench {
 
@@ -85,185 +84,84 @@ double clockPairNs() {
 
 // ---------------------------------------------------------------------------------------
 
-namespace {
-// The parent's ends of every live child's pipes: a new child closes them, so that a child
-// sees the end of its requests when the parent closes its pipe, whoever was forked since.
-std::vector<int> gParentEnds;
-
-void closeParentEnd(int& fd) {
-  if (fd >= 0) {
-    std::erase(gParentEnds, fd);
-    ::close(fd);
-    fd = -1;
-  }
-}
-}  // namespace
-
 Child::Child(std::string what, const Body& body) : what_(std::move(what)) {
-  int up[2];
-  int down[2];
-  if (::pipe2(up, O_CLOEXEC) != 0 || ::pipe2(down, O_CLOEXEC) != 0) {
-    throw std::runtime_error(what_ + ": pipe: " + std::strerror(errno));
+  try {
+    process_ = std::make_unique<Kel::ChildProcess>([&](Kel::ChildProcess::Channel& channel) {
+      channel_ = &channel;
+      try {
+        send(body(*this));
+        return 0;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "PondBench: %s: %s\n", what_.c_str(), e.what());
+        return 1;
+      }
+    });
+  } catch (const std::system_error& e) {
+    throw std::runtime_error(what_ + ": " + e.what());
   }
-  std::fflush(nullptr);
-  pid_t parent = ::getpid();
-  pid_ = ::fork();
-  if (pid_ < 0) {
-    throw std::runtime_error(what_ + ": fork: " + std::strerror(errno));
-  }
-  if (pid_ == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // a child never outlives the benchmark
-    if (::getppid() != parent) {
-      ::_exit(1);
-    }
-    for (int fd : gParentEnds) {
-      ::close(fd);
-    }
-    gParentEnds.clear();
-    ::close(up[0]);
-    ::close(down[1]);
-    upFd_ = up[1];
-    downFd_ = down[0];
-    int status = 1;
-    try {
-      std::string bytes = body(*this);
-      send(bytes.data(), bytes.size());
-      status = 0;
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "PondBench: %s: %s\n", what_.c_str(), e.what());
-    }
-    std::fflush(nullptr);
-    ::_exit(status);
-  }
-  ::close(up[1]);
-  ::close(down[0]);
-  upFd_ = up[0];
-  downFd_ = down[1];
-  gParentEnds.push_back(upFd_);
-  gParentEnds.push_back(downFd_);
 }
 
-Child::~Child() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    int status;
-    ::waitpid(pid_, &status, 0);
-  }
-  closeParentEnd(upFd_);
-  closeParentEnd(downFd_);
-}
+Child::~Child() { process_->kill(); }
 
-void Child::ready() { send("r", 1); }
+void Child::ready() { send("ready"); }
 
-void Child::send(const void* data, size_t n) {
-  size_t done = 0;
-  while (done < n) {
-    ssize_t r = ::write(upFd_, static_cast<const char*>(data) + done, n - done);
-    if (r < 0 && errno == EINTR) {
-      continue;
-    }
-    if (r <= 0) {
-      throw std::runtime_error(std::string("cannot write to the parent: ") + std::strerror(errno));
-    }
-    done += size_t(r);
+void Child::send(const std::string& bytes) {
+  if (!channel_->reply(absl::BytesToHexString(bytes))) {
+    throw std::runtime_error("cannot write to the parent: the channel is closed");
   }
 }
 
 bool Child::nextRequest() {
-  char c;
-  ssize_t r;
-  do {
-    r = ::read(downFd_, &c, 1);
-  } while (r < 0 && errno == EINTR);
-  return r == 1;
-}
-
-void Child::request() {
-  if (::write(downFd_, "g", 1) != 1) {
-    failed(std::string("cannot send it a request: ") + std::strerror(errno));
+  for (;;) {
+    std::optional<std::string> request = channel_->request(std::chrono::seconds(1));
+    if (!request) {
+      return false;
+    }
+    if (!request->empty()) {
+      return true;
+    }
   }
 }
 
+std::string Child::askBytes(std::chrono::seconds timeout) {
+  const std::string line = process_->ask("next", timeout);
+  if (line == "<no answer>") {
+    failed("no answer after " + std::to_string(timeout.count()) + " s");
+  }
+  if (line == "<gone>") {
+    failed("ended without an answer");
+  }
+  return absl::HexStringToBytes(line);
+}
+
+std::string Child::awaitBytes(std::chrono::seconds timeout) {
+  std::string line;
+  if (!process_->awaitReply(timeout, &line)) {
+    failed("no answer after " + std::to_string(timeout.count()) + " s, or ended without one");
+  }
+  return absl::HexStringToBytes(line);
+}
+
 void Child::waitReady(std::chrono::seconds timeout) {
-  std::string r = readBytes(1, timeout);
-  if (r != "r") {
+  if (awaitBytes(timeout) != "ready") {
     failed("sent something else than 'ready'");
   }
 }
 
 void Child::finish(std::chrono::seconds timeout) {
-  closeParentEnd(downFd_);
-  std::string status = reap(timeout);
-  if (!status.empty()) {
-    failed(status);
+  if (process_->wait(timeout) != 0) {
+    failed("did not end well");
   }
-}
-
-std::string Child::readBytes(size_t want, std::chrono::seconds timeout) {
-  std::string bytes(want, '\0');
-  size_t got = 0;
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (got < want) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      failed("no answer after " + std::to_string(timeout.count()) + " s");
-    }
-    pollfd p{upFd_, POLLIN, 0};
-    int n = ::poll(&p, 1, int(left.count()));
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n < 0) {
-      failed(std::string("poll: ") + std::strerror(errno));
-    }
-    if (n == 0) {
-      continue;
-    }
-    ssize_t r = ::read(upFd_, bytes.data() + got, want - got);
-    if (r < 0 && errno == EINTR) {
-      continue;
-    }
-    if (r <= 0) {
-      failed("ended without an answer");
-    }
-    got += size_t(r);
-  }
-  return bytes;
-}
-
-// Empty when the child exited with status 0; otherwise what became of it.
-std::string Child::reap(std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  int status = 0;
-  pid_t r;
-  while ((r = ::waitpid(pid_, &status, WNOHANG)) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, &status, 0);
-      pid_ = -1;
-      return "did not exit in time and was killed";
-    }
-    ::usleep(1000);
-  }
-  pid_ = -1;
-  if (r < 0) {
-    return std::string("waitpid: ") + std::strerror(errno);
-  }
-  if (WIFEXITED(status)) {
-    return WEXITSTATUS(status) == 0 ? ""
-                                    : "exited with status " + std::to_string(WEXITSTATUS(status));
-  }
-  return std::string("was killed by signal ") + std::to_string(WTERMSIG(status)) + " (" +
-         ::strsignal(WTERMSIG(status)) + ")";
 }
 
 void Child::failed(const std::string& why) {
-  std::string status;
-  if (pid_ > 0) {
-    status = reap(std::chrono::milliseconds(200));
-  }
-  throw std::runtime_error(what_ + ": " + why + (status.empty() ? "" : "; the child " + status));
+  const int status = process_->wait(std::chrono::milliseconds(200));
+  std::string fate = status == 0    ? "exited with status 0"
+                     : status < 0   ? "did not exit in time and was killed"
+                     : status > 128 ? "was killed by signal " + std::to_string(status - 128) +
+                                          " (" + ::strsignal(status - 128) + ")"
+                                    : "exited with status " + std::to_string(status);
+  throw std::runtime_error(what_ + ": " + why + "; the child " + fate);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -5,8 +5,6 @@
 // Single-threaded: the benchmark runs one store at a time; readers run in forked children.
 #pragma once
 
-#include <sys/types.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -14,11 +12,13 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
 #include "Kel/Value.h"
 
 namespace Bench {
@@ -147,12 +147,13 @@ double clockPairNs();
 // ---------------------------------------------------------------------------------------
 // Child processes.
 
-// A forked child running `body`. The child tells the parent it is ready, answers its
-// requests, and its body's returned bytes go to the parent when it ends. Every wait of the
-// parent is bounded; a child that dies, fails or overstays is reported as a
-// std::runtime_error naming it, and killed. Children die with the parent, never return
-// into main (they _exit, with status 1 after printing their exception to stderr), and
-// leave the parent's shared-memory names alone.
+// A forked child running `body`, on Kel::ChildProcess. The child tells the parent it is
+// ready, answers its requests, and its body's returned bytes go to the parent when it
+// ends; answers and results travel as hex lines. Every wait of the parent is bounded; a
+// child that dies, fails or overstays is reported as a std::runtime_error naming it, and
+// killed. Children die with the parent, never return into main (they _exit, with status 1
+// after printing their exception to stderr), and leave the parent's shared-memory names
+// alone.
 class Child {
  public:
   using Body = std::function<std::string(Child&)>;
@@ -168,7 +169,7 @@ class Child {
   template <class T>
   void answer(const T& t) {
     static_assert(std::is_trivially_copyable_v<T>);
-    send(&t, sizeof(T));
+    send(std::string(reinterpret_cast<const char*>(&t), sizeof(T)));
   }
 
   // Parent side.
@@ -176,13 +177,12 @@ class Child {
   // Sends a request and waits for the child's answer.
   template <class T>
   T ask(std::chrono::seconds timeout) {
-    request();
-    return read<T>(timeout);
+    return decode<T>(askBytes(timeout));
   }
   // Waits for the bytes the body returned, and for the child to exit with status 0.
   template <class T>
   T result(std::chrono::seconds timeout) {
-    T t = read<T>(timeout);
+    T t = decode<T>(awaitBytes(timeout));
     finish(std::chrono::seconds(10));
     return t;
   }
@@ -191,23 +191,24 @@ class Child {
 
  private:
   template <class T>
-  T read(std::chrono::seconds timeout) {
+  T decode(const std::string& bytes) {
     static_assert(std::is_trivially_copyable_v<T>);
-    std::string bytes = readBytes(sizeof(T), timeout);
+    if (bytes.size() != sizeof(T)) {
+      failed("answered " + std::to_string(bytes.size()) + " bytes, expected " +
+             std::to_string(sizeof(T)));
+    }
     T t;
     std::memcpy(&t, bytes.data(), sizeof(T));
     return t;
   }
-  void send(const void* data, size_t n);
-  void request();
-  std::string readBytes(size_t n, std::chrono::seconds timeout);
+  void send(const std::string& bytes);
+  std::string askBytes(std::chrono::seconds timeout);
+  std::string awaitBytes(std::chrono::seconds timeout);
   [[noreturn]] void failed(const std::string& why);
-  std::string reap(std::chrono::milliseconds timeout);
 
   std::string what_;
-  pid_t pid_ = -1;
-  int upFd_ = -1;    // child to parent: 'r' for ready, answers, the body's bytes
-  int downFd_ = -1;  // parent to child: one byte per request
+  std::unique_ptr<Kel::ChildProcess> process_;
+  Kel::ChildProcess::Channel* channel_ = nullptr;  // in the child only
 };
 
 // ---------------------------------------------------------------------------------------

@@ -12,6 +12,8 @@
 // figure is the median rate, and a note lists every run.
 #include <unistd.h>
 
+#include <absl/strings/str_cat.h>
+#include <absl/strings/str_join.h>
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -311,11 +313,10 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   std::printf("\n");  // after the console report's last colour code
   for (const auto& [name, runs] : rates()) {
-    std::string each;
-    for (double r : runs) {
-      each += " " + std::to_string(static_cast<uint64_t>(r));
-    }
-    std::printf("# %s runs:%s routes/s\n", name.c_str(), each.c_str());
+    const std::string each = absl::StrJoin(runs, " ", [](std::string* out, double r) {
+      absl::StrAppend(out, static_cast<uint64_t>(r));
+    });
+    std::printf("# %s runs: %s routes/s\n", name.c_str(), each.c_str());
     std::printf("figure %s %.0f routes/s\n", name.c_str(), median(runs));
   }
   return reporter.failed ? 1 : 0;

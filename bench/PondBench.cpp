@@ -11,6 +11,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <absl/strings/str_cat.h>
+#include <absl/strings/str_join.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -400,9 +403,9 @@ int run() {
   std::string spread = "P2 rates of the " + std::to_string(kLookupRounds) + " rounds (lookups/s):";
   for (size_t i = 0; i < stores.size(); ++i) {
     spread += (i ? "; " : " ") + (stores[i]->name().empty() ? "pond" : stores[i]->name());
-    for (const LookupFigures& f : rounds[i]) {
-      spread += " " + std::to_string(uint64_t(f.rate));
-    }
+    spread += " " + absl::StrJoin(rounds[i], " ", [](std::string* out, const LookupFigures& f) {
+      absl::StrAppend(out, uint64_t(f.rate));
+    });
   }
   note(spread);
   for (size_t i = 1; i < stores.size(); ++i) {

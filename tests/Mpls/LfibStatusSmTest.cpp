@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
 #include "Mpls/LfibStatusSm.h"
 #include "platform/Pond/PondTestTypes.h"
-#include "support/ChildProcess.h"
 
 namespace {
 
@@ -249,7 +249,7 @@ TEST(LfibStatusConsumerSmDeathTest, RefusesAnLfibStatusWithMapsAlready) {
 // A reading process of its own: it mounts the group as a reader, rebuilds the maps with a
 // consumer and follows the writer; asked, it answers with the maps it holds once it has
 // processed every change so far.
-int readerProcess(const std::string& name, TestSupport::Channel& channel) {
+int readerProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
   auto group = Pond::MountGroup::reader(name);
   auto status = lfibStatusFactory();
   status->mountGroupIs(group);
@@ -277,8 +277,8 @@ int readerProcess(const std::string& name, TestSupport::Channel& channel) {
 TEST(LfibStatusSm, AReaderProcessHoldsTheWritersPublishedMaps) {
   ScopedGroupName name("xproc");
   // Before any thread, and before the writer exists.
-  TestSupport::ChildProcess reader(
-      [&](TestSupport::Channel& channel) { return readerProcess(*name, channel); });
+  Kel::ChildProcess reader(
+      [&](Kel::ChildProcess::Channel& channel) { return readerProcess(*name, channel); });
   auto agent = std::make_unique<WriterAgent>(*name);
   agent->start();
   struct Step {

@@ -12,12 +12,13 @@
 #include <utility>
 #include <vector>
 
+#include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
+#include "Kel/ChildProcess.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "platform/Pond/PondTestTypes.h"
-#include "support/ChildProcess.h"
 
 namespace {
 
@@ -65,11 +66,6 @@ struct WriterLfib {
   LfibStatus::Ptr status;
 };
 
-template <class Range>
-std::string joined(const Range& items) {
-  return fmt::format("{}", fmt::join(items, " "));
-}
-
 // "<label>:<version> ..." by label.
 std::string versionsOf(const LfibTrackingStatus& t) {
   std::map<uint32_t, uint32_t> versions;
@@ -80,7 +76,7 @@ std::string versionsOf(const LfibTrackingStatus& t) {
   for (const auto& [label, version] : versions) {
     out.push_back(fmt::format("{}:{}", label, version));
   }
-  return joined(out);
+  return absl::StrJoin(out, " ");
 }
 
 uint32_t numberOf(const RouteKey& k) { return k.topLabel().value(); }
@@ -93,7 +89,7 @@ std::string numbers(const Range& keys) {
   for (const auto& k : keys) {
     out.insert(numberOf(k));
   }
-  return joined(out);
+  return absl::StrJoin(out, " ");
 }
 
 // "v{<versions>} r{<route backlog>} s{<via-set backlog>}".
@@ -106,9 +102,9 @@ std::string stateOf(const LfibTrackingStatus& t) {
 std::string setsText(const std::map<uint32_t, std::set<uint32_t>>& sets) {
   std::vector<std::string> out;
   for (const auto& [index, members] : sets) {
-    out.push_back(fmt::format("{}{{{}}}", index, joined(members)));
+    out.push_back(fmt::format("{}{{{}}}", index, absl::StrJoin(members, " ")));
   }
-  return joined(out);
+  return absl::StrJoin(out, " ");
 }
 
 // viaSetKeyToRouteKeySet: "<via-set index>{<labels>} ...".
@@ -292,7 +288,7 @@ void expectExactIndexes(const LfibTrackingSm& sm, const LfibTrackingStatus& t,
   });
   EXPECT_EQ(routeSetsOf(t), setsText(routeSets));
   s.mplsViaForEach([&](const LfibMplsVia& via) {
-    EXPECT_EQ(viaSetsOf(sm, via.key()), joined(viaSets[via.key().index()])) << via.key();
+    EXPECT_EQ(viaSetsOf(sm, via.key()), absl::StrJoin(viaSets[via.key().index()], " ")) << via.key();
   });
   for (const auto& [key, version] : t.routeVersionIter()) {
     versioned.insert(key.topLabel().value());
@@ -455,14 +451,14 @@ std::string readerView(const LfibTrackingStatus& t, const LfibIpLookupStatus& ip
                                x.payloadType()));
   }
   return versionsOf(t) + "|" + numbers(t.routeKeyBacklogIter()) + "|" +
-         numbers(t.viaSetKeyBacklogIter()) + "|" + joined(triples);
+         numbers(t.viaSetKeyBacklogIter()) + "|" + absl::StrJoin(triples, " ");
 }
 
 // A forwarding agent of its own: it mounts the group before the writer exists, tracks the
 // LFIB in every mode and derives the IP-lookup table. Asked, it processes every change so
 // far, answers with its view and works its backlogs off. It looks at the group only when
 // asked, so that the writer's first rows are there before the tables open.
-int trackingReaderProcess(const std::string& name, TestSupport::Channel& channel) {
+int trackingReaderProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
   auto group = Pond::MountGroup::reader(name);
   auto lfib = lfibStatusFactory();
   lfib->mountGroupIs(group);
@@ -502,8 +498,8 @@ std::map<uint32_t, uint32_t> versionsIn(const std::string& view) {
 // derives the writer's IP-lookup triples; rows written before its tables opened included.
 TEST(LfibTrackingSm, AReaderProcessTracksTheWritersLfib) {
   ScopedGroupName name("trackingXproc");
-  TestSupport::ChildProcess reader(
-      [&](TestSupport::Channel& channel) { return trackingReaderProcess(*name, channel); });
+  Kel::ChildProcess reader(
+      [&](Kel::ChildProcess::Channel& channel) { return trackingReaderProcess(*name, channel); });
   std::string line;
   ASSERT_TRUE(reader.awaitReply(std::chrono::seconds(10), &line));
   ASSERT_EQ(line, "mounted");

@@ -17,10 +17,10 @@
 #include <utility>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
 #include "Kel/Trace.h"
 #include "Mpls/MplsLfibWriter.h"
 #include "platform/Pond/PondTestTypes.h"
-#include "support/ChildProcess.h"
 
 namespace {
 
@@ -550,7 +550,7 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
 
 // Checks every change it hears of; asked, it processes what is left and answers
 // "<violations> <checked> <first violation>".
-int checkerProcess(const std::string& name, TestSupport::Channel& channel) {
+int checkerProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
   auto group = Pond::MountGroup::reader(name);
   auto status = lfibStatusFactory();
   status->mountGroupIs(group);
@@ -575,8 +575,8 @@ int checkerProcess(const std::string& name, TestSupport::Channel& channel) {
 
 TEST(LfibWriter, AReaderProcessNeverFindsAMissingViaSetOrVia) {
   ScopedGroupName name("writerOrder");
-  TestSupport::ChildProcess checker(
-      [&](TestSupport::Channel& channel) { return checkerProcess(*name, channel); });
+  Kel::ChildProcess checker(
+      [&](Kel::ChildProcess::Channel& channel) { return checkerProcess(*name, channel); });
   WriterLfib lfib(*name);
   InvariantChecker local(lfib.status);
   std::mt19937 rng(20240611);

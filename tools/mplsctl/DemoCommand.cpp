@@ -8,23 +8,25 @@
 // write), rewrites and deletes some, and after each step asks the reader over a pipe for
 // what it sees until that agrees with the LFIB. Every wait is bounded; the segments are
 // removed at the end, also on failure.
-#include <fcntl.h>
+#include <absl/strings/str_join.h>
+#include <absl/strings/str_split.h>
 #include <fmt/format.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <map>
+#include <memory>
 #include <optional>
+#include <ranges>
 #include <set>
+#include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
 #include "Kel/EventLoop.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibL2EvpnSm.h"
@@ -58,24 +60,6 @@ constexpr const char* kRewrites =
 constexpr uint32_t kEvpnLabel = 300;
 constexpr auto kConvergeWithin = std::chrono::seconds(5);
 
-std::string joined(const std::set<std::string>& items) {
-  std::string out;
-  for (const std::string& item : items) {
-    out += (out.empty() ? "" : " ") + item;
-  }
-  return out;
-}
-
-std::vector<std::string> split(const std::string& text, char sep) {
-  std::vector<std::string> out;
-  size_t pos = 0;
-  for (size_t end; (end = text.find(sep, pos)) != std::string::npos; pos = end + 1) {
-    out.push_back(text.substr(pos, end - pos));
-  }
-  out.push_back(text.substr(pos));
-  return out;
-}
-
 // Orders "label:rest" items by label, numerically.
 struct ByLabel {
   bool operator()(const std::string& a, const std::string& b) const {
@@ -85,77 +69,7 @@ struct ByLabel {
 };
 using Items = std::set<std::string, ByLabel>;
 
-std::string joined(const Items& items) {
-  return joined(std::set<std::string>(items.begin(), items.end()));
-}
-
-bool writeLine(int fd, const std::string& line) {
-  const std::string text = line + "\n";
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n <= 0) {
-      return false;
-    }
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Lines from a pipe, each wait bounded.
-class LineReader {
- public:
-  explicit LineReader(int fd) : fd_(fd) {}
-  // The next line, without its newline; nullopt at end of file or when `deadline` passes.
-  std::optional<std::string> next(Clock::time_point deadline) {
-    for (;;) {
-      if (std::optional<std::string> line = take()) {
-        return line;
-      }
-      const auto left =
-          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (left <= 0) {
-        return std::nullopt;
-      }
-      pollfd p = {fd_, POLLIN, 0};
-      if (poll(&p, 1, static_cast<int>(left)) <= 0) {
-        continue;
-      }
-      if (!fill()) {
-        return std::nullopt;
-      }
-    }
-  }
-  // Reads what is there; false at end of file or on an error.
-  bool fill() {
-    char buf[4096];
-    ssize_t n;
-    do {
-      n = read(fd_, buf, sizeof buf);
-    } while (n < 0 && errno == EINTR);
-    if (n <= 0) {
-      return false;
-    }
-    buf_.append(buf, static_cast<size_t>(n));
-    return true;
-  }
-  std::optional<std::string> take() {
-    const size_t nl = buf_.find('\n');
-    if (nl == std::string::npos) {
-      return std::nullopt;
-    }
-    std::string line = buf_.substr(0, nl);
-    buf_.erase(0, nl + 1);
-    return line;
-  }
-
- private:
-  int fd_;
-  std::string buf_;
-};
+std::string joined(const Items& items) { return absl::StrJoin(items, " "); }
 
 // ---------------------------------------------------------------------------------------
 // The reading process.
@@ -177,9 +91,9 @@ std::string readerView(const LfibTrackingStatus& tracking, const LfibIpLookupSta
   return fmt::format("{}|{}|{}|{}", joined(versions), joined(lookups), joined(evpn), changes);
 }
 
-// Answers "view" with readerView() and ends at "quit" or when the pipe closes; at most
-// 60 s in all.
-int readerProcess(const std::string& name, int requests, int replies) {
+// Answers "view" with readerView() until the parent closes the channel; at most 60 s in
+// all. Returns the process's exit status.
+int readerProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
   Kel::EventLoop loop;  // outlives the mount group
   const Kel::Ptr<Pond::MountGroup> group = Pond::MountGroup::reader(name);
   LfibStatus::Ptr lfib = lfibStatusFactory();
@@ -202,25 +116,18 @@ int readerProcess(const std::string& name, int requests, int replies) {
     tracking->routeKeyBacklogDelAll();
   });
   bool quit = false;
-  LineReader in(requests);
-  loop.fdIs(requests, EPOLLIN, [&](uint32_t) {
-    if (!in.fill()) {
-      quit = true;
-      return;
-    }
-    while (std::optional<std::string> line = in.take()) {
+  loop.fdIs(channel.requestFd(), EPOLLIN, [&](uint32_t) {
+    std::optional<std::string> line;
+    while ((line = channel.request(std::chrono::milliseconds(0))) && !line->empty()) {
       if (*line == "view") {
         const uint64_t pending = tracking->routeKeyBacklogs();
-        if (!writeLine(replies, readerView(*tracking, *ipLookup, *l2Evpn, changes + pending))) {
-          quit = true;
-        }
-      } else if (*line == "quit") {
-        quit = true;
+        quit = quit || !channel.reply(readerView(*tracking, *ipLookup, *l2Evpn, changes + pending));
       }
     }
+    quit = quit || !line;
   });
   loop.runUntil([&] { return quit; }, std::chrono::seconds(60));
-  loop.fdDel(requests);
+  loop.fdDel(channel.requestFd());
   group->loopIs(nullptr);
   return quit ? 0 : 1;
 }
@@ -247,11 +154,7 @@ struct View {
   uint64_t changes = 0;
 
   std::string labels() const {
-    std::string out;
-    for (const auto& [label, version] : versions) {
-      out += (out.empty() ? "" : " ") + std::to_string(label);
-    }
-    return out;
+    return fmt::format("{}", fmt::join(std::views::keys(versions), " "));
   }
   bool agrees(const View& other) const {
     return labels() == other.labels() && lookups == other.lookups && evpn == other.evpn;
@@ -263,25 +166,22 @@ struct View {
 };
 
 View parseView(const std::string& line) {
-  const std::vector<std::string> fields = split(line, '|');
+  const std::vector<std::string> fields = absl::StrSplit(line, '|');
   if (fields.size() != 4) {
     throw CommandError(fmt::format("demo: the reader answered '{}'", line));
   }
+  auto items = [](const std::string& field) -> std::vector<std::string> {
+    return absl::StrSplit(field, ' ', absl::SkipEmpty());
+  };
   View v;
-  for (const std::string& item : split(fields[0], ' ')) {
-    if (!item.empty()) {
-      v.versions[std::stoul(item)] = std::stoul(item.substr(item.find(':') + 1));
-    }
+  for (const std::string& item : items(fields[0])) {
+    v.versions[std::stoul(item)] = std::stoul(item.substr(item.find(':') + 1));
   }
-  for (const std::string& item : split(fields[1], ' ')) {
-    if (!item.empty()) {
-      v.lookups.insert(item);
-    }
+  for (const std::string& item : items(fields[1])) {
+    v.lookups.insert(item);
   }
-  for (const std::string& item : split(fields[2], ' ')) {
-    if (!item.empty()) {
-      v.evpn.insert(item);
-    }
+  for (const std::string& item : items(fields[2])) {
+    v.evpn.insert(item);
   }
   v.changes = std::stoull(fields[3]);
   return v;
@@ -312,41 +212,41 @@ View expectedView(const LfibStatus& lfib) {
   return v;
 }
 
-// The reading process and the LFIB's segments, ended and removed however the demo ends.
-struct Reader {
-  pid_t pid = -1;
-  int requests = -1;  // our end
-  int replies = -1;   // our end
-  std::string lfib;
+void printReaderView(const View& v) {
+  const std::string versions =
+      absl::StrJoin(v.versions, " ", [](std::string* out, const auto& labelVersion) {
+        out->append(fmt::format("{}:v{}", labelVersion.first, labelVersion.second));
+      });
+  std::printf("  reader tracking: %s\n", versions.c_str());
+  std::printf("  reader IP-lookup table: %s\n", joined(v.lookups).c_str());
+  std::printf("  reader L2 EVPN table: %s\n", joined(v.evpn).c_str());
+}
 
-  ~Reader() {
-    if (requests >= 0) {
-      close(requests);
-    }
-    if (replies >= 0) {
-      close(replies);
-    }
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    Pond::MountGroup::removeSegments(lfib);
-  }
+// The demo's LFIB and the process that follows it, both gone however the demo ends: the
+// reader is killed unless it has ended, then the LFIB's segments are removed.
+class Demo {
+ public:
+  Demo()
+      : lfib_(fmt::format("mplsctl-demo-{}", getpid())),
+        cleared_(lfib_),
+        reader_(startReader(lfib_)) {}
+  ~Demo() { reader_->kill(); }
+
+  const std::string& lfib() const { return lfib_; }
+  pid_t readerPid() const { return reader_->pid(); }
 
   // Asks until the reader's view agrees with `expected`; throws when it does not within
   // kConvergeWithin.
-  View converge(LineReader& in, const View& expected) {
+  View converge(const View& expected) {
     const auto deadline = Clock::now() + kConvergeWithin;
     std::optional<View> last;
     while (Clock::now() < deadline) {
-      if (!writeLine(requests, "view")) {
+      const std::string line = reader_->ask(
+          "view", std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()));
+      if (line == "<no answer>" || line == "<gone>") {
         break;
       }
-      const std::optional<std::string> line = in.next(deadline);
-      if (!line) {
-        break;
-      }
-      last = parseView(*line);
+      last = parseView(line);
       if (last->agrees(expected)) {
         return *last;
       }
@@ -357,138 +257,125 @@ struct Reader {
         kConvergeWithin.count(), last ? last->text() : "nothing (no answer)", expected.text()));
   }
 
-  // Asks the reader to end and waits (bounded) for its exit status.
-  int finish() {
-    writeLine(requests, "quit");
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    int status = 0;
-    while (Clock::now() < deadline) {
-      const pid_t done = waitpid(pid, &status, WNOHANG);
-      if (done == pid) {
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  // Ends the reader (bounded) and throws unless it ended well.
+  void finishReader() {
+    const int status = reader_->wait(std::chrono::seconds(5));
+    if (status != 0) {
+      throw CommandError(fmt::format("demo: the reader process ended with status {}", status));
     }
-    return -1;
   }
+
+ private:
+  // Removes the LFIB's segments when it is made and when it goes.
+  struct Segments {
+    explicit Segments(const std::string& lfib) : lfib(lfib) {
+      Pond::MountGroup::removeSegments(lfib);
+    }
+    ~Segments() { Pond::MountGroup::removeSegments(lfib); }
+    const std::string& lfib;
+  };
+
+  static std::unique_ptr<Kel::ChildProcess> startReader(const std::string& lfib) {
+    try {
+      return std::make_unique<Kel::ChildProcess>([&lfib](Kel::ChildProcess::Channel& channel) {
+        try {
+          return readerProcess(lfib, channel);
+        } catch (const std::exception& e) {
+          std::fprintf(stderr, "mplsctl: demo reader: %s\n", e.what());
+          return 1;
+        }
+      });
+    } catch (const std::system_error& e) {
+      throw CommandError(fmt::format("demo: {}", e.what()));
+    }
+  }
+
+  std::string lfib_;
+  Segments cleared_;
+  std::unique_ptr<Kel::ChildProcess> reader_;
 };
 
-void printReaderView(const View& v) {
-  std::string versions;
-  for (const auto& [label, version] : v.versions) {
-    versions += fmt::format("{}{}:v{}", versions.empty() ? "" : " ", label, version);
+// What the writing side has done, for the closing line.
+struct Counts {
+  uint64_t written = 0;
+  uint64_t deleted = 0;
+};
+
+// Scene 1: the routes of examples/routes.txt and an EVPN route, followed by the reader.
+View writeRoutes(Demo& demo, LfibStatus& lfib, LfibWriter& writer, Pond::MountGroup& group,
+                 Counts& counts) {
+  const std::vector<ParsedRoute> routes = parseRouteFile(kRoutes, "demo routes");
+  for (const ParsedRoute& r : routes) {
+    writer.lfibRouteIs(r.route);
   }
-  std::printf("  reader tracking: %s\n", versions.c_str());
-  std::printf("  reader IP-lookup table: %s\n", joined(v.lookups).c_str());
-  std::printf("  reader L2 EVPN table: %s\n", joined(v.evpn).c_str());
+  evpnRouteIs(lfib, kEvpnLabel, 10);
+  group.publish();
+  counts.written += routes.size() + 1;
+  std::printf(
+      "1. wrote %zu routes through the LFIB writer and EVPN route %u (VLAN 10) into "
+      "the LFIB\n",
+      routes.size(), kEvpnLabel);
+  const View first = demo.converge(expectedView(lfib));
+  printReaderView(first);
+  return first;
+}
+
+// Scene 2: routes rewritten, added and deleted; the reader follows and raises the versions
+// of the rewritten routes above those of scene 1 (`first`).
+View rewriteRoutes(Demo& demo, LfibStatus& lfib, LfibWriter& writer, Pond::MountGroup& group,
+                   Counts& counts, const View& first) {
+  const std::vector<ParsedRoute> rewrites = parseRouteFile(kRewrites, "demo rewrites");
+  for (const ParsedRoute& r : rewrites) {
+    writer.lfibRouteIs(r.route);
+  }
+  evpnRouteIs(lfib, kEvpnLabel, 20);
+  for (uint32_t label : {17u, 103u}) {
+    writer.lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
+  }
+  group.publish();
+  counts.written += rewrites.size() + 1;
+  counts.deleted += 2;
+  std::printf(
+      "2. rewrote 100 (swap 250), 16 (VRF blue) and %u (VLAN 20), added 105, "
+      "deleted 17 and 103\n",
+      kEvpnLabel);
+  const View seen = demo.converge(expectedView(lfib));
+  printReaderView(seen);
+  std::vector<std::string> raised;
+  for (uint32_t label : {100u, 16u, kEvpnLabel}) {
+    const uint32_t before = first.versions.at(label), after = seen.versions.at(label);
+    if (after <= before) {
+      throw CommandError(fmt::format(
+          "demo: the reader did not raise the version of route {} (still {})", label, after));
+    }
+    raised.push_back(fmt::format("{} v{} -> v{}", label, before, after));
+  }
+  std::printf("  versions of the rewritten routes: %s\n", absl::StrJoin(raised, ", ").c_str());
+  return seen;
 }
 
 }  // namespace
 
 int runDemo() {
-  Reader reader;
-  reader.lfib = fmt::format("mplsctl-demo-{}", getpid());
-  Pond::MountGroup::removeSegments(reader.lfib);
-  signal(SIGPIPE, SIG_IGN);  // a reader gone is seen as a failed write
-
-  int toReader[2], fromReader[2];
-  if (pipe2(toReader, O_CLOEXEC) != 0) {
-    throw CommandError(fmt::format("demo: pipe failed: {}", std::strerror(errno)));
-  }
-  if (pipe2(fromReader, O_CLOEXEC) != 0) {
-    const int error = errno;
-    close(toReader[0]);
-    close(toReader[1]);
-    throw CommandError(fmt::format("demo: pipe failed: {}", std::strerror(error)));
-  }
-  std::fflush(stdout);
-  std::fflush(stderr);
-  reader.pid = fork();
-  if (reader.pid == 0) {
-    close(toReader[1]);
-    close(fromReader[0]);
-    int status = 1;
-    try {
-      status = readerProcess(reader.lfib, toReader[0], fromReader[1]);
-    } catch (const std::exception& e) {
-      std::fprintf(stderr, "mplsctl: demo reader: %s\n", e.what());
-    }
-    std::fflush(stdout);
-    std::fflush(stderr);
-    _exit(status);
-  }
-  close(toReader[0]);
-  close(fromReader[1]);
-  reader.requests = toReader[1];
-  reader.replies = fromReader[0];
-  if (reader.pid < 0) {
-    reader.pid = -1;
-    throw CommandError(fmt::format("demo: fork failed: {}", std::strerror(errno)));
-  }
-  LineReader replies(reader.replies);
-
+  Demo demo;
   std::printf("demo: LFIB '%s' in shared memory, followed by reader process %d\n",
-              reader.lfib.c_str(), reader.pid);
-  uint64_t written = 0, deleted = 0;
+              demo.lfib().c_str(), demo.readerPid());
+  Counts counts;
   View seen;
   {
-    const Kel::Ptr<Pond::MountGroup> group = Pond::MountGroup::writer(reader.lfib);
+    const Kel::Ptr<Pond::MountGroup> group = Pond::MountGroup::writer(demo.lfib());
     LfibStatus::Ptr lfib = lfibStatusFactory();
     lfib->mountGroupIs(group);
     LfibWriter::Ptr writer = lfibWriterFactory(lfib);
-
-    const std::vector<ParsedRoute> routes = parseRouteFile(kRoutes, "demo routes");
-    for (const ParsedRoute& r : routes) {
-      writer->lfibRouteIs(r.route);
-    }
-    evpnRouteIs(*lfib, kEvpnLabel, 10);
-    group->publish();
-    written += routes.size() + 1;
-    std::printf(
-        "1. wrote %zu routes through the LFIB writer and EVPN route %u (VLAN 10) into "
-        "the LFIB\n",
-        routes.size(), kEvpnLabel);
-    const View first = reader.converge(replies, expectedView(*lfib));
-    printReaderView(first);
-
-    const std::vector<ParsedRoute> rewrites = parseRouteFile(kRewrites, "demo rewrites");
-    for (const ParsedRoute& r : rewrites) {
-      writer->lfibRouteIs(r.route);
-    }
-    evpnRouteIs(*lfib, kEvpnLabel, 20);
-    for (uint32_t label : {17u, 103u}) {
-      writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
-    }
-    group->publish();
-    written += rewrites.size() + 1;
-    deleted += 2;
-    std::printf(
-        "2. rewrote 100 (swap 250), 16 (VRF blue) and %u (VLAN 20), added 105, "
-        "deleted 17 and 103\n",
-        kEvpnLabel);
-    seen = reader.converge(replies, expectedView(*lfib));
-    printReaderView(seen);
-    std::string raised;
-    for (uint32_t label : {100u, 16u, kEvpnLabel}) {
-      const uint32_t before = first.versions.at(label), after = seen.versions.at(label);
-      if (after <= before) {
-        throw CommandError(fmt::format(
-            "demo: the reader did not raise the version of route {} (still {})", label, after));
-      }
-      raised += fmt::format("{}{} v{} -> v{}", raised.empty() ? "" : ", ", label, before, after);
-    }
-    std::printf("  versions of the rewritten routes: %s\n", raised.c_str());
+    const View first = writeRoutes(demo, *lfib, *writer, *group, counts);
+    seen = rewriteRoutes(demo, *lfib, *writer, *group, counts, first);
   }
-
-  const int status = reader.finish();
-  if (status != 0) {
-    throw CommandError(fmt::format("demo: the reader process ended with status {}", status));
-  }
+  demo.finishReader();
   std::printf(
       "demo: %llu routes written, %llu deleted, reader followed %llu changes, "
       "IP-lookup table %zu entries, L2 EVPN table %zu entries, all consistent\n",
-      static_cast<unsigned long long>(written), static_cast<unsigned long long>(deleted),
+      static_cast<unsigned long long>(counts.written),
+      static_cast<unsigned long long>(counts.deleted),
       static_cast<unsigned long long>(seen.changes), seen.lookups.size(), seen.evpn.size());
   return 0;
 }

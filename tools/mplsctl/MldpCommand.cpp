@@ -1,4 +1,6 @@
 // mplsctl mldp decode: prints the text of an mLDP opaque value given as hex octets.
+#include <absl/strings/str_join.h>
+#include <absl/strings/str_split.h>
 #include <fmt/format.h>
 
 #include <cctype>
@@ -10,29 +12,13 @@
 
 namespace Mplsctl {
 
-namespace {
-
-bool isSeparator(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == ':' || c == '-' || c == ',' ||
-         c == '\\';
-}
-
-}  // namespace
-
 std::string octetsFromHex(std::string_view text) {
   std::string octets;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    if (isSeparator(text[pos])) {
-      ++pos;
-      continue;
-    }
-    size_t end = pos;
-    while (end < text.size() && !isSeparator(text[end])) {
-      ++end;
-    }
-    const std::string_view group = text.substr(pos, end - pos);
-    pos = end;
+  // This Abseil has a string_view of its own.
+  const absl::string_view all(text.data(), text.size());
+  for (const absl::string_view piece :
+       absl::StrSplit(all, absl::ByAnyChar(" \t\n\r:-,\\"), absl::SkipEmpty())) {
+    const std::string_view group(piece.data(), piece.size());
     std::string_view digits = group;
     if (digits.starts_with("0x") || digits.starts_with("0X")) {
       digits.remove_prefix(2);
@@ -66,11 +52,7 @@ std::string octetsFromHex(std::string_view text) {
 }
 
 int runMldpDecode(const MldpDecodeOptions& options) {
-  std::string text;
-  for (const std::string& part : options.hex) {
-    text += text.empty() ? "" : " ";
-    text += part;
-  }
+  const std::string text = absl::StrJoin(options.hex, " ");
   const auto parser = Mpls::mldpOpaqueValTlvParserFactory(octetsFromHex(text));
   const std::string out = parser->getOpaqueString(options.summary, false);
   std::printf("%s\n", out.c_str());

@@ -1,5 +1,6 @@
 #include "tools/mplsctl/RouteFile.h"
 
+#include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
 #include <cerrno>
@@ -180,152 +181,177 @@ struct NextHop {
   }
 };
 
-ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
-  const uint32_t label =
-      p.number("an incoming label", "incoming label", Netbase::MplsLabel::firstUnreserved, Netbase::MplsLabel::max);
-  if (p.atEnd()) {
-    p.expected("'swap', 'push', 'pop' or 'pseudowire'");
-  }
-  const Token action = p.peek();
+// What a route does with its packets: the words after the incoming label.
+struct Action {
   LfibViaType viaType = viaTypeMplsIp;
   Netbase::MplsLabelAction labelAction = Netbase::labelActionPop;
   Netbase::MplsLabelStack stack;
   std::optional<LfibIpLookupVia> lookup;
   std::optional<LfibPwVia> pseudowire;
-  if (action.text == "swap" || action.text == "push") {
-    p.take();
-    labelAction = action.text == "swap" ? Netbase::labelActionSwap : Netbase::labelActionPush;
-    stack = p.labelStack(std::string(action.text));
-  } else if (action.text == "pop") {
-    p.take();
-    if (p.peekIs("lookup")) {
-      p.take();
-      viaType = viaTypeIpLookup;
-      L3::VrfName vrf = L3::VrfName::defaultVrf();
-      const bool vrfGiven = p.peekIs("vrf");
-      if (vrfGiven) {
-        p.take();
-        if (!p.atEnd() && p.peek().text.size() > L3::VrfName::maxLength()) {
-          p.fail(p.peek().column, fmt::format("VRF name '{}' longer than {} bytes", p.peek().text,
-                                              L3::VrfName::maxLength()));
-        }
-        vrf = p.parsed<L3::VrfName>("a VRF name after 'vrf'");
-      }
-      PayloadType payload = payloadTypeIpv4;
-      if (p.peekIs("ipv4")) {
-        payload = payloadTypeIpv4;
-      } else if (p.peekIs("ipv6")) {
-        payload = payloadTypeIpv6;
-      } else if (p.peekIs("auto")) {
-        payload = payloadTypeAutoDecide;
-      } else {
-        p.expected(vrfGiven ? "'ipv4', 'ipv6' or 'auto' after the VRF name"
-                            : "'vrf', 'ipv4', 'ipv6' or 'auto' after 'lookup'");
-      }
-      p.take();
-      lookup = LfibIpLookupVia(LfibViaKey(), vrf, payload);
-    }
-  } else if (action.text == "pseudowire") {
-    p.take();
-    viaType = viaTypeMplsPseudowire;
-    p.keyword("dev", "after 'pseudowire'");
-    pseudowire = LfibPwVia(LfibViaKey(), p.parsed<Netbase::IntfId>("an interface name after 'dev'"));
-  } else {
-    p.expected("'swap', 'push', 'pop' or 'pseudowire'");
-  }
+};
 
+// The rest of the line: the vias (of a swap, push or pop route) and the options.
+struct Options {
   std::map<NextHop, uint32_t> nextHops;
   std::optional<LFib::Source> source;
   std::optional<uint32_t> metric;
   uint32_t metricColumn = 0;
+};
+
+// "[vrf NAME] (ipv4|ipv6|auto)", after "pop lookup".
+LfibIpLookupVia parseLookup(LineParser& p) {
+  L3::VrfName vrf = L3::VrfName::defaultVrf();
+  const bool vrfGiven = p.peekIs("vrf");
+  if (vrfGiven) {
+    p.take();
+    if (!p.atEnd() && p.peek().text.size() > L3::VrfName::maxLength()) {
+      p.fail(p.peek().column, fmt::format("VRF name '{}' longer than {} bytes", p.peek().text,
+                                          L3::VrfName::maxLength()));
+    }
+    vrf = p.parsed<L3::VrfName>("a VRF name after 'vrf'");
+  }
+  PayloadType payload = payloadTypeIpv4;
+  if (p.peekIs("ipv4")) {
+    payload = payloadTypeIpv4;
+  } else if (p.peekIs("ipv6")) {
+    payload = payloadTypeIpv6;
+  } else if (p.peekIs("auto")) {
+    payload = payloadTypeAutoDecide;
+  } else {
+    p.expected(vrfGiven ? "'ipv4', 'ipv6' or 'auto' after the VRF name"
+                        : "'vrf', 'ipv4', 'ipv6' or 'auto' after 'lookup'");
+  }
+  p.take();
+  return LfibIpLookupVia(LfibViaKey(), vrf, payload);
+}
+
+Action parseAction(LineParser& p) {
+  if (p.atEnd()) {
+    p.expected("'swap', 'push', 'pop' or 'pseudowire'");
+  }
+  const Token word = p.peek();
+  Action action;
+  if (word.text == "swap" || word.text == "push") {
+    p.take();
+    action.labelAction = word.text == "swap" ? Netbase::labelActionSwap : Netbase::labelActionPush;
+    action.stack = p.labelStack(std::string(word.text));
+  } else if (word.text == "pop") {
+    p.take();
+    if (p.peekIs("lookup")) {
+      p.take();
+      action.viaType = viaTypeIpLookup;
+      action.lookup = parseLookup(p);
+    }
+  } else if (word.text == "pseudowire") {
+    p.take();
+    action.viaType = viaTypeMplsPseudowire;
+    p.keyword("dev", "after 'pseudowire'");
+    action.pseudowire =
+        LfibPwVia(LfibViaKey(), p.parsed<Netbase::IntfId>("an interface name after 'dev'"));
+  } else {
+    p.expected("'swap', 'push', 'pop' or 'pseudowire'");
+  }
+  return action;
+}
+
+// "via ADDRESS dev INTF [weight N]", from its "via" (`at`); weights of one next hop add up.
+void parseVia(LineParser& p, const Token& at, std::map<NextHop, uint32_t>& nextHops) {
+  p.take();
+  NextHop hop{p.parsed<Netbase::IpGenAddr>("an IPv4 or IPv6 address after 'via'"), {}};
+  p.keyword("dev", "after the next hop");
+  hop.intf = p.parsed<Netbase::IntfId>("an interface name after 'dev'");
+  uint32_t weight = 1;
+  if (p.peekIs("weight")) {
+    p.take();
+    weight = p.number("a weight after 'weight'", "weight", 1, kMaxWeight);
+  }
+  uint32_t& total = nextHops[hop];
+  if (total + weight > kMaxWeight) {
+    p.fail(at.column, fmt::format("via {} dev {} has a total weight above {}",
+                                  hop.address.stringValue(), hop.intf.stringValue(), kMaxWeight));
+  }
+  total += weight;
+  if (nextHops.size() > kMaxVias) {
+    p.fail(at.column, fmt::format("more than {} vias", kMaxVias));
+  }
+}
+
+// "source NAME".
+LFib::Source parseSource(LineParser& p) {
+  p.take();
+  if (p.atEnd()) {
+    p.expected("a source name after 'source'");
+  }
+  for (const SourceName& s : kSources) {
+    if (p.peek().text == s.name) {
+      p.take();
+      return s.source;
+    }
+  }
+  p.expected("a source name (static, ldp, rsvp, bgp-lu, isis-sr, ospf-sr, bgp, evpn, mldp, "
+             "pseudowire, vrf-label, sr-te, ti-lfa) after 'source'");
+}
+
+// What may come next, for the error at a word that is none of it.
+std::string expectedNext(const Options& o, bool takesVias) {
+  if (takesVias && o.nextHops.empty()) {
+    return "'via'";
+  }
+  std::vector<std::string> words;
+  if (takesVias && !o.source && !o.metric) {
+    words.push_back("'via'");
+  }
+  if (!o.source) {
+    words.push_back("'source'");
+  }
+  if (!o.metric) {
+    words.push_back("'metric'");
+  }
+  return words.empty() ? "end of line" : absl::StrJoin(words, ", ") + " or end of line";
+}
+
+Options parseOptions(LineParser& p, LfibViaType viaType) {
+  Options o;
   const bool takesVias = viaType == viaTypeMplsIp;
   while (!p.atEnd()) {
     const Token t = p.peek();
-    if (t.text == "via" && takesVias && !source && !metric) {
+    if (t.text == "via" && takesVias && !o.source && !o.metric) {
+      parseVia(p, t, o.nextHops);
+    } else if (t.text == "source" && !o.source) {
+      o.source = parseSource(p);
+    } else if (t.text == "metric" && !o.metric) {
       p.take();
-      NextHop hop{p.parsed<Netbase::IpGenAddr>("an IPv4 or IPv6 address after 'via'"), {}};
-      p.keyword("dev", "after the next hop");
-      hop.intf = p.parsed<Netbase::IntfId>("an interface name after 'dev'");
-      uint32_t weight = 1;
-      if (p.peekIs("weight")) {
-        p.take();
-        weight = p.number("a weight after 'weight'", "weight", 1, kMaxWeight);
-      }
-      uint32_t& total = nextHops[hop];
-      if (total + weight > kMaxWeight) {
-        p.fail(t.column, fmt::format("via {} dev {} has a total weight above {}",
-                                     hop.address.stringValue(), hop.intf.stringValue(), kMaxWeight));
-      }
-      total += weight;
-      if (nextHops.size() > kMaxVias) {
-        p.fail(t.column, fmt::format("more than {} vias", kMaxVias));
-      }
-    } else if (t.text == "source" && !source) {
-      p.take();
-      if (p.atEnd()) {
-        p.expected("a source name after 'source'");
-      }
-      for (const SourceName& s : kSources) {
-        if (p.peek().text == s.name) {
-          source = s.source;
-        }
-      }
-      if (!source) {
-        p.expected("a source name (static, ldp, rsvp, bgp-lu, isis-sr, ospf-sr, bgp, evpn, mldp, "
-                   "pseudowire, vrf-label, sr-te, ti-lfa) after 'source'");
-      }
-      p.take();
-    } else if (t.text == "metric" && !metric) {
-      p.take();
-      metricColumn = p.atEnd() ? 0 : p.peek().column;
-      metric = p.number("a metric after 'metric'", "metric", 0, 255);
+      o.metricColumn = p.atEnd() ? 0 : p.peek().column;
+      o.metric = p.number("a metric after 'metric'", "metric", 0, 255);
     } else {
-      std::string what;
-      if (takesVias && nextHops.empty()) {
-        what = "'via'";
-      } else {
-        std::vector<std::string> words;
-        if (takesVias && !source && !metric) {
-          words.push_back("'via'");
-        }
-        if (!source) {
-          words.push_back("'source'");
-        }
-        if (!metric) {
-          words.push_back("'metric'");
-        }
-        if (words.empty()) {
-          what = "end of line";
-        } else {
-          for (const std::string& w : words) {
-            what += (what.empty() ? "" : ", ") + w;
-          }
-          what += " or end of line";
-        }
-      }
-      p.expected(what);
+      p.expected(expectedNext(o, takesVias));
     }
   }
-  if (takesVias && nextHops.empty()) {
+  if (takesVias && o.nextHops.empty()) {
     p.expected("'via'");
   }
-  if (viaType == viaTypeIpLookup && metric.value_or(0) != 0) {
-    p.fail(metricColumn, "a lookup route takes metric 0 only");
+  if (viaType == viaTypeIpLookup && o.metric.value_or(0) != 0) {
+    p.fail(o.metricColumn, "a lookup route takes metric 0 only");
   }
+  return o;
+}
 
-  ConsolidatedLfibRoute route(RouteKey(Netbase::MplsLabel(label)), source.value_or(LFib::sourceStatic),
-                              FwdEqvClass(), static_cast<uint8_t>(metric.value_or(0)), viaType);
+ParsedRoute makeRoute(uint32_t label, const Action& action, const Options& o,
+                      uint32_t lineNumber) {
+  ConsolidatedLfibRoute route(RouteKey(Netbase::MplsLabel(label)),
+                              o.source.value_or(LFib::sourceStatic), FwdEqvClass(),
+                              static_cast<uint8_t>(o.metric.value_or(0)), action.viaType);
   route.viaSetTypeIs(viaSetTypeEcmp);
   ParsedRoute parsed{route, lineNumber, 1};
-  if (lookup) {
-    parsed.route.ipLookupViaIs(*lookup);
-  } else if (pseudowire) {
-    parsed.route.pwViaIs(*pseudowire);
+  if (action.lookup) {
+    parsed.route.ipLookupViaIs(*action.lookup);
+  } else if (action.pseudowire) {
+    parsed.route.pwViaIs(*action.pseudowire);
   } else {
-    parsed.vias = static_cast<uint32_t>(nextHops.size());
-    const Netbase::UnboundedMplsLabelOperation operation(labelAction, stack);
-    for (const auto& [hop, weight] : nextHops) {
-      LfibMplsVia via(LfibViaKey(), hop.address, labelAction, operation, false);
+    parsed.vias = static_cast<uint32_t>(o.nextHops.size());
+    const Netbase::UnboundedMplsLabelOperation operation(action.labelAction, action.stack);
+    for (const auto& [hop, weight] : o.nextHops) {
+      LfibMplsVia via(LfibViaKey(), hop.address, action.labelAction, operation, false);
       via.intfIs(hop.intf);
       for (uint32_t w = 1; w <= weight; ++w) {
         via.weightIs(w);
@@ -337,6 +363,15 @@ ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
     }
   }
   return parsed;
+}
+
+// "LABEL ACTION [VIAS] [OPTIONS]".
+ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
+  const uint32_t label = p.number("an incoming label", "incoming label",
+                                  Netbase::MplsLabel::firstUnreserved, Netbase::MplsLabel::max);
+  const Action action = parseAction(p);
+  const Options options = parseOptions(p, action.viaType);
+  return makeRoute(label, action, options, lineNumber);
 }
 
 }  // namespace

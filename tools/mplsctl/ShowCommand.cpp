@@ -1,4 +1,6 @@
 // mplsctl show: the routes of an LFIB with their via sets and vias, as a table or as JSON.
+#include <absl/strings/str_join.h>
+#include <absl/strings/strip.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -125,9 +127,7 @@ void printTable(const std::vector<std::vector<std::string>>& rows) {
         line.append(width[i] - row[i].size() + 2, ' ');
       }
     }
-    while (!line.empty() && line.back() == ' ') {
-      line.pop_back();
-    }
+    absl::StripTrailingAsciiWhitespace(&line);
     std::printf("%s\n", line.c_str());
   }
 }
@@ -139,7 +139,7 @@ std::string routeSummary(const LfibStatus& lfib, const LfibRoute& route) {
   if (set.key() != route.viaSetKey()) {
     return "(via set missing)";
   }
-  std::string out;
+  std::vector<std::string> vias;
   for (const LfibViaKey& k : set.viaKey()) {
     if (k == LfibViaKey()) {
       continue;
@@ -159,9 +159,9 @@ std::string routeSummary(const LfibStatus& lfib, const LfibRoute& route) {
     if (v.weight > 1) {
       text += fmt::format(" weight {}", v.weight);
     }
-    out += (out.empty() ? "" : ", ") + text;
+    vias.push_back(std::move(text));
   }
-  return out.empty() ? "(no vias)" : out;
+  return vias.empty() ? "(no vias)" : absl::StrJoin(vias, ", ");
 }
 
 int runShow(const ShowOptions& options) {

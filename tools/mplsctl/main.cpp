@@ -14,6 +14,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <functional>
+#include <string>
 
 #include "Kel/Exception.h"
 #include "Pond/Exception.h"
@@ -22,112 +23,120 @@
 
 namespace {
 
+// What the command line chose: the options every subcommand binds, and `run`, which the
+// chosen subcommand's callback sets.
+struct Invocation {
+  std::function<int()> run;
+  Mplsctl::LoadOptions load;
+  Mplsctl::ShowOptions show;
+  uint32_t showLabel = 0;
+  std::string lfib;  // dump, check and clear
+  Mplsctl::WatchOptions watch;
+  uint64_t watchCount = 0;
+  double watchTimeout = 0;
+  Mplsctl::MldpDecodeOptions mldpDecode;
+};
+
 void addLfibOption(CLI::App* command, std::string& lfib) {
   command->add_option("--lfib", lfib, "Name of the LFIB (its shared-memory mount group)")
       ->default_val(Mplsctl::kDefaultLfib);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  CLI::App app("Programs and inspects an MPLS LFIB kept in shared memory.", "mplsctl");
-  app.require_subcommand(1);
-  std::function<int()> run;
-
-  Mplsctl::LoadOptions load;
+void addLoad(CLI::App& app, Invocation& in) {
   CLI::App* loadCmd = app.add_subcommand(
       "load", "Program the routes of a route file into the LFIB (only what changed is written)");
-  loadCmd->add_option("FILE", load.file, "Route file, one route per line; - for standard input")
+  loadCmd->add_option("FILE", in.load.file, "Route file, one route per line; - for standard input")
       ->required();
-  addLfibOption(loadCmd, load.lfib);
-  loadCmd->add_flag("--replace", load.replace, "Also delete the routes the file does not have");
-  loadCmd->callback([&] { run = [&] { return Mplsctl::runLoad(load); }; });
+  addLfibOption(loadCmd, in.load.lfib);
+  loadCmd->add_flag("--replace", in.load.replace, "Also delete the routes the file does not have");
+  loadCmd->callback([&in] { in.run = [&in] { return Mplsctl::runLoad(in.load); }; });
+}
 
-  Mplsctl::ShowOptions show;
-  uint32_t label = 0;
+void addShow(CLI::App& app, Invocation& in) {
   CLI::App* showCmd = app.add_subcommand("show", "Print the routes with their via sets and vias");
   CLI::Option* labelOpt =
-      showCmd->add_option("LABEL", label, "Only the route of this incoming label")
+      showCmd->add_option("LABEL", in.showLabel, "Only the route of this incoming label")
           ->check(CLI::Range(0u, 1048575u));
-  addLfibOption(showCmd, show.lfib);
-  showCmd->add_flag("--json", show.json, "Print a JSON array, one object per route");
-  showCmd->callback([&] {
+  addLfibOption(showCmd, in.show.lfib);
+  showCmd->add_flag("--json", in.show.json, "Print a JSON array, one object per route");
+  showCmd->callback([&in, labelOpt] {
     if (labelOpt->count() > 0) {
-      show.label = label;
+      in.show.label = in.showLabel;
     }
-    run = [&] { return Mplsctl::runShow(show); };
+    in.run = [&in] { return Mplsctl::runShow(in.show); };
   });
+}
 
-  std::string lfib;
+// dump, check and clear: an LFIB's name is all they take.
+void addLfibCommands(CLI::App& app, Invocation& in) {
   CLI::App* dumpCmd = app.add_subcommand("dump", "Print the LFIB's state dump, every table");
-  addLfibOption(dumpCmd, lfib);
-  dumpCmd->callback([&] { run = [&] { return Mplsctl::runDump(lfib); }; });
+  addLfibOption(dumpCmd, in.lfib);
+  dumpCmd->callback([&in] { in.run = [&in] { return Mplsctl::runDump(in.lfib); }; });
 
   CLI::App* checkCmd = app.add_subcommand(
       "check", "Report routes whose via set is missing, via sets whose via is missing and "
                "vias no via set uses; exit 1 if there are any");
-  addLfibOption(checkCmd, lfib);
-  checkCmd->callback([&] { run = [&] { return Mplsctl::runCheck(lfib); }; });
+  addLfibOption(checkCmd, in.lfib);
+  checkCmd->callback([&in] { in.run = [&in] { return Mplsctl::runCheck(in.lfib); }; });
 
   CLI::App* clearCmd =
       app.add_subcommand("clear", "Remove the LFIB's shared-memory segments");
-  addLfibOption(clearCmd, lfib);
-  clearCmd->callback([&] { run = [&] { return Mplsctl::runClear(lfib); }; });
+  addLfibOption(clearCmd, in.lfib);
+  clearCmd->callback([&in] { in.run = [&in] { return Mplsctl::runClear(in.lfib); }; });
+}
 
-  Mplsctl::WatchOptions watch;
-  uint64_t count = 0;
-  double timeout = 0;
+void addWatch(CLI::App& app, Invocation& in) {
   CLI::App* watchCmd = app.add_subcommand(
       "watch", "Follow the LFIB from this process and print every route change as it happens");
-  addLfibOption(watchCmd, watch.lfib);
+  addLfibOption(watchCmd, in.watch.lfib);
   CLI::Option* countOpt =
-      watchCmd->add_option("--count", count, "Exit after this many change lines")
+      watchCmd->add_option("--count", in.watchCount, "Exit after this many change lines")
           ->check(CLI::PositiveNumber);
   CLI::Option* timeoutOpt =
       watchCmd
-          ->add_option("--timeout", timeout,
+          ->add_option("--timeout", in.watchTimeout,
                        "Exit after this many seconds (status 1 if the LFIB never appeared)")
           ->check(CLI::PositiveNumber);
-  watchCmd->callback([&] {
+  watchCmd->callback([&in, countOpt, timeoutOpt] {
     if (countOpt->count() > 0) {
-      watch.count = count;
+      in.watch.count = in.watchCount;
     }
     if (timeoutOpt->count() > 0) {
-      watch.timeout = timeout;
+      in.watch.timeout = in.watchTimeout;
     }
-    run = [&] { return Mplsctl::runWatch(watch); };
+    in.run = [&in] { return Mplsctl::runWatch(in.watch); };
   });
+}
 
+void addDemo(CLI::App& app, Invocation& in) {
   CLI::App* demoCmd = app.add_subcommand(
       "demo", "Write routes into an LFIB of its own and show a reading process follow them");
-  demoCmd->callback([&] { run = [] { return Mplsctl::runDemo(); }; });
+  demoCmd->callback([&in] { in.run = [] { return Mplsctl::runDemo(); }; });
+}
 
-  Mplsctl::MldpDecodeOptions mldpDecode;
+void addMldp(CLI::App& app, Invocation& in) {
   CLI::App* mldpCmd = app.add_subcommand("mldp", "mLDP tools");
   mldpCmd->require_subcommand(1);
   CLI::App* decodeCmd = mldpCmd->add_subcommand(
       "decode", "Print the text of an mLDP opaque value (RFC 6388) given as hex octets");
   decodeCmd
-      ->add_option("HEX", mldpDecode.hex,
+      ->add_option("HEX", in.mldpDecode.hex,
                    "The opaque value's octets, from its Type on: two hex digits per octet, "
                    "optionally after 0x or x, separated or not by blanks, colons, dashes, "
                    "commas or backslashes (01000400 00002a, 01:00:04, 0x050004, "
                    "\\x05\\x00); several arguments are joined")
       ->required();
-  decodeCmd->add_flag("--summary", mldpDecode.summary,
+  decodeCmd->add_flag("--summary", in.mldpDecode.summary,
                       "Print the summary form, wrapped at 44 columns, instead of one line");
   decodeCmd->footer(
       "Example: mplsctl mldp decode 05 00 09 20 0a 00 00 01 e1 01 01 01\n"
       "  prints RP: 10.0.0.1/32 G: 225.1.1.1\n"
       "Values of unknown types or wrong lengths print as a hex dump.");
-  decodeCmd->callback([&] { run = [&] { return Mplsctl::runMldpDecode(mldpDecode); }; });
+  decodeCmd->callback([&in] { in.run = [&in] { return Mplsctl::runMldpDecode(in.mldpDecode); }; });
+}
 
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    // --help and --version are "errors" that exit 0; any real one is bad usage.
-    return app.exit(e) == 0 ? 0 : 2;
-  }
+// Runs the chosen subcommand; the errors a user can act on go to stderr, with status 1.
+int runReportingErrors(const std::function<int()>& run) {
   try {
     return run();
   } catch (const Mplsctl::CommandError& e) {
@@ -140,4 +149,25 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "mplsctl: %s\n", e.what());
   }
   return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Programs and inspects an MPLS LFIB kept in shared memory.", "mplsctl");
+  app.require_subcommand(1);
+  Invocation in;
+  addLoad(app, in);
+  addShow(app, in);
+  addLfibCommands(app, in);
+  addWatch(app, in);
+  addDemo(app, in);
+  addMldp(app, in);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --version are "errors" that exit 0; any real one is bad usage.
+    return app.exit(e) == 0 ? 0 : 2;
+  }
+  return runReportingErrors(in.run);
 }

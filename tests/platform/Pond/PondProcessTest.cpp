@@ -10,9 +10,9 @@
 #include <map>
 #include <random>
 
+#include "Kel/ChildProcess.h"
 #include "Pond/PondMap.h"
 #include "PondTestTypes.h"
-#include "support/ChildProcess.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ TableSizing sized(uint32_t capacity, uint32_t log = 0, uint64_t heapBytes = 0) {
 // A reader that keeps a mirror of the table from notifications alone: on each one it
 // looks the key up. When the writer is done, the mirror must equal the table, and a key
 // whose notification was lost would show as a difference.
-int mirrorUntilDone(const std::string& group, TestSupport::Channel& channel) {
+int mirrorUntilDone(const std::string& group, Kel::ChildProcess::Channel& channel) {
   auto reader = MountGroup::reader(group);
   PondMap<Key, Row> table(reader, "rows");
   std::map<uint32_t, Row> mirror;
@@ -103,7 +103,7 @@ TEST(PondProcess, ReaderInAnotherProcessHearsOfEveryChange) {
   auto writer = MountGroup::writer(*g);
   PondMap<Key, Row> table(writer, "rows", sized(4096, 1 << 16));
   table.upsert(Row::of(0, 0));
-  TestSupport::ChildProcess child([&](TestSupport::Channel& c) { return mirrorUntilDone(*g, c); });
+  Kel::ChildProcess child([&](Kel::ChildProcess::Channel& c) { return mirrorUntilDone(*g, c); });
   ASSERT_TRUE(child.awaitReply(std::chrono::seconds(30)));
   writeRandomly(table, *writer, 20000, 1000, 1);
   EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0);
@@ -119,7 +119,7 @@ TEST(PondProcess, StoppedReaderConvergesAfterOverrunningTheLog) {
     table.upsert(Row::of(k, k));
   }
   writer->publish();
-  TestSupport::ChildProcess child([&](TestSupport::Channel& c) { return mirrorUntilDone(*g, c); });
+  Kel::ChildProcess child([&](Kel::ChildProcess::Channel& c) { return mirrorUntilDone(*g, c); });
   ASSERT_TRUE(child.awaitReply(std::chrono::seconds(30)));
   ::kill(child.pid(), SIGSTOP);
   for (uint32_t k = 0; k < 500; k += 2) {
@@ -143,9 +143,9 @@ TEST(PondProcess, ReadersNeverSeeATornRow) {
     fixed.upsert(Row::of(k, k));
     variable.upsert(VarRow::of(k, k, k % 100));
   }
-  std::vector<std::unique_ptr<TestSupport::ChildProcess>> readers;
+  std::vector<std::unique_ptr<Kel::ChildProcess>> readers;
   for (int r = 0; r < 3; ++r) {
-    readers.push_back(std::make_unique<TestSupport::ChildProcess>([&](TestSupport::Channel&) {
+    readers.push_back(std::make_unique<Kel::ChildProcess>([&](Kel::ChildProcess::Channel&) {
       auto reader = MountGroup::reader(*g);
       PondMap<Key, Row> f(reader, "fixed");
       PondMap<Key, VarRow> v(reader, "var");
@@ -212,7 +212,7 @@ TEST(PondProcess, WriterKilledAtRandomMomentsLeavesTablesReadableAndRepairable) 
   int newIncarnations = 0;
   for (int round = 0; round < 300; ++round) {
     uint32_t seed = rng();
-    TestSupport::ChildProcess child([&](TestSupport::Channel&) {
+    Kel::ChildProcess child([&](Kel::ChildProcess::Channel&) {
       auto writer = MountGroup::writer(*g);
       PondMap<Key, Row> f(writer, "fixed", sized(kKeys));
       PondMap<Key, VarRow> v(writer, "var", varSizing);
