@@ -1,9 +1,9 @@
 // mplsctl load: programs a route file into an LFIB through the LFIB writer.
 //
 // Table sizes. The tables of an LFIB are sized when they are created and a later writer
-// must ask for the very same sizes, so every size here is a function of four capacities
-// (routes, MPLS vias, pseudowire vias, IP lookup vias): a first load takes them from the
-// file (twice its counts, at least 1024, rounded up to a power of two); a later load reads
+// must ask for the very same sizes, so every size here is a function of the tables'
+// capacities: a first load takes them from the file (twice its counts of routes and of
+// each via type's vias, at least 1024, rounded up to a power of two); a later load reads
 // them back from the existing tables.
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <unordered_set>
 
@@ -65,12 +66,9 @@ namespace {
 
 using namespace Mpls;
 
-struct Capacities {
-  uint32_t routes = 0;
-  uint32_t mplsVias = 0;
-  uint32_t pwVias = 0;
-  uint32_t ipLookupVias = 0;
-};
+// The rows each table is sized for, by table name; the tables not named keep their
+// declared sizes.
+using Capacities = std::map<std::string, uint32_t, std::less<>>;
 
 uint32_t roomFor(uint64_t count) {
   return static_cast<uint32_t>(std::bit_ceil(std::max<uint64_t>(1024, 2 * count)));
@@ -78,51 +76,59 @@ uint32_t roomFor(uint64_t count) {
 
 LfibStatusSizing sizingFor(const Capacities& c) {
   LfibStatusSizing s;
-  s.lfibRoute = Pond::TableSizing{c.routes};
-  // A via set record is 48 bytes and 12 per via.
-  s.viaSet = Pond::TableSizing{c.routes};
-  s.viaSet.heapBytes = uint64_t{c.routes} * 64 + uint64_t{c.mplsVias} * 16;
-  s.mplsVia = Pond::TableSizing{c.mplsVias};
-  s.mplsVia.heapBytes = uint64_t{c.mplsVias} * 128;
-  s.pwVia = Pond::TableSizing{c.pwVias};
-  s.ipLookupVia = Pond::TableSizing{c.ipLookupVias};
+  s.forEach([&](std::string_view table, Pond::TableSizing& t) {
+    if (auto it = c.find(table); it != c.end()) {
+      t.capacity = it->second;
+    }
+  });
+  // A via set record is 48 bytes and 12 per via; an MPLS via's about 70.
+  s.viaSet.heapBytes = uint64_t{s.viaSet.capacity} * 64 + uint64_t{s.mplsVia.capacity} * 16;
+  s.mplsVia.heapBytes = uint64_t{s.mplsVia.capacity} * 128;
   return s;
+}
+
+// Twice what the file holds: routes and via sets, and the vias of each via type the writer
+// programs.
+Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
+  std::map<LfibViaType, uint64_t> vias;
+  for (const ParsedRoute& r : routes) {
+    vias[r.route.viaType()] += r.vias;
+  }
+  Capacities c{{"lfibRoute", roomFor(routes.size())}, {"viaSet", roomFor(routes.size())}};
+  lfibViaTypeForEach([&](auto via) {
+    if constexpr (ConsolidatedLfibRoute::carries<typename decltype(via)::Row>) {
+      c.emplace(via.collection, roomFor(vias[via.viaType]));
+    }
+  });
+  return c;
 }
 
 Capacities existingCapacities(const std::string& name) {
   LfibStatus::Ptr lfib = mountLfibReader(name);
-  return Capacities{lfib->lfibRouteTable()->capacity(), lfib->mplsViaTable()->capacity(),
-                    lfib->pwViaTable()->capacity(), lfib->ipLookupViaTable()->capacity()};
+  Capacities c;
+  lfib->tableForEach([&](const auto& table) { c.emplace(table.name, table.capacity()); });
+  return c;
 }
 
 uint64_t versions(const LfibStatus& lfib) {
-  return lfib.lfibRouteTable()->version() + lfib.viaSetTable()->version() +
-         lfib.mplsViaTable()->version() + lfib.pwViaTable()->version() +
-         lfib.ipLookupViaTable()->version();
+  uint64_t sum = 0;
+  lfib.tableForEach([&](const auto& table) { sum += table.table ? table.table->version() : 0; });
+  return sum;
 }
 
 // Refuses a load that could fill a table half way: what the LFIB holds now plus all the
 // file brings, as though nothing were rewritten in place.
 void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
                const std::unordered_set<uint32_t>& deleted, const std::string& name) {
-  uint64_t newRoutes = 0, mplsVias = lfib.mplsVias(), pwVias = lfib.pwVias(),
-           lookupVias = lfib.ipLookupVias();
+  uint64_t newRoutes = 0;
+  std::map<LfibViaType, uint64_t> vias;
   for (const ParsedRoute& r : routes) {
     if (lfib.lfibRoute(r.route.key()).key() != r.route.key()) {
       ++newRoutes;
     }
-    switch (r.route.viaType()) {
-      case viaTypeMplsIp:
-        mplsVias += r.vias;
-        break;
-      case viaTypeMplsPseudowire:
-        pwVias += r.vias;
-        break;
-      default:
-        lookupVias += r.vias;
-    }
+    vias[r.route.viaType()] += r.vias;
   }
-  auto refuse = [&](const char* what, uint64_t needed, uint32_t capacity) {
+  auto refuse = [&](std::string_view what, uint64_t needed, uint32_t capacity) {
     if (needed > capacity) {
       throw CommandError(fmt::format(
           "LFIB '{}' has room for {} {}, this load may need {}: nothing loaded (run 'mplsctl "
@@ -133,9 +139,12 @@ void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
   refuse("routes", uint64_t{lfib.lfibRoutes()} - deleted.size() + newRoutes,
          lfib.lfibRouteTable()->capacity());
   refuse("via sets", uint64_t{lfib.viaSets()} + routes.size(), lfib.viaSetTable()->capacity());
-  refuse("MPLS vias", mplsVias, lfib.mplsViaTable()->capacity());
-  refuse("pseudowire vias", pwVias, lfib.pwViaTable()->capacity());
-  refuse("IP lookup vias", lookupVias, lfib.ipLookupViaTable()->capacity());
+  lfibViaTypeForEach([&](auto via) {
+    if (const uint64_t added = vias[via.viaType]) {
+      refuse(fmt::format("{} vias", via.label), via.size(lfib) + added,
+             via.table(lfib)->capacity());
+    }
+  });
 }
 
 }  // namespace
@@ -148,14 +157,7 @@ int runLoad(const LoadOptions& options) {
   if (!Pond::MountGroup::tableNames(name).empty()) {
     capacities = existingCapacities(name);
   } else {
-    uint64_t mplsVias = 0, pwVias = 0, lookupVias = 0;
-    for (const ParsedRoute& r : routes) {
-      (r.route.viaType() == viaTypeMplsIp           ? mplsVias
-       : r.route.viaType() == viaTypeMplsPseudowire ? pwVias
-                                                    : lookupVias) += r.vias;
-    }
-    capacities = Capacities{roomFor(routes.size()), roomFor(mplsVias), roomFor(pwVias),
-                            roomFor(lookupVias)};
+    capacities = fileCapacities(routes);
   }
 
   Kel::Ptr<Pond::MountGroup> group;
