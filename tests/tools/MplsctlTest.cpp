@@ -381,7 +381,7 @@ TEST(MplsctlUsage, HelpAndBadUsage) {
   EXPECT_THAT(r.err, HasSubstr("FILE"));
   for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
            {"frobnicate"}, {"show", "2000000"}, {"watch", "--count", "0"},
-           {"watch", "--timeout", "-1"}}) {
+           {"watch", "--timeout", "-1"}, {"watch", "--timeout", "nan"}, {"watch", "--timeout", "inf"}}) {
     EXPECT_EQ(mplsctl(args).status, 2) << args[0] << " " << args.back();
   }
 }

@@ -34,7 +34,7 @@ ConsolidatedLfibRoute route(uint32_t label, LfibViaType type, LFib::Source sourc
 std::string errorOf(const std::string& text) {
   try {
     parseRouteFile(text, "routes.txt");
-  } catch (const RouteFileError& e) {
+  } catch (const Mplsctl::RouteFileError& e) {
     return e.what();
   }
   return "<no error>";
@@ -138,7 +138,12 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
       {"16 pop lookup ipv4 via 10.0.0.1 dev Ethernet1",
        "routes.txt:1:20: expected 'source', 'metric' or end of line, found 'via'"},
       {"16 pop lookup vrf " + std::string(101, 'v') + " ipv4",
-       "routes.txt:1:19: VRF name '" + std::string(101, 'v') + "' longer than 100 bytes"},
+       "routes.txt:1:19: VRF name '" + std::string(64, 'v') + "'... (101 bytes) longer than 100 bytes"},
+      // Input in messages: control bytes escaped, long tokens cut, binary and long lines refused.
+      {"100 \x1b[31mswap", "routes.txt:1:5: expected 'swap', 'push', 'pop' or 'pseudowire', found "
+                           "'\\x1b[31mswap'"},
+      {"100 " + std::string(100000, 'x'), "routes.txt:1:1: line longer than 65536 bytes"},
+      {std::string("101 p\0p", 7), "routes.txt:1:6: a NUL byte: not a route file"},
       {"103 pseudowire Pseudowire1", "routes.txt:1:16: expected 'dev' after 'pseudowire', found 'Pseudowire1'"},
       {"100 pop via 10.0.0.1 dev Ethernet1\n# again\n100 swap 5 via 10.0.0.2 dev Ethernet2",
        "routes.txt:3:1: label 100 is already routed on line 1"},
@@ -157,6 +162,20 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
   EXPECT_THAT(error, ::testing::HasSubstr(": more than 128 vias"));
   wide.resize(wide.rfind(" via"));
   EXPECT_EQ(parseRouteFile(wide, "routes.txt").at(0).vias, 128u);
+
+  // What is not a route file at all.
+  EXPECT_THROW(
+      try { Mplsctl::readRouteFile("/"); } catch (const Mplsctl::RouteFileError& e) {
+        EXPECT_STREQ(e.what(), "/: is a directory, not a route file");
+        throw;
+      },
+      Mplsctl::RouteFileError);
+  EXPECT_THROW(
+      try { Mplsctl::readRouteFile("/dev/zero"); } catch (const Mplsctl::RouteFileError& e) {
+        EXPECT_STREQ(e.what(), "/dev/zero: longer than 268435456 bytes: not a route file");
+        throw;
+      },
+      Mplsctl::RouteFileError);
 }
 
 }  // namespace

@@ -1,20 +1,21 @@
 #include "tools/mplsctl/RouteFile.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
 #include <optional>
-#include <sstream>
 #include <unordered_map>
 
 #include "Kel/Exception.h"
+#include "Kel/Quote.h"
 
 namespace Mplsctl {
 
@@ -25,6 +26,10 @@ using namespace Mpls;
 constexpr uint32_t kMaxStackLabels = 16;
 constexpr uint32_t kMaxWeight = 255;
 constexpr uint32_t kMaxVias = 128;
+// Bounds on what is read, so that endless or binary input fails instead of exhausting
+// memory: far above a route file of the whole label space with many vias per route.
+constexpr size_t kMaxFileBytes = size_t{256} << 20;
+constexpr size_t kMaxLineBytes = size_t{64} << 10;
 
 struct SourceName {
   LFib::Source source;
@@ -83,7 +88,7 @@ class LineParser {
     if (atEnd()) {
       fail(endColumn_, fmt::format("expected {}, found end of line", what));
     }
-    fail(peek().column, fmt::format("expected {}, found '{}'", what, peek().text));
+    fail(peek().column, fmt::format("expected {}, found {}", what, Kel::quoted(peek().text)));
   }
   // Takes the next word, which must be `word`.
   void keyword(std::string_view word, const std::string& context) {
@@ -104,7 +109,7 @@ class LineParser {
     auto [ptr, ec] = std::from_chars(t.text.data(), t.text.data() + t.text.size(), value);
     if (ec == std::errc::result_out_of_range ||
         (ec == std::errc() && ptr == t.text.data() + t.text.size() && (value < min || value > max))) {
-      fail(t.column, fmt::format("{} '{}' out of range {}..{}", noun, t.text, min, max));
+      fail(t.column, fmt::format("{} {} out of range {}..{}", noun, Kel::quoted(t.text), min, max));
     }
     if (ec != std::errc() || ptr != t.text.data() + t.text.size()) {
       expected(what);
@@ -115,7 +120,7 @@ class LineParser {
 
   // LABEL ('/' LABEL)*, after `after`.
   Netbase::MplsLabelStack labelStack(const std::string& after) {
-    const std::string what = fmt::format("a label after '{}'", after);
+    const std::string what = fmt::format("a label after {}", Kel::quoted(after));
     if (atEnd()) {
       expected(what);
     }
@@ -130,14 +135,15 @@ class LineParser {
       auto [ptr, ec] = std::from_chars(part.data(), part.data() + part.size(), value);
       if (part.empty() || (ec != std::errc() && ec != std::errc::result_out_of_range) ||
           ptr != part.data() + part.size()) {
-        fail(column, fmt::format("expected {}, found '{}'", stack.empty() ? what : "a label after '/'",
-                                 part.empty() ? t.text : part));
+        fail(column, fmt::format("expected {}, found {}", stack.empty() ? what : "a label after '/'",
+                                 Kel::quoted(part.empty() ? t.text : part)));
       }
       if (ec == std::errc::result_out_of_range || value > Netbase::MplsLabel::max) {
-        fail(column, fmt::format("label '{}' out of range 0..{}", part, Netbase::MplsLabel::max));
+        fail(column, fmt::format("label {} out of range 0..{}", Kel::quoted(part), Netbase::MplsLabel::max));
       }
       if (stack.size() == kMaxStackLabels) {
-        fail(column, fmt::format("label stack '{}' has more than {} labels", t.text, kMaxStackLabels));
+        fail(column, fmt::format("label stack {} has more than {} labels", Kel::quoted(t.text),
+                                 kMaxStackLabels));
       }
       stack.push_back(Netbase::MplsLabel(value));
       if (slash == std::string_view::npos) {
@@ -205,8 +211,8 @@ LfibIpLookupVia parseLookup(LineParser& p) {
   if (vrfGiven) {
     p.take();
     if (!p.atEnd() && p.peek().text.size() > L3::VrfName::maxLength()) {
-      p.fail(p.peek().column, fmt::format("VRF name '{}' longer than {} bytes", p.peek().text,
-                                          L3::VrfName::maxLength()));
+      p.fail(p.peek().column, fmt::format("VRF name {} longer than {} bytes",
+                                          Kel::quoted(p.peek().text), L3::VrfName::maxLength()));
     }
     vrf = p.parsed<L3::VrfName>("a VRF name after 'vrf'");
   }
@@ -393,6 +399,14 @@ std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string
     size_t end = text.find('\n', pos);
     std::string_view line = text.substr(pos, end == std::string_view::npos ? end : end - pos);
     pos = end == std::string_view::npos ? text.size() : end + 1;
+    if (line.size() > kMaxLineBytes) {
+      throw RouteFileError(fileName, lineNumber, 1,
+                           fmt::format("line longer than {} bytes", kMaxLineBytes));
+    }
+    if (const size_t nul = line.find('\0'); nul != std::string_view::npos) {
+      throw RouteFileError(fileName, lineNumber, static_cast<uint32_t>(nul + 1),
+                           "a NUL byte: not a route file");
+    }
     LineParser p(fileName, lineNumber, line);
     if (p.empty()) {
       continue;
@@ -411,21 +425,48 @@ std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string
 }
 
 std::vector<ParsedRoute> readRouteFile(const std::string& path) {
+  const bool standardInput = path == "-";
+  const std::string name = standardInput ? "<stdin>" : path;
+  const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
+  }
+  struct Closer {
+    int fd;
+    bool own;
+    ~Closer() {
+      if (own) {
+        ::close(fd);
+      }
+    }
+  } closer{fd, !standardInput};
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
+  }
+  if (S_ISDIR(st.st_mode)) {
+    throw RouteFileError(name, 0, 0, "is a directory, not a route file");
+  }
   std::string text;
-  if (path == "-") {
-    text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    return parseRouteFile(text, "<stdin>");
+  char chunk[1 << 16];
+  for (;;) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n < 0) {
+      throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
+    }
+    if (n == 0) {
+      break;
+    }
+    if (text.size() + static_cast<size_t>(n) > kMaxFileBytes) {
+      throw RouteFileError(name, 0, 0,
+                           fmt::format("longer than {} bytes: not a route file", kMaxFileBytes));
+    }
+    text.append(chunk, static_cast<size_t>(n));
   }
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    throw RouteFileError(path, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
-  }
-  std::ostringstream buffer;
-  buffer << in.rdbuf();
-  if (in.bad()) {
-    throw RouteFileError(path, 0, 0, "read error");
-  }
-  return parseRouteFile(buffer.str(), path);
+  return parseRouteFile(text, name);
 }
 
 std::string sourceName(LFib::Source source) {

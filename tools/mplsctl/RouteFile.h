@@ -71,7 +71,10 @@ struct ParsedRoute {
 std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName);
 
 // Reads and parses the file at `path`; "-" reads standard input. Throws RouteFileError,
-// also when the file cannot be read.
+// also when the file cannot be read, is a directory, is longer than 256 MiB (endless
+// input such as /dev/zero stops there), has a line longer than 64 KiB or a NUL byte.
+// Input quoted in messages has its control bytes escaped and long tokens cut
+// (Kel::quoted).
 std::vector<ParsedRoute> readRouteFile(const std::string& path);
 
 // The name a route file uses for `source` ("static", "bgp-lu", ...), or its number for a

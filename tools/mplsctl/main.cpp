@@ -12,11 +12,13 @@
 // Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
 // LFIB (check), 2 for bad usage.
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <string>
 
 #include "Kel/Exception.h"
+#include "Kel/Quote.h"
 #include "Pond/Exception.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
@@ -85,6 +87,19 @@ void addLfibCommands(CLI::App& app, Invocation& in) {
   clearCmd->callback([&in] { in.run = [&in] { return Mplsctl::runClear(in.lfib); }; });
 }
 
+// A number of seconds: finite, above 0 and at most a year (nan and inf are refused).
+const CLI::Validator kSeconds(
+    [](const std::string& text) -> std::string {
+      double seconds = 0;
+      if (!CLI::detail::lexical_cast(text, seconds) || !std::isfinite(seconds) || seconds <= 0 ||
+          seconds > 365.0 * 24 * 3600) {
+        return "expected a number of seconds above 0 and at most 31536000, got " +
+               Kel::quoted(text);
+      }
+      return {};
+    },
+    "SECONDS");
+
 void addWatch(CLI::App& app, Invocation& in) {
   CLI::App* watchCmd = app.add_subcommand(
       "watch", "Follow the LFIB from this process and print every route change as it happens");
@@ -96,7 +111,7 @@ void addWatch(CLI::App& app, Invocation& in) {
       watchCmd
           ->add_option("--timeout", in.watchTimeout,
                        "Exit after this many seconds (status 1 if the LFIB never appeared)")
-          ->check(CLI::PositiveNumber);
+          ->check(kSeconds);
   watchCmd->callback([&in, countOpt, timeoutOpt] {
     if (countOpt->count() > 0) {
       in.watch.count = in.watchCount;
