@@ -17,6 +17,7 @@ constexpr uint64_t kTableMagic = 0x31424154444e4f50ull;  // "PONDTAB1"
 // 2: keys of up to 16 bytes hash with Kel's short-key mix.
 constexpr uint32_t kLayoutVersion = 2;
 constexpr uint32_t kNameMax = 64;  // bytes of a group or table name, without its zero
+constexpr uint32_t kMaxKeySize = 256;
 
 // Chains link slots by index + 1, so that 0 ends a chain and a zero-filled segment holds
 // empty buckets: a new table needs no initialisation, and bucket pages stay untouched

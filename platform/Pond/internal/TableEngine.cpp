@@ -18,7 +18,6 @@ namespace Pond::internal {
 
 namespace {
 
-constexpr uint32_t kMaxKeySize = 256;
 constexpr uint32_t kMaxRecordLen = 65536;
 constexpr uint32_t kMaxCapacity = 1u << 30;
 constexpr uint32_t kDefaultLogMin = 1024;
@@ -271,6 +270,9 @@ void TableEngine::bind() {
   chunkSize_ = h->chunkSize;
   chunkCount_ = h->chunkCount;
   heapBytes_ = uint64_t{chunkSize_} * chunkCount_;
+  if (layout_.keyOffset != RowLayout::kKeyNotBytewise) {
+    keyOffset_ = layout_.keyOffset + (layout_.variable ? static_cast<uint32_t>(sizeof(HeapRef)) : 0);
+  }
   uint8_t* base = segment_.base();
   buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
   slots_ = base + h->slotsOffset;
@@ -361,15 +363,14 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
           if (loadRelaxed(&s->seq) != seq) {
             break;  // the slot changed under us: start over
           }
-          match = layout_.keyEqual(slotKey, key);
+          match = sameKey(slotKey, key);
         } else {
           seqCopyOut(out, data, rowBytes_);
           __atomic_thread_fence(__ATOMIC_ACQUIRE);
           if (loadRelaxed(&s->seq) != seq) {
             break;
           }
-          layout_.keyOfRow(out, slotKey);
-          match = layout_.keyEqual(slotKey, key);
+          match = holdsKey(out, key);
         }
       } else {
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
@@ -478,26 +479,28 @@ TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* 
 // The writer.
 
 uint32_t TableEngine::findSlot(const void* key, uint32_t hash, uint32_t* prev) const {
-  alignas(8) uint8_t slotKey[kMaxKeySize];
   *prev = kNoSlot;
-  uint32_t link = loadRelaxed(&bucket(hash)->head);
+  uint32_t link = bucket(hash)->head;
   for (uint32_t hops = 0; link != kNoSlot && hops < capacity_; ++hops) {
     const SlotHeader* s = slot(link - 1);
-    if (s->hash == hash && (s->flags & kSlotLive)) {
-      const uint8_t* data = slotData(link - 1);
-      if (layout_.variable) {
-        std::memcpy(slotKey, data + sizeof(HeapRef), layout_.keySize);
-      } else {
-        layout_.keyOfRow(data, slotKey);
-      }
-      if (layout_.keyEqual(slotKey, key)) {
-        return link;
-      }
+    if (s->hash == hash && (s->flags & kSlotLive) && holdsKey(slotData(link - 1), key)) {
+      return link;
     }
     *prev = link;
     link = s->next;
   }
   return kNoSlot;
+}
+
+bool TableEngine::holdsKeySlow(const uint8_t* data, const void* key) const {
+  if (layout_.variable) {
+    alignas(8) uint8_t slotKey[kMaxKeySize];
+    std::memcpy(slotKey, data + sizeof(HeapRef), layout_.keySize);
+    return layout_.keyEqual(slotKey, key);
+  }
+  alignas(8) uint8_t rowKey[kMaxKeySize];
+  layout_.keyOfRow(data, rowKey);
+  return layout_.keyEqual(rowKey, key);
 }
 
 uint32_t TableEngine::allocSlot() {

@@ -15,6 +15,8 @@
 #include <random>
 #include <set>
 
+#include "Pond/internal/Layout.h"
+#include "Pond/internal/Segment.h"
 #include "PondTestTypes.h"
 
 namespace {
