@@ -157,15 +157,19 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   checkGroupHeader(group->state_->segment, name);
   // The lock goes with the process: a writer that dies leaves the group to the next one.
   if (::flock(group->state_->segment.fd(), LOCK_EX | LOCK_NB) != 0) {
+    // acquire: as in writerPid(); only for the message.
     throw WriterExistsError(fmt::format("mount group '{}' has a writer already (pid {})", name,
                                         loadAcquire(&group->header()->writerPid)));
   }
   auto* h = reinterpret_cast<GroupHeader*>(group->state_->segment.base());
   uint32_t pid = static_cast<uint32_t>(::getpid());
+  // The pid is cleared while the start time changes, so that a reader never pairs the new
+  // start time with the old pid. release, all three: each is seen after the one before.
   internal::storeRelease(&h->writerPid, 0);
   internal::storeRelease(&h->writerStartTime, processStartTime(pid).value_or(0));
   internal::storeRelease(&h->writerPid, pid);
   if (!created) {
+    // release: a reader that sees the new incarnation sees the new writer's pid too.
     internal::storeRelease(&h->incarnation, h->incarnation + 1);
   }
   group->incarnation_ = h->incarnation;
@@ -185,7 +189,8 @@ MountGroup::~MountGroup() {
   loopIs(nullptr);
   stopWaiter();
   if (role_ == Role::writer && state_->segment.base()) {
-    // A clean exit: no writer is attached any more.
+    // A clean exit: no writer is attached any more. release: the writer's last changes are
+    // published before readers see it gone.
     internal::storeRelease(&reinterpret_cast<GroupHeader*>(state_->segment.base())->writerPid, 0);
     futexWakeAll(&header()->wakeSeq);
   }
@@ -226,10 +231,12 @@ std::vector<std::string> MountGroup::tableNames(std::string_view name) {
 }
 
 uint64_t MountGroup::writerIncarnation() const noexcept {
+  // acquire: pairs with the writer's release; the new writer's pid is read after it.
   return state_->segment.base() ? loadAcquire(&header()->incarnation) : 0;
 }
 
 uint32_t MountGroup::writerPid() const noexcept {
+  // acquire: pairs with the writer's release stores of its pid and start time.
   return state_->segment.base() ? loadAcquire(&header()->writerPid) : 0;
 }
 
@@ -240,11 +247,14 @@ bool MountGroup::writerAlive() const {
   if (!state_->segment.base()) {
     return false;
   }
+  // acquire: the start time is read after the pid it goes with (the writer stores the pid
+  // last, with release).
   uint32_t pid = loadAcquire(&header()->writerPid);
   if (pid == 0) {
     return false;
   }
   auto start = processStartTime(pid);
+  // acquire: ordered after the pid's load, as the writer ordered the stores.
   return start && *start == loadAcquire(&header()->writerStartTime);
 }
 
@@ -264,6 +274,7 @@ void MountGroup::publish() {
     return;
   }
   auto* h = reinterpret_cast<GroupHeader*>(state_->segment.base());
+  // release: a reader woken by the new value sees the changes it announces.
   internal::storeRelease(&h->wakeSeq, h->wakeSeq + 1);
   futexWakeAll(&h->wakeSeq);
   changes_ = 0;
@@ -295,6 +306,7 @@ bool MountGroup::tryOpenGroup() {
   }
   checkGroupHeader(*s, name_);
   state_->segment = std::move(*s);
+  // acquire, both: pair with the writer's release stores; the tables are read after them.
   lastWake_ = loadAcquire(&header()->wakeSeq);
   incarnation_ = loadAcquire(&header()->incarnation);
   return true;
@@ -343,6 +355,7 @@ size_t MountGroup::processChanges() {
   for (internal::TableBase* t : tables_) {
     allOpen = t->tryOpen() && allOpen;
   }
+  // acquire: pairs with the new writer's release store; its tables are read after it.
   uint64_t incarnation = loadAcquire(&header()->incarnation);
   bool newWriter = incarnation != incarnation_;
   incarnation_ = incarnation;
@@ -396,6 +409,7 @@ bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
     }
   }
   const uint32_t* word = &header()->wakeSeq;
+  // acquire, both: pair with publish()'s release; the changes it announces are read after.
   uint32_t seen = loadAcquire(word);
   if (seen == lastWake_) {
     futexWait(word, seen, timeout);
@@ -423,7 +437,7 @@ int MountGroup::changeFd() {
     };
     std::optional<Segment> own;
     uint32_t seen = 0;
-    while (!stopWaiter_.load()) {
+    while (!stopWaiter_.load()) {  // seq_cst: see stopWaiter()
       if (!own) {
         try {
           own = Segment::open(Segment::groupShmName(name), false, sizeof(GroupHeader));
@@ -435,10 +449,13 @@ int MountGroup::changeFd() {
           continue;
         }
         const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
-        waiterWord_.store(word);
-        seen = loadAcquire(word) - 1;  // signal once for what happened before we looked
+        waiterWord_.store(word);  // seq_cst: read by stopWaiter(), to wake this thread
+        // acquire: as below. Signal once for what happened before we looked.
+        seen = loadAcquire(word) - 1;
       }
       const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
+      // acquire: pairs with publish()'s release (the fd only signals; the reader reads the
+      // tables itself).
       uint32_t now = loadAcquire(word);
       if (now != seen) {
         seen = now;
@@ -447,7 +464,7 @@ int MountGroup::changeFd() {
       if (futexWait(word, now, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT) {
         struct stat st {};
         if (::stat(Segment::pathOf(own->name()).c_str(), &st) != 0 || st.st_ino != own->inode()) {
-          waiterWord_.store(nullptr);
+          waiterWord_.store(nullptr);  // seq_cst: as above
           own.reset();
           signal();
         }
@@ -483,6 +500,9 @@ void MountGroup::stopWaiter() {
   if (!waiter_.joinable()) {
     return;
   }
+  // seq_cst, this store and the load below, as the waiter's store of the word and load of
+  // the flag: either this thread sees the word and wakes the waiter, or the waiter sees the
+  // flag before it sleeps again (a store-then-load order that only seq_cst gives).
   stopWaiter_.store(true);
   if (const uint32_t* word = waiterWord_.load()) {
     futexWakeAll(word);  // waking needs no write access to the word

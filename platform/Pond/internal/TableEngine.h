@@ -91,6 +91,7 @@ class TableEngine {
   // `key`, and its length; null when absent. Inline: the typed face's one out-of-line
   // call reaches it, and it compares key bytes itself (see holdsKey).
   const uint8_t* findOwn(const void* key, uint32_t hash, uint32_t* len) const {
+    // Plain loads: only this process stores to the table.
     uint32_t link = buckets_[hash & bucketMask_].head;
     for (uint32_t hops = 0; link != kNoSlot; ++hops) {
       if (link > capacity_ || hops >= capacity_) [[unlikely]] {
@@ -134,7 +135,14 @@ class TableEngine {
                            const std::string& where);
   void bind();
   void validate(const RowLayout& layout) const;
+  // A writer's repair: rebuildWriterState and the steps it takes.
+  struct Repair;
   void rebuildWriterState();
+  void repairChain(uint32_t bucketIndex, Repair& repair);
+  bool keepChained(uint32_t index, uint32_t bucketIndex, Repair& repair);
+  bool claimRecord(HeapRef ref, Repair& repair) const;
+  void rebuildFreeSlots(const Repair& repair);
+  void rebuildHeap(const std::vector<std::vector<uint64_t>>& usedBlocks);
   void initHeapClasses();
 
   TableHeader* header() const noexcept { return reinterpret_cast<TableHeader*>(segment_.base()); }
@@ -193,6 +201,7 @@ class TableEngine {
 
   // Waits for a seqlock counter to be even and returns it.
   uint32_t waitEven(const uint32_t* seq, const char* what, uint32_t index) const {
+    // acquire: the fields the counter guards must not be read before it.
     uint32_t s = loadAcquire(seq);
     return (s & 1) == 0 ? s : waitEvenSlow(seq, what, index);
   }
@@ -203,6 +212,7 @@ class TableEngine {
 
   // Writer helpers.
   uint32_t findSlot(const void* key, uint32_t hash, uint32_t* prev) const;
+  void unlink(Bucket* b, uint32_t prev, uint32_t next);
   uint32_t allocSlot();
   uint32_t allocBlock(uint32_t len);
   void freeBlock(HeapRef ref);
