@@ -17,6 +17,10 @@
 // delivers the tables' notifications; waitForChange() or changeFd() say when to call it.
 // `ready` is true once the group and every table mounted in it are open.
 //
+// What a reader may observe: the writer's pid, start time and incarnation as one writer
+// left them (a new writer stores them before its incarnation); a publish after the changes
+// it announces.
+//
 // Threads: a group and its tables belong to one thread. changeFd() starts a helper thread
 // of the group's own, which only waits and signals the fd.
 #pragma once

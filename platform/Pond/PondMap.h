@@ -11,9 +11,16 @@
 //     chunk per size class in use.
 // Keys are trivially copyable values hashed with their framework hash.
 //
-// Writer (the process whose group role is writer): upsert, erase, clear. Reading works in
-// both roles. A reader's lookup copies the row out of shared memory and checks it was not
-// changed meanwhile; it never blocks the writer and never returns a torn row.
+// Who writes: the one process whose group role is writer (upsert, erase, clear). Reading
+// works in both roles; the writer reads its own rows in place.
+//
+// What a reader may observe: a lookup copies the row out of shared memory and checks it was
+// not changed meanwhile; it never blocks the writer and never returns a torn row. A lookup
+// that races with a change returns the row as it was before or after it. An iteration
+// returns every row present from its start to its end once, each as it was at some moment
+// between them; rows added or removed meanwhile may or may not be returned. version()
+// counts the changes: a lookup made after it returned sees every change it counted. size()
+// may lag or lead a change in progress.
 //
 // Notifications (readers): MountGroup::processChanges() calls the change handler once per
 // changed key: a row added, changed or deleted. Several changes of one key between two
