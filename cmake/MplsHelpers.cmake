@@ -99,12 +99,12 @@ function(mpls_add_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
-# mpls_install_library(NAME [DIR dir] [PRIVATE_DIRS subdir...]): installs the shared
-# library NAME into the export set MplsTargets (imported by users as Mpls::NAME) and the
-# headers of the calling directory, with their subdirectories but the PRIVATE_DIRS ones,
-# under include/mpls/DIR (DIR defaults to the directory's name).
+# mpls_install_library(NAME [DIR dir]): installs the shared library NAME into the export
+# set MplsTargets (imported by users as Mpls::NAME) and the headers of the calling
+# directory, with their subdirectories, under include/mpls/DIR (DIR defaults to the
+# directory's name).
 function(mpls_install_library name)
-  cmake_parse_arguments(ARG "" "DIR" "PRIVATE_DIRS" ${ARGN})
+  cmake_parse_arguments(ARG "" "DIR" "" ${ARGN})
   if(NOT ARG_DIR)
     get_filename_component(ARG_DIR ${CMAKE_CURRENT_SOURCE_DIR} NAME)
   endif()
@@ -113,13 +113,8 @@ function(mpls_install_library name)
       NAMELINK_COMPONENT development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
-  set(_mpls_private_patterns "")
-  foreach(dir ${ARG_PRIVATE_DIRS})
-    list(APPEND _mpls_private_patterns PATTERN "${dir}" EXCLUDE)
-  endforeach()
   install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/
     DESTINATION ${MPLS_INSTALL_INCLUDEDIR}/${ARG_DIR}
     COMPONENT development
-    FILES_MATCHING PATTERN "*.h"
-    ${_mpls_private_patterns})
+    FILES_MATCHING PATTERN "*.h")
 endfunction()

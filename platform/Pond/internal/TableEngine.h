@@ -1,7 +1,8 @@
 // The engine of every Pond table: one writer process, any number of reader processes, a
-// hash table in one shared-memory segment. Internal to platform/Pond; the typed face is
-// Pond::PondMap (Pond/PondMap.h). The engine works on key and row bytes; the typed face
-// supplies the key equality and the conversions.
+// hash table in one shared-memory segment. Internal to platform/Pond: no public header
+// includes it. Pond::TableCore holds it, out of line; the typed face is Pond::PondMap
+// (Pond/PondMap.h). The engine works on key and row bytes; the typed face supplies the key
+// equality, where the rows hold their keys, and the conversions.
 //
 // Who may do what:
 //   - exactly one process (the writer) calls upsert, erase and clear; it maps the segment
