@@ -17,6 +17,7 @@
 
 #include "Mpls/MplsLfib.h"
 #include "Pond/MountGroup.h"
+#include "Pond/internal/Segment.h"
 
 namespace {
 

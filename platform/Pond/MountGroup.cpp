@@ -18,6 +18,10 @@
 
 #include <fmt/format.h>
 
+#include "Pond/internal/Layout.h"
+#include "Pond/internal/Segment.h"
+#include "Pond/internal/TableEngine.h"
+
 namespace Pond {
 
 using internal::GroupHeader;
@@ -86,8 +90,40 @@ void checkGroupHeader(const Segment& s, std::string_view name) {
 
 }  // namespace
 
+namespace internal {
+
+// A group's segment, and the group as its tables' engines see it.
+class GroupState final : public GroupLink {
+ public:
+  GroupState(MountGroup& group, SegmentOptions segmentOptions)
+      : group_(group), options(std::move(segmentOptions)) {}
+
+  const std::string& groupName() const override { return group_.name(); }
+  const SegmentOptions& segmentOptions() const override { return options; }
+  void noteChange() override { group_.noteChange(); }
+  bool writerAlive() const override { return group_.writerAlive(); }
+
+ private:
+  MountGroup& group_;
+
+ public:
+  const SegmentOptions options;
+  Segment segment;
+};
+
+}  // namespace internal
+
 MountGroup::MountGroup(std::string name, Role role, internal::SegmentOptions options)
-    : name_(std::move(name)), role_(role), options_(options), ready_(role == Role::writer) {}
+    : name_(std::move(name)),
+      role_(role),
+      state_(std::make_unique<internal::GroupState>(*this, std::move(options))),
+      ready_(role == Role::writer) {}
+
+internal::GroupLink& MountGroup::link() noexcept { return *state_; }
+
+const GroupHeader* MountGroup::header() const noexcept {
+  return reinterpret_cast<const GroupHeader*>(state_->segment.base());
+}
 
 MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& options) {
   Segment::checkName("mount group", name);
@@ -98,9 +134,9 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   // that opens it before its writer is done attaching does not take that writer for a
   // second one.
   bool created = false;
-  for (int attempt = 0; attempt < 3 && !group->segment_.base(); ++attempt) {
+  for (int attempt = 0; attempt < 3 && !group->state_->segment.base(); ++attempt) {
     if (auto existing = Segment::open(shm, true, sizeof(GroupHeader))) {
-      group->segment_ = std::move(*existing);
+      group->state_->segment = std::move(*existing);
     } else if (auto made = Segment::create(shm, sizeof(GroupHeader), segmentOptions,
                                            [&](uint8_t* base) {
                                              auto* h = reinterpret_cast<GroupHeader*>(base);
@@ -110,26 +146,30 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
                                              h->incarnation = 1;
                                              std::memcpy(h->name, name.data(), name.size());
                                            })) {
-      group->segment_ = std::move(*made);
+      group->state_->segment = std::move(*made);
       created = true;
     }
   }
-  if (!group->segment_.base()) {
+  if (!group->state_->segment.base()) {
     throw SegmentError(fmt::format("mount group '{}': its segment keeps appearing and "
                                    "disappearing", name));
   }
-  checkGroupHeader(group->segment_, name);
+  checkGroupHeader(group->state_->segment, name);
   // The lock goes with the process: a writer that dies leaves the group to the next one.
-  if (::flock(group->segment_.fd(), LOCK_EX | LOCK_NB) != 0) {
+  if (::flock(group->state_->segment.fd(), LOCK_EX | LOCK_NB) != 0) {
+    // acquire: as in writerPid(); only for the message.
     throw WriterExistsError(fmt::format("mount group '{}' has a writer already (pid {})", name,
                                         loadAcquire(&group->header()->writerPid)));
   }
-  auto* h = reinterpret_cast<GroupHeader*>(group->segment_.base());
+  auto* h = reinterpret_cast<GroupHeader*>(group->state_->segment.base());
   uint32_t pid = static_cast<uint32_t>(::getpid());
+  // The pid is cleared while the start time changes, so that a reader never pairs the new
+  // start time with the old pid. release, all three: each is seen after the one before.
   internal::storeRelease(&h->writerPid, 0);
   internal::storeRelease(&h->writerStartTime, processStartTime(pid).value_or(0));
   internal::storeRelease(&h->writerPid, pid);
   if (!created) {
+    // release: a reader that sees the new incarnation sees the new writer's pid too.
     internal::storeRelease(&h->incarnation, h->incarnation + 1);
   }
   group->incarnation_ = h->incarnation;
@@ -148,9 +188,10 @@ MountGroup::Ptr MountGroup::reader(std::string_view name) {
 MountGroup::~MountGroup() {
   loopIs(nullptr);
   stopWaiter();
-  if (role_ == Role::writer && segment_.base()) {
-    // A clean exit: no writer is attached any more.
-    internal::storeRelease(&reinterpret_cast<GroupHeader*>(segment_.base())->writerPid, 0);
+  if (role_ == Role::writer && state_->segment.base()) {
+    // A clean exit: no writer is attached any more. release: the writer's last changes are
+    // published before readers see it gone.
+    internal::storeRelease(&reinterpret_cast<GroupHeader*>(state_->segment.base())->writerPid, 0);
     futexWakeAll(&header()->wakeSeq);
   }
   if (inotifyFd_ >= 0) {
@@ -190,25 +231,30 @@ std::vector<std::string> MountGroup::tableNames(std::string_view name) {
 }
 
 uint64_t MountGroup::writerIncarnation() const noexcept {
-  return segment_.base() ? loadAcquire(&header()->incarnation) : 0;
+  // acquire: pairs with the writer's release; the new writer's pid is read after it.
+  return state_->segment.base() ? loadAcquire(&header()->incarnation) : 0;
 }
 
 uint32_t MountGroup::writerPid() const noexcept {
-  return segment_.base() ? loadAcquire(&header()->writerPid) : 0;
+  // acquire: pairs with the writer's release stores of its pid and start time.
+  return state_->segment.base() ? loadAcquire(&header()->writerPid) : 0;
 }
 
 bool MountGroup::writerAlive() const {
   if (role_ == Role::writer) {
     return true;
   }
-  if (!segment_.base()) {
+  if (!state_->segment.base()) {
     return false;
   }
+  // acquire: the start time is read after the pid it goes with (the writer stores the pid
+  // last, with release).
   uint32_t pid = loadAcquire(&header()->writerPid);
   if (pid == 0) {
     return false;
   }
   auto start = processStartTime(pid);
+  // acquire: ordered after the pid's load, as the writer ordered the stores.
   return start && *start == loadAcquire(&header()->writerStartTime);
 }
 
@@ -227,7 +273,8 @@ void MountGroup::publish() {
   if (role_ != Role::writer || changes_ == 0) {
     return;
   }
-  auto* h = reinterpret_cast<GroupHeader*>(segment_.base());
+  auto* h = reinterpret_cast<GroupHeader*>(state_->segment.base());
+  // release: a reader woken by the new value sees the changes it announces.
   internal::storeRelease(&h->wakeSeq, h->wakeSeq + 1);
   futexWakeAll(&h->wakeSeq);
   changes_ = 0;
@@ -241,7 +288,7 @@ void MountGroup::tableAttached() {
 
 void MountGroup::tableIs(internal::TableBase* table) {
   tables_.push_back(table);
-  if (role_ == Role::reader && segment_.base()) {
+  if (role_ == Role::reader && state_->segment.base()) {
     bool allOpen = true;
     for (internal::TableBase* t : tables_) {
       allOpen = t->tryOpen() && allOpen;
@@ -258,7 +305,8 @@ bool MountGroup::tryOpenGroup() {
     return false;
   }
   checkGroupHeader(*s, name_);
-  segment_ = std::move(*s);
+  state_->segment = std::move(*s);
+  // acquire, both: pair with the writer's release stores; the tables are read after them.
   lastWake_ = loadAcquire(&header()->wakeSeq);
   incarnation_ = loadAcquire(&header()->incarnation);
   return true;
@@ -268,7 +316,7 @@ void MountGroup::dropGroup() {
   for (internal::TableBase* t : tables_) {
     t->close();  // reopened tables resynchronise
   }
-  segment_ = Segment();
+  state_->segment = Segment();
 }
 
 void MountGroup::readyIs(bool ready) {
@@ -289,16 +337,16 @@ size_t MountGroup::processChanges() {
     }
   }
   auto now = std::chrono::steady_clock::now();
-  if (segment_.base() && now - lastReplacedCheck_ >= kReplacedCheckInterval) {
+  if (state_->segment.base() && now - lastReplacedCheck_ >= kReplacedCheckInterval) {
     // A writer that found no segments (they were removed) made new ones: follow them.
     lastReplacedCheck_ = now;
     struct stat st {};
-    if (::stat(Segment::pathOf(segment_.name()).c_str(), &st) != 0 ||
-        st.st_ino != segment_.inode()) {
+    if (::stat(Segment::pathOf(state_->segment.name()).c_str(), &st) != 0 ||
+        st.st_ino != state_->segment.inode()) {
       dropGroup();
     }
   }
-  if (!segment_.base() && !tryOpenGroup()) {
+  if (!state_->segment.base() && !tryOpenGroup()) {
     readyIs(false);
     return 0;
   }
@@ -307,6 +355,7 @@ size_t MountGroup::processChanges() {
   for (internal::TableBase* t : tables_) {
     allOpen = t->tryOpen() && allOpen;
   }
+  // acquire: pairs with the new writer's release store; its tables are read after it.
   uint64_t incarnation = loadAcquire(&header()->incarnation);
   bool newWriter = incarnation != incarnation_;
   incarnation_ = incarnation;
@@ -328,7 +377,7 @@ bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
   if (role_ != Role::reader) {
     return false;
   }
-  if (!segment_.base()) {
+  if (!state_->segment.base()) {
     // Nothing to sleep on yet: watch /dev/shm for the group's segment.
     if (inotifyFd_ < 0) {
       inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -360,6 +409,7 @@ bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
     }
   }
   const uint32_t* word = &header()->wakeSeq;
+  // acquire, both: pair with publish()'s release; the changes it announces are read after.
   uint32_t seen = loadAcquire(word);
   if (seen == lastWake_) {
     futexWait(word, seen, timeout);
@@ -387,7 +437,7 @@ int MountGroup::changeFd() {
     };
     std::optional<Segment> own;
     uint32_t seen = 0;
-    while (!stopWaiter_.load()) {
+    while (!stopWaiter_.load()) {  // seq_cst: see stopWaiter()
       if (!own) {
         try {
           own = Segment::open(Segment::groupShmName(name), false, sizeof(GroupHeader));
@@ -399,10 +449,13 @@ int MountGroup::changeFd() {
           continue;
         }
         const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
-        waiterWord_.store(word);
-        seen = loadAcquire(word) - 1;  // signal once for what happened before we looked
+        waiterWord_.store(word);  // seq_cst: read by stopWaiter(), to wake this thread
+        // acquire: as below. Signal once for what happened before we looked.
+        seen = loadAcquire(word) - 1;
       }
       const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
+      // acquire: pairs with publish()'s release (the fd only signals; the reader reads the
+      // tables itself).
       uint32_t now = loadAcquire(word);
       if (now != seen) {
         seen = now;
@@ -411,7 +464,7 @@ int MountGroup::changeFd() {
       if (futexWait(word, now, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT) {
         struct stat st {};
         if (::stat(Segment::pathOf(own->name()).c_str(), &st) != 0 || st.st_ino != own->inode()) {
-          waiterWord_.store(nullptr);
+          waiterWord_.store(nullptr);  // seq_cst: as above
           own.reset();
           signal();
         }
@@ -447,6 +500,9 @@ void MountGroup::stopWaiter() {
   if (!waiter_.joinable()) {
     return;
   }
+  // seq_cst, this store and the load below, as the waiter's store of the word and load of
+  // the flag: either this thread sees the word and wakes the waiter, or the waiter sees the
+  // flag before it sleeps again (a store-then-load order that only seq_cst gives).
   stopWaiter_.store(true);
   if (const uint32_t* word = waiterWord_.load()) {
     futexWakeAll(word);  // waking needs no write access to the word

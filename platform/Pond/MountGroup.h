@@ -17,6 +17,10 @@
 // delivers the tables' notifications; waitForChange() or changeFd() say when to call it.
 // `ready` is true once the group and every table mounted in it are open.
 //
+// What a reader may observe: the writer's pid, start time and incarnation as one writer
+// left them (a new writer stores them before its incarnation); a publish after the changes
+// it announces.
+//
 // Threads: a group and its tables belong to one thread. changeFd() starts a helper thread
 // of the group's own, which only waits and signals the fd.
 #pragma once
@@ -37,8 +41,6 @@
 #include "Kel/Entity.h"
 #include "Kel/EventLoop.h"
 #include "Pond/Exception.h"
-#include "Pond/internal/Segment.h"
-#include "Pond/internal/TableEngine.h"
 
 namespace Pond {
 
@@ -51,6 +53,11 @@ struct MountOptions {
 };
 
 namespace internal {
+class GroupLink;
+class GroupState;
+struct GroupHeader;
+struct SegmentOptions;
+
 // What a group asks of each of its tables.
 class TableBase {
  public:
@@ -71,7 +78,7 @@ class TableBase {
 };
 }  // namespace internal
 
-class MountGroup : public Kel::Entity, private internal::GroupLink {
+class MountGroup : public Kel::Entity {
  public:
   using Ptr = Kel::Ptr<MountGroup>;
 
@@ -104,7 +111,7 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   uint32_t writerPid() const noexcept;
   // Whether the group's writer process is alive (a reader checks its pid and start time,
   // so a recycled pid does not pass for it).
-  bool writerAlive() const override;
+  bool writerAlive() const;
 
   // Writer: wakes the readers sleeping on the group if anything changed since the last
   // publish. Cheap when nothing did.
@@ -126,7 +133,7 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   // can.
   void tableIs(internal::TableBase* table);
   void tableDel(internal::TableBase* table);
-  internal::GroupLink& link() noexcept { return *this; }
+  internal::GroupLink& link() noexcept;
   // Writer: a table was created or attached; readers waiting for it are woken.
   void tableAttached();
 
@@ -137,19 +144,16 @@ class MountGroup : public Kel::Entity, private internal::GroupLink {
   void readyIs(bool ready);
   void stopWaiter();
 
-  // GroupLink
-  const std::string& groupName() const override { return name_; }
-  const internal::SegmentOptions& segmentOptions() const override { return options_; }
-  void noteChange() override;
-
-  const internal::GroupHeader* header() const noexcept {
-    return reinterpret_cast<const internal::GroupHeader*>(segment_.base());
-  }
+  friend class internal::GroupState;
+  // Writer: a table logged a change.
+  void noteChange();
+  // The group segment's header; null while it is not mapped.
+  const internal::GroupHeader* header() const noexcept;
 
   std::string name_;
   Role role_;
-  internal::SegmentOptions options_;
-  internal::Segment segment_;
+  // The group's segment, and what its tables ask of the group.
+  std::unique_ptr<internal::GroupState> state_;
   std::vector<internal::TableBase*> tables_;
   bool ready_;
   uint64_t incarnation_ = 0;

@@ -11,9 +11,16 @@
 //     chunk per size class in use.
 // Keys are trivially copyable values hashed with their framework hash.
 //
-// Writer (the process whose group role is writer): upsert, erase, clear. Reading works in
-// both roles. A reader's lookup copies the row out of shared memory and checks it was not
-// changed meanwhile; it never blocks the writer and never returns a torn row.
+// Who writes: the one process whose group role is writer (upsert, erase, clear). Reading
+// works in both roles; the writer reads its own rows in place.
+//
+// What a reader may observe: a lookup copies the row out of shared memory and checks it was
+// not changed meanwhile; it never blocks the writer and never returns a torn row. A lookup
+// that races with a change returns the row as it was before or after it. An iteration
+// returns every row present from its start to its end once, each as it was at some moment
+// between them; rows added or removed meanwhile may or may not be returned. version()
+// counts the changes: a lookup made after it returned sees every change it counted. size()
+// may lag or lead a change in progress.
 //
 // Notifications (readers): MountGroup::processChanges() calls the change handler once per
 // changed key: a row added, changed or deleted. Several changes of one key between two
@@ -29,10 +36,10 @@
 #pragma once
 
 #include <concepts>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -43,7 +50,8 @@
 #include "Kel/Value.h"
 #include "Pond/IterHint.h"
 #include "Pond/MountGroup.h"
-#include "Pond/internal/TableEngine.h"
+#include "Pond/TableCore.h"
+#include "Pond/TableSizing.h"
 
 namespace Pond {
 
@@ -55,46 +63,25 @@ concept VariableRow = requires(const Row& r, Row& w, uint8_t* out, const uint8_t
   Row::deserializeLen(in, n);
 };
 
-namespace internal {
-constexpr uint32_t kKeyHashSeed = 0x504f4e44;  // "POND": readers and writer agree on it
-
-// Reports a reader's corruption finding to the system log.
-void logCorruption(const std::string& text);
-uint64_t fingerprintOf(const std::string& schema);
-}  // namespace internal
-
 template <class Key, class Row>
-class PondMap final : private internal::TableBase {
+class PondMap final : public TableCore, private internal::TableBase {
   static_assert(std::is_trivially_copyable_v<Key>, "keys are stored as they are");
   static_assert(VariableRow<Row> || std::is_trivially_copyable_v<Row>,
                 "a row is trivially copyable or has a binary form");
 
  public:
   // Writer role: creates the table or attaches to the one left by a previous writer (see
-  // TableEngine for the repair). Reader role: mounts the table, which may appear later.
+  // TableCore for the repair). Reader role: mounts the table, which may appear later.
   PondMap(Kel::Ptr<MountGroup> group, std::string name, const TableSizing& sizing = {})
-      : group_(std::move(group)), name_(std::move(name)), layout_(makeLayout(sizing)) {
-    if (group_->role() == Role::writer) {
-      engine_ = internal::TableEngine::attachWriter(group_->link(), name_, layout_, sizing);
-      buffer_.resize(engine_->bufferSize() / 8 + 1);
-      group_->tableAttached();
-    } else {
-      internal::Segment::checkName("table", name_);
-    }
-    group_->tableIs(this);
+      : TableCore(std::move(group), std::move(name), formatOf(sizing), sizing) {
+    TableCore::group()->tableIs(this);
   }
-  ~PondMap() { group_->tableDel(this); }
+  ~PondMap() { TableCore::group()->tableDel(this); }
   PondMap(const PondMap&) = delete;
   PondMap& operator=(const PondMap&) = delete;
 
-  const std::string& tableName() const override { return name_; }
-  const Kel::Ptr<MountGroup>& group() const noexcept { return group_; }
-  bool opened() const override { return engine_ != nullptr; }
-  uint32_t size() const { return engine_ ? engine_->rowCount() : 0; }
-  uint32_t capacity() const { return engine_ ? engine_->capacity() : 0; }
-  uint64_t version() const { return engine_ ? engine_->version() : 0; }
-  // Bytes of the table's segment resident in memory.
-  uint64_t residentBytes() const { return engine_ ? engine_->residentBytes() : 0; }
+  const std::string& tableName() const override { return TableCore::tableName(); }
+  bool opened() const override { return TableCore::opened(); }
 
   // The row of `key`, or a default row when there is none.
   Row lookup(const Key& key) const {
@@ -104,16 +91,22 @@ class PondMap final : private internal::TableBase {
   }
   // Copies the row of `key` into `row` and returns true; false when there is none.
   bool find(const Key& key, Row& row) const {
-    if (!engine_) {
+    if (!opened()) {
       return false;
     }
     try {
       const uint32_t hash = Kel::hashOf(key, internal::kKeyHashSeed);
-      if (engine_->writer()) {
-        return findOwn(key, hash, row);
-      }
       uint32_t len = 0;
-      if (!engine_->find(&key, hash, bytes(), &len)) {
+      if (writer()) {
+        // In place: nothing changes the table under its writer.
+        const uint8_t* data = findOwn(&key, hash, &len);
+        if (!data) {
+          return false;
+        }
+        decodeFrom(row, data, len);
+        return true;
+      }
+      if (!findCopy(&key, hash, &len)) {
         return false;
       }
       decodeFrom(row, bytes(), len);
@@ -128,18 +121,17 @@ class PondMap final : private internal::TableBase {
   // hint on; true when the iteration reached the end.
   template <class F>
   bool forEach(IterHint& hint, F&& f, uint32_t maxRows = UINT32_MAX) const {
-    if (!engine_) {
+    if (!opened()) {
       return true;
     }
     for (uint32_t n = 0; n < maxRows; ++n) {
       Row row{};
       try {
         uint32_t len = 0;
-        alignas(8) uint8_t key[sizeof(Key) + 8];
-        if (!engine_->next(hint, bytes(), &len, key)) {
+        if (!next(hint, &len)) {
           return true;
         }
-        decode(row, len);
+        decodeFrom(row, bytes(), len);
       } catch (const Kel::Exception& e) {
         reportCorruption(e.what());
         ++hint.slot;
@@ -164,22 +156,22 @@ class PondMap final : private internal::TableBase {
     uint32_t len;
     if constexpr (VariableRow<Row>) {
       len = row.serializeLen();
-      if (len > layout_.rowSize || len == 0) {
+      if (len > rowFormat().rowSize || len == 0) {
         std::vector<uint8_t> record(len);
         row.serialize(record.data());
-        Kel::throwSizeExceeded(layout_.rowSize, len, record.data(), record.size());
+        Kel::throwSizeExceeded(rowFormat().rowSize, len, record.data(), record.size());
       }
       row.serialize(bytes());
     } else {
       len = sizeof(Row);
       std::memcpy(bytes(), &row, sizeof(Row));
     }
-    engine_->upsert(&key, Kel::hashOf(key, internal::kKeyHashSeed), bytes(), len);
+    upsertBytes(&key, Kel::hashOf(key, internal::kKeyHashSeed), len);
   }
   // Writer: removes the row of `key`; false when there was none.
   bool erase(const Key& key) {
     requireWriter();
-    return engine_->erase(&key, Kel::hashOf(key, internal::kKeyHashSeed));
+    return eraseKey(&key, Kel::hashOf(key, internal::kKeyHashSeed));
   }
   // Writer: removes every row.
   void clear() {
@@ -195,7 +187,7 @@ class PondMap final : private internal::TableBase {
   // Reader: called with the key of every changed row (see above).
   void changeHandlerIs(std::function<void(const Key&)> handler) {
     changeHandler_ = std::move(handler);
-    if (changeHandler_ && engine_ && !tracking_) {
+    if (changeHandler_ && opened() && !tracking_) {
       known_ = presentKeys();
     }
     tracking_ = static_cast<bool>(changeHandler_);
@@ -204,40 +196,39 @@ class PondMap final : private internal::TableBase {
   // called at once when it is open already.
   void mountHandlerIs(std::function<void()> handler) {
     mountHandler_ = std::move(handler);
-    if (mountHandler_ && engine_) {
+    if (mountHandler_ && opened()) {
       mountHandler_();
     }
   }
-  void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
-    corruptionHandler_ = std::move(handler);
-  }
+  using TableCore::corruptionHandlerIs;
 
  private:
-  static internal::RowLayout makeLayout(const TableSizing& sizing) {
-    internal::RowLayout l;
-    l.typeName = std::string(Key::kelTypeName) + " -> " + std::string(Row::kelTypeName);
-    l.keySize = sizeof(Key);
-    l.variable = VariableRow<Row>;
+  static RowFormat formatOf(const TableSizing& sizing) {
+    RowFormat f;
+    f.typeName = std::string(Key::kelTypeName) + " -> " + std::string(Row::kelTypeName);
+    f.keySize = sizeof(Key);
+    f.variable = VariableRow<Row>;
     if constexpr (VariableRow<Row>) {
       if constexpr (requires { Row::kMaxLen; }) {
-        l.rowSize = sizing.maxRecordLen ? sizing.maxRecordLen : Row::kMaxLen;
+        f.rowSize = sizing.maxRecordLen ? sizing.maxRecordLen : Row::kMaxLen;
       } else {
-        l.rowSize = sizing.maxRecordLen;
+        f.rowSize = sizing.maxRecordLen;
       }
     } else {
-      l.rowSize = sizeof(Row);
+      f.rowSize = sizeof(Row);
     }
-    l.fingerprint = internal::fingerprintOf(
+    f.fingerprint = internal::fingerprintOf(
         Kel::schemaOf<Key>() + " -> " + Kel::schemaOf<Row>() +
         (VariableRow<Row> ? " (serialised)" : " (" + std::to_string(sizeof(Row)) + " bytes)"));
-    l.keyEqual = [](const void* a, const void* b) {
+    f.keyOffset = keyOffset();
+    f.keyEqual = [](const void* a, const void* b) {
       Key x;
       Key y;
       std::memcpy(&x, a, sizeof(Key));
       std::memcpy(&y, b, sizeof(Key));
       return x == y;
     };
-    l.keyOfRow = [](const void* row, void* keyOut) {
+    f.keyOfRow = [](const void* row, void* keyOut) {
       if constexpr (!VariableRow<Row>) {
         Row r;
         std::memcpy(&r, row, sizeof(Row));
@@ -245,37 +236,29 @@ class PondMap final : private internal::TableBase {
         std::memcpy(keyOut, &k, sizeof(Key));
       }
     };
-    return l;
+    return f;
   }
 
-  uint8_t* bytes() const { return reinterpret_cast<uint8_t*>(buffer_.data()); }
-
-  // The writer's lookup, in place (see TableEngine::findOwnSlot).
-  bool findOwn(const Key& key, uint32_t hash, Row& row) const {
-    if constexpr (VariableRow<Row>) {
-      const uint8_t* data = engine_->findOwnSlot(hash, [&](const uint8_t* d) {
-        Key stored;
-        std::memcpy(&stored, d + internal::TableEngine::kVariableKeyOffset, sizeof(Key));
-        return stored == key;
-      });
-      if (!data) {
-        return false;
-      }
-      uint32_t len = 0;
-      const uint8_t* record = engine_->ownRecord(data, &len);
-      row.deserialize(record, len);
-      return true;
+  // Where a stored row holds its key's bytes (see RowFormat::keyOffset). Keys with one
+  // representation per value compare bytewise; a fixed row holds its key as it is when
+  // key() returns a reference to a member of the row.
+  static uint32_t keyOffset() {
+    if constexpr (!std::has_unique_object_representations_v<Key>) {
+      return RowFormat::kKeyNotBytewise;
+    } else if constexpr (VariableRow<Row>) {
+      return 0;
+    } else if constexpr (std::is_lvalue_reference_v<decltype(std::declval<const Row&>().key())>) {
+      static const uint32_t offset = [] {
+        const Row r{};
+        const auto* at = reinterpret_cast<const std::byte*>(&r.key());
+        const auto* base = reinterpret_cast<const std::byte*>(&r);
+        return at >= base && at + sizeof(Key) <= base + sizeof(Row)
+                   ? static_cast<uint32_t>(at - base)
+                   : RowFormat::kKeyNotBytewise;
+      }();
+      return offset;
     } else {
-      alignas(Row) uint8_t image[sizeof(Row)];
-      const uint8_t* data = engine_->findOwnSlot(hash, [&](const uint8_t* d) {
-        std::memcpy(image, d, sizeof(Row));
-        return reinterpret_cast<const Row*>(image)->key() == key;
-      });
-      if (!data) {
-        return false;
-      }
-      std::memcpy(&row, image, sizeof(Row));
-      return true;
+      return RowFormat::kKeyNotBytewise;
     }
   }
 
@@ -284,22 +267,6 @@ class PondMap final : private internal::TableBase {
       row.deserialize(in, len);
     } else {
       std::memcpy(&row, in, sizeof(Row));
-    }
-  }
-  void decode(Row& row, uint32_t len) const { decodeFrom(row, bytes(), len); }
-
-  void requireWriter() const {
-    if (group_->role() != Role::writer) {
-      throw NotWriterError(fmt::format("table '{}' of mount group '{}' is mounted for reading",
-                                       name_, group_->name()));
-    }
-  }
-
-  void reportCorruption(const std::string& text) const {
-    if (corruptionHandler_) {
-      corruptionHandler_(text);
-    } else {
-      internal::logCorruption(text);
     }
   }
 
@@ -311,18 +278,16 @@ class PondMap final : private internal::TableBase {
   }
 
   bool tryOpen() override {
-    if (engine_) {
+    if (opened()) {
       return true;
     }
-    engine_ = internal::TableEngine::openReader(group_->link(), name_, layout_);
-    if (!engine_) {
+    if (!openReader()) {
       return false;
     }
-    buffer_.resize(engine_->bufferSize() / 8 + 1);
     if (reopened_) {
       resync();  // the group was replaced: hear what changed from the tables themselves
     } else {
-      cursor_ = engine_->logHead();
+      cursor_ = logHead();
       if (tracking_) {
         known_ = presentKeys();
       }
@@ -334,29 +299,28 @@ class PondMap final : private internal::TableBase {
   }
 
   void close() override {
-    if (engine_) {
-      engine_.reset();
+    if (closeReader()) {
       reopened_ = true;
     }
   }
 
   size_t pollChanges() override {
-    if (!engine_) {
+    if (!opened()) {
       return 0;
     }
-    uint64_t head = engine_->logHead();
-    if (head < cursor_ || head - cursor_ > engine_->logEntries()) {
+    uint64_t head = logHead();
+    if (head < cursor_ || head - cursor_ > logEntries()) {
       return resync();
     }
     size_t delivered = 0;
     for (; cursor_ < head; ++cursor_) {
       Key key;
-      uint32_t op = 0;
-      if (engine_->readLog(cursor_, &key, &op) == internal::TableEngine::LogRead::overrun) {
+      LogRead op = readLog(cursor_, &key);
+      if (op == LogRead::overrun) {
         return delivered + resync();
       }
       if (tracking_) {
-        if (op == internal::kLogSet) {
+        if (op == LogRead::set) {
           known_.insert(key);
         } else {
           known_.erase(key);
@@ -371,19 +335,18 @@ class PondMap final : private internal::TableBase {
   }
 
   size_t resync() override {
-    if (!engine_) {
+    if (!opened()) {
       return 0;
     }
-    uint64_t head = engine_->logHead();
+    uint64_t head = logHead();
     // The rows logged since the last delivery and gone since: the consumer may have read
     // them in the table before it heard of them, so it hears of them now. (Entries the log
     // no longer holds are lost to this; a consumer that fell that far behind cannot tell.)
     absl::flat_hash_set<Key, Kel::Hasher<Key>> logged;
-    if (changeHandler_ && head >= cursor_ && head - cursor_ <= engine_->logEntries()) {
+    if (changeHandler_ && head >= cursor_ && head - cursor_ <= logEntries()) {
       for (uint64_t seq = cursor_; seq < head; ++seq) {
         Key key;
-        uint32_t op = 0;
-        if (engine_->readLog(seq, &key, &op) == internal::TableEngine::LogRead::overrun) {
+        if (readLog(seq, &key) == LogRead::overrun) {
           break;
         }
         logged.insert(key);
@@ -417,18 +380,12 @@ class PondMap final : private internal::TableBase {
     return delivered;
   }
 
-  Kel::Ptr<MountGroup> group_;
-  std::string name_;
-  internal::RowLayout layout_;
-  std::unique_ptr<internal::TableEngine> engine_;
-  mutable std::vector<uint64_t> buffer_;
   uint64_t cursor_ = 0;
   bool reopened_ = false;
   bool tracking_ = false;
   absl::flat_hash_set<Key, Kel::Hasher<Key>> known_;
   std::function<void(const Key&)> changeHandler_;
   std::function<void()> mountHandler_;
-  std::function<void(const std::string&)> corruptionHandler_;
 };
 
 }  // namespace Pond

@@ -17,6 +17,7 @@ constexpr uint64_t kTableMagic = 0x31424154444e4f50ull;  // "PONDTAB1"
 // 2: keys of up to 16 bytes hash with Kel's short-key mix.
 constexpr uint32_t kLayoutVersion = 2;
 constexpr uint32_t kNameMax = 64;  // bytes of a group or table name, without its zero
+constexpr uint32_t kMaxKeySize = 256;
 
 // Chains link slots by index + 1, so that 0 ends a chain and a zero-filled segment holds
 // empty buckets: a new table needs no initialisation, and bucket pages stay untouched
@@ -115,6 +116,7 @@ constexpr uint64_t roundUp8(uint64_t n) { return (n + 7) & ~uint64_t{7}; }
 
 // ---------------------------------------------------------------------------------------
 // Access to shared fields. Readers map segments read-only, so loads take const pointers.
+// Each call site says why it needs the order it asks for.
 
 inline uint32_t loadAcquire(const uint32_t* p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
 inline uint64_t loadAcquire(const uint64_t* p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
@@ -146,10 +148,15 @@ inline void seqCopyIn(void* dst, const void* src, size_t bytes) {
 // Writer side of a seqlock section: odd on entry (release fence after, so the data stores
 // that follow cannot be seen before it), even on exit (release, so they are seen first).
 inline void seqBegin(uint32_t* seq) {
+  // relaxed load: the writer's own counter; relaxed store: the fence below orders it.
   __atomic_store_n(seq, __atomic_load_n(seq, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
+  // release: a reader that reads any store of the section reads the odd counter after it
+  // (pairs with the reader's acquire fence before its second read of the counter).
   __atomic_thread_fence(__ATOMIC_RELEASE);
 }
 inline void seqEnd(uint32_t* seq) {
+  // relaxed load: the writer's own counter; release store: publishes the section's stores
+  // before the even counter (pairs with the reader's acquire load of it).
   __atomic_store_n(seq, __atomic_load_n(seq, __ATOMIC_RELAXED) + 1, __ATOMIC_RELEASE);
 }
 

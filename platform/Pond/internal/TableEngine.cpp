@@ -18,7 +18,6 @@ namespace Pond::internal {
 
 namespace {
 
-constexpr uint32_t kMaxKeySize = 256;
 constexpr uint32_t kMaxRecordLen = 65536;
 constexpr uint32_t kMaxCapacity = 1u << 30;
 constexpr uint32_t kDefaultLogMin = 1024;
@@ -271,6 +270,9 @@ void TableEngine::bind() {
   chunkSize_ = h->chunkSize;
   chunkCount_ = h->chunkCount;
   heapBytes_ = uint64_t{chunkSize_} * chunkCount_;
+  if (layout_.keyOffset != RowLayout::kKeyNotBytewise) {
+    keyOffset_ = layout_.keyOffset + (layout_.variable ? static_cast<uint32_t>(sizeof(HeapRef)) : 0);
+  }
   uint8_t* base = segment_.base();
   buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
   slots_ = base + h->slotsOffset;
@@ -281,11 +283,16 @@ void TableEngine::bind() {
 
 // Readers size buffers by it: never more than the capacity, which the segment holds.
 uint32_t TableEngine::rowCount() const noexcept {
+  // relaxed: a statistic, ordered with nothing; the bound keeps a torn count harmless.
   return std::min(loadRelaxed(&header()->rowCount), capacity_);
 }
 
+// acquire: pairs with changed()'s release, so that a caller that sees a version reads the
+// rows as they were at least at that version.
 uint64_t TableEngine::version() const noexcept { return loadAcquire(&header()->version); }
 
+// acquire: pairs with appendLog's release: the entries below the head are read after it,
+// and the changes they record are visible in the table.
 uint64_t TableEngine::logHead() const noexcept { return loadAcquire(&header()->logHead); }
 
 uint64_t TableEngine::residentBytes() const {
@@ -310,7 +317,7 @@ void TableEngine::corrupt(const std::string& what) const {
 // odd means the writer was preempted, or died.
 uint32_t TableEngine::waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const {
   for (uint32_t spins = 0;; ++spins) {
-    uint32_t s = loadAcquire(seq);
+    uint32_t s = loadAcquire(seq);  // acquire: as waitEven's
     if ((s & 1) == 0) {
       return s;
     }
@@ -337,7 +344,9 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
   alignas(8) uint8_t slotKey[kMaxKeySize];
   const Bucket* b = bucket(hash);
   for (;;) {
+    // acquire (waitEven): the chain is read after the bucket's sequence number.
     uint32_t bucketSeq = waitEven(&b->seq, "bucket", hash & bucketMask_);
+    // acquire: the slot it names is read after the link, never from before it was filled.
     uint32_t link = loadAcquire(&b->head);
     bool found = false;
     for (uint32_t hops = 0; link != kNoSlot; ++hops) {
@@ -347,7 +356,10 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
       }
       const SlotHeader* s = slot(index);
       const uint8_t* data = slotData(index);
+      // acquire (waitEven): the slot's fields are read after its sequence number.
       uint32_t seq = waitEven(&s->seq, "slot", index);
+      // relaxed, these and the copies below: they race with the writer by design and are
+      // trusted only once the slot's sequence number is read again unchanged.
       uint32_t slotHash = loadRelaxed(&s->hash);
       uint32_t next = loadRelaxed(&s->next);
       uint32_t flags = loadRelaxed(&s->flags);
@@ -357,32 +369,36 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
         if (layout_.variable) {
           ref = unpackRef(__atomic_load_n(reinterpret_cast<const uint64_t*>(data), __ATOMIC_RELAXED));
           seqCopyOut(slotKey, data + sizeof(HeapRef), keyBytes_);
+          // acquire: the loads above complete before the sequence number is read again.
           __atomic_thread_fence(__ATOMIC_ACQUIRE);
-          if (loadRelaxed(&s->seq) != seq) {
+          if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
             break;  // the slot changed under us: start over
           }
-          match = layout_.keyEqual(slotKey, key);
+          match = sameKey(slotKey, key);
         } else {
           seqCopyOut(out, data, rowBytes_);
+          // acquire: the copy completes before the sequence number is read again.
           __atomic_thread_fence(__ATOMIC_ACQUIRE);
-          if (loadRelaxed(&s->seq) != seq) {
+          if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
             break;
           }
-          layout_.keyOfRow(out, slotKey);
-          match = layout_.keyEqual(slotKey, key);
+          match = holdsKey(out, key);
         }
       } else {
+        // acquire: the hash, link and flags are checked before they are trusted.
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
-        if (loadRelaxed(&s->seq) != seq) {
+        if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
           break;
         }
       }
       if (match) {
         if (layout_.variable) {
           checkRecord(ref, index);
+          // relaxed: the record is checked by the slot's sequence number, as above.
           seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));
+          // acquire: the record's copy completes before the sequence number is read again.
           __atomic_thread_fence(__ATOMIC_ACQUIRE);
-          if (loadRelaxed(&s->seq) != seq) {
+          if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
             break;  // rewritten while copied: the record may be torn
           }
           *recordLen = ref.length;
@@ -394,7 +410,9 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
       }
       link = next;
     }
+    // acquire: the whole walk completes before the bucket's sequence number is read again.
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    // relaxed: ordered by the fence.
     if (loadRelaxed(&b->seq) == bucketSeq && (found || link == kNoSlot)) {
       return found;
     }
@@ -409,12 +427,17 @@ void TableEngine::corruptChain(uint32_t hash, uint32_t link, uint32_t hops) cons
 
 bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const {
   alignas(8) uint8_t slotKey[kMaxKeySize];
+  // acquire: the slots below the mark are read after it (allocSlot raises it before it
+  // fills a slot).
   uint32_t highWater = std::min(loadAcquire(&header()->slotHighWater), capacity_);
   for (uint32_t index = hint.slot; index < highWater; ++index) {
     const SlotHeader* s = slot(index);
     const uint8_t* data = slotData(index);
     for (;;) {
+      // acquire (waitEven): the slot's fields are read after its sequence number.
       uint32_t seq = waitEven(&s->seq, "slot", index);
+      // relaxed, these and the copies: trusted only once the sequence number is read again
+      // unchanged.
       uint32_t flags = loadRelaxed(&s->flags);
       uint32_t hash = loadRelaxed(&s->hash);
       HeapRef ref{};
@@ -426,8 +449,9 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
           seqCopyOut(out, data, rowBytes_);
         }
       }
+      // acquire: the loads above complete before the sequence number is read again.
       __atomic_thread_fence(__ATOMIC_ACQUIRE);
-      if (loadRelaxed(&s->seq) != seq) {
+      if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
         continue;
       }
       if (!(flags & kSlotLive)) {
@@ -435,9 +459,10 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
       }
       if (layout_.variable) {
         checkRecord(ref, index);
-        seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));
+        seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));  // relaxed: as above
+        // acquire: the record's copy completes before the sequence number is read again.
         __atomic_thread_fence(__ATOMIC_ACQUIRE);
-        if (loadRelaxed(&s->seq) != seq) {
+        if (loadRelaxed(&s->seq) != seq) {  // relaxed: ordered by the fence
           continue;
         }
         std::memcpy(keyOut, slotKey, layout_.keySize);
@@ -460,12 +485,17 @@ TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* 
   alignas(8) uint8_t key[kMaxKeySize];
   const auto* e = reinterpret_cast<const LogEntryHeader*>(
       log_ + (seq & (logEntries_ - 1)) * uint64_t{logEntrySize_});
+  // acquire: the entry's op and key are read after its sequence number (appendLog stores
+  // it with release once they are written).
   if (loadAcquire(&e->seq) != seq) {
     return LogRead::overrun;
   }
+  // relaxed: the op and key race with a writer reusing the entry; checked below.
   uint32_t o = loadRelaxed(&e->op);
   seqCopyOut(key, reinterpret_cast<const uint8_t*>(e + 1), keyBytes_);
+  // acquire: the op and key are read before the sequence number is read again.
   __atomic_thread_fence(__ATOMIC_ACQUIRE);
+  // relaxed: ordered by the fence.
   if (loadRelaxed(&e->seq) != seq || (o != kLogSet && o != kLogDelete)) {
     return LogRead::overrun;
   }
@@ -478,26 +508,28 @@ TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* 
 // The writer.
 
 uint32_t TableEngine::findSlot(const void* key, uint32_t hash, uint32_t* prev) const {
-  alignas(8) uint8_t slotKey[kMaxKeySize];
   *prev = kNoSlot;
-  uint32_t link = loadRelaxed(&bucket(hash)->head);
+  uint32_t link = bucket(hash)->head;
   for (uint32_t hops = 0; link != kNoSlot && hops < capacity_; ++hops) {
     const SlotHeader* s = slot(link - 1);
-    if (s->hash == hash && (s->flags & kSlotLive)) {
-      const uint8_t* data = slotData(link - 1);
-      if (layout_.variable) {
-        std::memcpy(slotKey, data + sizeof(HeapRef), layout_.keySize);
-      } else {
-        layout_.keyOfRow(data, slotKey);
-      }
-      if (layout_.keyEqual(slotKey, key)) {
-        return link;
-      }
+    if (s->hash == hash && (s->flags & kSlotLive) && holdsKey(slotData(link - 1), key)) {
+      return link;
     }
     *prev = link;
     link = s->next;
   }
   return kNoSlot;
+}
+
+bool TableEngine::holdsKeySlow(const uint8_t* data, const void* key) const {
+  if (layout_.variable) {
+    alignas(8) uint8_t slotKey[kMaxKeySize];
+    std::memcpy(slotKey, data + sizeof(HeapRef), layout_.keySize);
+    return layout_.keyEqual(slotKey, key);
+  }
+  alignas(8) uint8_t rowKey[kMaxKeySize];
+  layout_.keyOfRow(data, rowKey);
+  return layout_.keyEqual(rowKey, key);
 }
 
 uint32_t TableEngine::allocSlot() {
@@ -507,7 +539,9 @@ uint32_t TableEngine::allocSlot() {
     return index;
   }
   uint32_t index = header()->slotHighWater;
-  // Iteration reads below the high-water mark: raise it before the slot is filled.
+  // Iteration reads below the high-water mark: raise it before the slot is filled (the
+  // fence of the slot's seqBegin keeps the fill after it). release: the writer's earlier
+  // changes are visible to a reader that loads the new mark.
   storeRelease(&header()->slotHighWater, index + 1);
   return index;
 }
@@ -519,16 +553,21 @@ void TableEngine::appendLog(uint32_t op, const void* key) {
   uint64_t seq = h->logHead;
   auto* e = reinterpret_cast<LogEntryHeader*>(log_ + (seq & (logEntries_ - 1)) * uint64_t{logEntrySize_});
   // A reader that loaded the entry's old seq must not accept the new contents.
+  // relaxed: the fence below orders it before them.
   storeRelaxed(&e->seq, ~uint64_t{0});
+  // release: a reader that reads any of the new op and key bytes then reads the invalid
+  // seq again (pairs with readLog's acquire fence).
   __atomic_thread_fence(__ATOMIC_RELEASE);
-  storeRelaxed(&e->op, op);
+  storeRelaxed(&e->op, op);  // relaxed, with the key: between the fence and the store of seq
   seqCopyIn(e + 1, padded, keyBytes_);
-  storeRelease(&e->seq, seq);
+  storeRelease(&e->seq, seq);  // release: publishes the op and key before the entry's seq
+  // release: publishes the entry, and the change it records, before the head moves past it.
   storeRelease(&h->logHead, seq + 1);
 }
 
 void TableEngine::changed() {
   TableHeader* h = header();
+  // release: publishes the change before the version that counts it.
   storeRelease(&h->version, h->version + 1);
   group_.noteChange();
 }
@@ -547,18 +586,20 @@ void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uin
   HeapRef ref{};
   if (layout_.variable) {
     ref = HeapRef{allocBlock(len), len};
+    // relaxed: a free block; the slot's seqEnd (release) publishes it before the reference.
     seqCopyIn(heap_ + ref.offset, row, roundUp8(len));
   }
   if (link != kNoSlot) {
     SlotHeader* s = slot(link - 1);
     uint8_t* data = slotData(link - 1);
     HeapRef old{};
-    seqBegin(&s->seq);
+    seqBegin(&s->seq);  // the slot's seqlock section (see seqBegin and seqEnd)
     if (layout_.variable) {
       old = unpackRef(*reinterpret_cast<const uint64_t*>(data));
+      // relaxed: inside the slot's seqlock section; one word, so never torn.
       __atomic_store_n(reinterpret_cast<uint64_t*>(data), packRef(ref), __ATOMIC_RELAXED);
     } else {
-      seqCopyIn(data, row, rowBytes_);
+      seqCopyIn(data, row, rowBytes_);  // relaxed: inside the slot's seqlock section
     }
     seqEnd(&s->seq);
     if (layout_.variable) {
@@ -569,7 +610,10 @@ void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uin
     SlotHeader* s = slot(index);
     uint8_t* data = slotData(index);
     Bucket* b = bucket(hash);
+    // The slot is filled in its seqlock section, and only then linked in the bucket's:
+    // seqEnd's release publishes the row before the bucket link.
     seqBegin(&s->seq);
+    // relaxed, these stores: inside the slot's seqlock section.
     storeRelaxed(&s->hash, hash);
     storeRelaxed(&s->next, b->head);
     storeRelaxed(&s->flags, kSlotLive);
@@ -581,12 +625,29 @@ void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uin
     }
     seqEnd(&s->seq);
     seqBegin(&b->seq);
-    storeRelaxed(&b->head, index + 1);
+    storeRelaxed(&b->head, index + 1);  // relaxed: inside the bucket's seqlock section
     seqEnd(&b->seq);
+    // relaxed: a statistic, ordered with nothing.
     storeRelaxed(&header()->rowCount, header()->rowCount + 1);
   }
   appendLog(kLogSet, keyBuf);
   changed();
+}
+
+// Makes a chain skip slots: the slot `prev` (kNoSlot: the bucket `b`) links to `next`.
+// Readers walking the chain meanwhile start over: the bucket's seqlock covers the change,
+// and the slot's covers its own link.
+void TableEngine::unlink(Bucket* b, uint32_t prev, uint32_t next) {
+  seqBegin(&b->seq);
+  if (prev == kNoSlot) {
+    storeRelaxed(&b->head, next);  // relaxed: inside the bucket's seqlock section
+  } else {
+    SlotHeader* p = slot(prev - 1);
+    seqBegin(&p->seq);
+    storeRelaxed(&p->next, next);  // relaxed: inside both seqlock sections
+    seqEnd(&p->seq);
+  }
+  seqEnd(&b->seq);
 }
 
 bool TableEngine::erase(const void* key, uint32_t hash) {
@@ -601,29 +662,21 @@ bool TableEngine::erase(const void* key, uint32_t hash) {
   alignas(8) uint8_t keyBuf[kMaxKeySize] = {};
   std::memcpy(keyBuf, key, layout_.keySize);
   SlotHeader* s = slot(link - 1);
-  Bucket* b = bucket(hash);
-  seqBegin(&b->seq);
-  if (prev == kNoSlot) {
-    storeRelaxed(&b->head, s->next);
-  } else {
-    SlotHeader* p = slot(prev - 1);
-    seqBegin(&p->seq);
-    storeRelaxed(&p->next, s->next);
-    seqEnd(&p->seq);
-  }
-  seqEnd(&b->seq);
+  unlink(bucket(hash), prev, s->next);
   HeapRef old{};
   if (layout_.variable) {
     old = unpackRef(*reinterpret_cast<const uint64_t*>(slotData(link - 1)));
   }
+  // Unlinked first, then emptied: a reader still on the slot sees it change and starts
+  // over.
   seqBegin(&s->seq);
-  storeRelaxed(&s->flags, 0);
+  storeRelaxed(&s->flags, 0);  // relaxed: inside the slot's seqlock section
   seqEnd(&s->seq);
   if (layout_.variable) {
     freeBlock(old);
   }
   freeSlots_.push_back(link - 1);
-  storeRelaxed(&header()->rowCount, header()->rowCount - 1);
+  storeRelaxed(&header()->rowCount, header()->rowCount - 1);  // relaxed: a statistic
   appendLog(kLogDelete, keyBuf);
   changed();
   return true;
@@ -717,156 +770,182 @@ void TableEngine::freeBlock(HeapRef ref) {
   }
 }
 
-// Rebuilds the writer's private state from the segment, repairing what a writer that died
-// left behind: seqlock counters left odd, a row rewritten in place half-way, slots filled
-// but never linked, records no slot refers to. Rows it has to drop are logged as deleted,
-// so that readers hear of them.
+// ---------------------------------------------------------------------------------------
+// A writer's repair. The writer's private state is rebuilt from the segment, and what a
+// writer that died left behind is repaired: seqlock counters left odd, a row rewritten in
+// place half-way, slots filled but never linked, records no slot refers to. Rows it has to
+// drop are logged as deleted, so that readers hear of them.
+
+// What the walk over the chains found.
+struct TableEngine::Repair {
+  uint32_t highWater = 0;                         // slots at or above it were never used
+  std::vector<uint8_t> linked;                    // per slot below it: kept on a chain
+  std::vector<std::vector<uint64_t>> usedBlocks;  // per heap chunk: a bit per block in use
+  std::vector<std::vector<uint8_t>> dropped;      // the keys of the rows dropped
+  uint32_t rows = 0;
+};
+
 void TableEngine::rebuildWriterState() {
-  TableHeader* h = header();
   if (layout_.variable) {
     initHeapClasses();
   }
-  uint32_t highWater = std::min(h->slotHighWater, capacity_);
-  storeRelease(&h->slotHighWater, highWater);
-  std::vector<uint8_t> linked(highWater, 0);
-  std::vector<std::vector<uint64_t>> usedBlocks(layout_.variable ? chunkCount_ : 0);
-  alignas(8) uint8_t key[kMaxKeySize];
-  uint32_t rows = 0;
-  std::vector<std::pair<uint32_t, std::vector<uint8_t>>> dropped;  // op, key
-
+  Repair repair;
+  repair.highWater = std::min(header()->slotHighWater, capacity_);
+  // release: a reader's iteration reads no slot at or above the mark it loads (acquire).
+  storeRelease(&header()->slotHighWater, repair.highWater);
+  repair.linked.assign(repair.highWater, 0);
+  repair.usedBlocks.resize(layout_.variable ? chunkCount_ : 0);
   for (uint32_t bi = 0; bi <= bucketMask_; ++bi) {
-    Bucket* b = &buckets_[bi];
-    if (b->seq & 1) {
-      seqEnd(&b->seq);
-    }
-    uint32_t prev = kNoSlot;
-    uint32_t link = b->head;
-    while (link != kNoSlot) {
-      uint32_t index = link - 1;
-      auto cut = [&] {
-        seqBegin(&b->seq);
-        if (prev == kNoSlot) {
-          storeRelaxed(&b->head, kNoSlot);
-        } else {
-          storeRelaxed(&slot(prev - 1)->next, kNoSlot);
-        }
-        seqEnd(&b->seq);
-      };
-      if (index >= highWater || linked[index]) {
-        cut();  // out of range, or a loop: the rest of the chain cannot be trusted
-        break;
-      }
-      SlotHeader* s = slot(index);
-      uint8_t* data = slotData(index);
-      bool torn = s->seq & 1;
-      if (torn) {
-        seqEnd(&s->seq);
-      }
-      bool keep = (s->flags & kSlotLive) && (s->hash & bucketMask_) == bi;
-      bool keyKnown = false;
-      if (layout_.variable) {
-        std::memcpy(key, data + sizeof(HeapRef), layout_.keySize);
-        keyKnown = true;
-        HeapRef ref = unpackRef(*reinterpret_cast<const uint64_t*>(data));
-        uint32_t c = ref.offset / chunkSize_;
-        bool refOk = ref.length > 0 && ref.length <= bufferSize_ && (ref.offset & 7) == 0 &&
-                     uint64_t{ref.offset} + ref.length <= heapBytes_ && chunkClass_[c] != 0 &&
-                     chunkClass_[c] <= classSize_.size() &&
-                     classSize_[chunkClass_[c] - 1] >= ref.length &&
-                     (ref.offset % chunkSize_) % classSize_[chunkClass_[c] - 1] == 0;
-        if (keep && refOk) {
-          uint32_t block = (ref.offset % chunkSize_) / classSize_[chunkClass_[c] - 1];
-          auto& bits = usedBlocks[c];
-          bits.resize(chunkSize_ / 16 / 64 + 1, 0);
-          if (bits[block / 64] & (uint64_t{1} << (block % 64))) {
-            refOk = false;  // two slots share one record
-          } else {
-            bits[block / 64] |= uint64_t{1} << (block % 64);
-          }
-        }
-        keep = keep && refOk;
-      } else {
-        // A fixed row rewritten half-way may be torn: drop it. Its key is intact: an update
-        // in place writes the same key bytes again.
-        keyKnown = s->flags & kSlotLive;
-        layout_.keyOfRow(data, key);
-        keep = keep && !torn;
-      }
-      uint32_t next = s->next;
-      if (!keep) {
-        seqBegin(&b->seq);
-        if (prev == kNoSlot) {
-          storeRelaxed(&b->head, next);
-        } else {
-          storeRelaxed(&slot(prev - 1)->next, next);
-        }
-        seqEnd(&b->seq);
-        if (keyKnown) {
-          dropped.emplace_back(kLogDelete, std::vector<uint8_t>(key, key + layout_.keySize));
-        }
-        link = next;
-        continue;
-      }
-      linked[index] = 1;
-      ++rows;
-      prev = link;
-      link = next;
-    }
+    repairChain(bi, repair);
   }
+  rebuildFreeSlots(repair);
+  // relaxed: rowCount is a statistic, ordered with nothing else.
+  storeRelaxed(&header()->rowCount, repair.rows);
+  if (layout_.variable) {
+    rebuildHeap(repair.usedBlocks);
+  }
+  for (const auto& key : repair.dropped) {
+    appendLog(kLogDelete, key.data());
+  }
+  if (!repair.dropped.empty()) {
+    changed();
+  }
+}
+
+// Closes the bucket's seqlock if it was left open and walks its chain, unlinking the slots
+// whose rows do not stay; a chain that leaves the slots in use, or loops, is cut there.
+void TableEngine::repairChain(uint32_t bi, Repair& repair) {
+  Bucket* b = &buckets_[bi];
+  if (b->seq & 1) {
+    seqEnd(&b->seq);  // release: the dead writer's stores to the chain are published
+  }
+  uint32_t prev = kNoSlot;
+  for (uint32_t link = b->head; link != kNoSlot;) {
+    uint32_t index = link - 1;
+    if (index >= repair.highWater || repair.linked[index]) {
+      unlink(b, prev, kNoSlot);  // the rest of the chain cannot be trusted
+      return;
+    }
+    bool keep = keepChained(index, bi, repair);
+    uint32_t next = slot(index)->next;
+    if (keep) {
+      repair.linked[index] = 1;
+      ++repair.rows;
+      prev = link;
+    } else {
+      unlink(b, prev, next);
+    }
+    link = next;
+  }
+}
+
+// Closes a chained slot's seqlock if it was left open and says whether its row stays: live,
+// on its hash's chain and whole (a fixed row not caught rewritten half-way, a variable
+// row's record in the heap and its own). The key of a row that goes, when known, is noted
+// to be logged.
+bool TableEngine::keepChained(uint32_t index, uint32_t bi, Repair& repair) {
+  SlotHeader* s = slot(index);
+  const uint8_t* data = slotData(index);
+  bool torn = s->seq & 1;
+  if (torn) {
+    seqEnd(&s->seq);  // release: what the dead writer stored is published (and checked below)
+  }
+  bool keep = (s->flags & kSlotLive) && (s->hash & bucketMask_) == bi;
+  alignas(8) uint8_t key[kMaxKeySize];
+  bool keyKnown;
+  if (layout_.variable) {
+    std::memcpy(key, data + sizeof(HeapRef), layout_.keySize);
+    keyKnown = true;
+    keep = keep && claimRecord(unpackRef(*reinterpret_cast<const uint64_t*>(data)), repair);
+  } else {
+    // A fixed row rewritten half-way may be torn: drop it. Its key is intact: an update in
+    // place writes the same key bytes again.
+    keyKnown = s->flags & kSlotLive;
+    layout_.keyOfRow(data, key);
+    keep = keep && !torn;
+  }
+  if (!keep && keyKnown) {
+    repair.dropped.emplace_back(key, key + layout_.keySize);
+  }
+  return keep;
+}
+
+// Marks the heap block of `ref` used; false when the reference does not fit the heap and
+// its size classes, or another row's record is there already.
+bool TableEngine::claimRecord(HeapRef ref, Repair& repair) const {
+  uint32_t c = ref.offset / chunkSize_;
+  bool fits = ref.length > 0 && ref.length <= bufferSize_ && (ref.offset & 7) == 0 &&
+              uint64_t{ref.offset} + ref.length <= heapBytes_ && chunkClass_[c] != 0 &&
+              chunkClass_[c] <= classSize_.size() &&
+              classSize_[chunkClass_[c] - 1] >= ref.length &&
+              (ref.offset % chunkSize_) % classSize_[chunkClass_[c] - 1] == 0;
+  if (!fits) {
+    return false;
+  }
+  uint32_t block = (ref.offset % chunkSize_) / classSize_[chunkClass_[c] - 1];
+  auto& bits = repair.usedBlocks[c];
+  bits.resize(chunkSize_ / 16 / 64 + 1, 0);
+  uint64_t bit = uint64_t{1} << (block % 64);
+  if (bits[block / 64] & bit) {
+    return false;  // two slots share one record
+  }
+  bits[block / 64] |= bit;
+  return true;
+}
+
+// Every slot below the high-water mark that no chain keeps is free; one left live, or with
+// its seqlock open, is cleared first.
+void TableEngine::rebuildFreeSlots(const Repair& repair) {
   freeSlots_.clear();
-  for (uint32_t index = highWater; index-- > 0;) {
-    if (linked[index]) {
+  for (uint32_t index = repair.highWater; index-- > 0;) {
+    if (repair.linked[index]) {
       continue;
     }
     SlotHeader* s = slot(index);
     if (s->flags != 0 || (s->seq & 1)) {
       if (s->seq & 1) {
-        seqEnd(&s->seq);
+        seqEnd(&s->seq);  // even again, so that the section below leaves it even
       }
       seqBegin(&s->seq);
+      // relaxed: inside the slot's seqlock section.
       storeRelaxed(&s->flags, 0);
       seqEnd(&s->seq);
     }
     freeSlots_.push_back(index);
   }
-  storeRelaxed(&h->rowCount, rows);
+}
 
-  if (layout_.variable) {
-    chunks_.assign(chunkCount_, Chunk{});
-    freeChunks_.clear();
-    chunkHighWater_ = 0;
-    for (uint32_t c = 0; c < chunkCount_; ++c) {
-      if (chunkClass_[c] != 0) {
-        chunkHighWater_ = c + 1;
-      }
-    }
-    for (uint32_t c = chunkHighWater_; c-- > 0;) {
-      uint8_t cls1 = chunkClass_[c];
-      const auto& bits = usedBlocks[c];
-      if (cls1 == 0 || cls1 > classSize_.size() || bits.empty()) {
-        chunkClass_[c] = 0;
-        freeChunks_.push_back(c);
-        continue;
-      }
-      uint32_t blocks = chunkSize_ / classSize_[cls1 - 1];
-      Chunk& chunk = chunks_[c];
-      for (uint32_t block = blocks; block-- > 0;) {
-        if (bits[block / 64] & (uint64_t{1} << (block % 64))) {
-          ++chunk.live;
-        } else {
-          chunk.freeBlocks.push_back(static_cast<uint16_t>(block));
-        }
-      }
-      if (!chunk.freeBlocks.empty()) {
-        partialChunks_[cls1 - 1].push_back(c);
-      }
+// The heap's chunks from the blocks the kept rows use: a chunk without any goes back to
+// the pool, the others keep their class and free blocks.
+void TableEngine::rebuildHeap(const std::vector<std::vector<uint64_t>>& usedBlocks) {
+  chunks_.assign(chunkCount_, Chunk{});
+  freeChunks_.clear();
+  chunkHighWater_ = 0;
+  for (uint32_t c = 0; c < chunkCount_; ++c) {
+    if (chunkClass_[c] != 0) {
+      chunkHighWater_ = c + 1;
     }
   }
-  for (const auto& [op, k] : dropped) {
-    appendLog(op, k.data());
-  }
-  if (!dropped.empty()) {
-    changed();
+  for (uint32_t c = chunkHighWater_; c-- > 0;) {
+    uint8_t cls1 = chunkClass_[c];
+    const auto& bits = usedBlocks[c];
+    if (cls1 == 0 || cls1 > classSize_.size() || bits.empty()) {
+      chunkClass_[c] = 0;
+      freeChunks_.push_back(c);
+      continue;
+    }
+    uint32_t blocks = chunkSize_ / classSize_[cls1 - 1];
+    Chunk& chunk = chunks_[c];
+    for (uint32_t block = blocks; block-- > 0;) {
+      if (bits[block / 64] & (uint64_t{1} << (block % 64))) {
+        ++chunk.live;
+      } else {
+        chunk.freeBlocks.push_back(static_cast<uint16_t>(block));
+      }
+    }
+    if (!chunk.freeBlocks.empty()) {
+      partialChunks_[cls1 - 1].push_back(c);
+    }
   }
 }
 

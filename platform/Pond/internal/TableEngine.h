@@ -1,14 +1,15 @@
 // The engine of every Pond table: one writer process, any number of reader processes, a
-// hash table in one shared-memory segment. Internal to platform/Pond; the typed face is
-// Pond::PondMap (Pond/PondMap.h). The engine works on key and row bytes; the typed face
-// supplies the key equality and the conversions.
+// hash table in one shared-memory segment. Internal to platform/Pond: no public header
+// includes it. Pond::TableCore holds it, out of line; the typed face is Pond::PondMap
+// (Pond/PondMap.h). The engine works on key and row bytes; the typed face supplies the key
+// equality, where the rows hold their keys, and the conversions.
 //
 // Who may do what:
 //   - exactly one process (the writer) calls upsert, erase and clear; it maps the segment
 //     read-write;
 //   - readers map the segment read-only and call find, next and readLog; they never take
 //     a lock and never make the writer wait;
-//   - the writer reads its own rows in place (findOwnSlot); its iteration uses the reader
+//   - the writer reads its own rows in place (findOwn); its iteration uses the reader
 //     path.
 // What a reader may observe: every row it returns was committed by the writer as a whole
 // (per-slot seqlocks; rows are copied out, then checked). A lookup that races with the
@@ -31,18 +32,12 @@
 #include <vector>
 
 #include "Pond/IterHint.h"
+#include "Pond/TableCore.h"
+#include "Pond/TableSizing.h"
 #include "Pond/internal/Layout.h"
 #include "Pond/internal/Segment.h"
 
 namespace Pond {
-
-// How big a table is. Fixed by the writer that creates the table.
-struct TableSizing {
-  uint32_t capacity = 1024;   // rows
-  uint32_t logEntries = 0;    // change log entries (a power of two); 0: the default
-  uint64_t heapBytes = 0;     // variable rows: bytes of record heap; 0: from capacity
-  uint32_t maxRecordLen = 0;  // variable rows: the largest record; 0: the row type's own
-};
 
 namespace internal {
 
@@ -61,15 +56,7 @@ class GroupLink {
 };
 
 // The shape of a table's rows, from the typed face.
-struct RowLayout {
-  std::string typeName;   // "Mpls::RouteKey -> Mpls::LfibRoute", for messages
-  uint64_t fingerprint;   // of the key and row types and their sizes
-  uint32_t keySize;
-  uint32_t rowSize;       // fixed rows: sizeof the row; variable rows: the largest record
-  bool variable;
-  bool (*keyEqual)(const void* a, const void* b);
-  void (*keyOfRow)(const void* row, void* keyOut);  // fixed rows only
-};
+using RowLayout = TableCore::RowFormat;
 
 class TableEngine {
  public:
@@ -99,17 +86,13 @@ class TableEngine {
   // bytes) and returns true; false when absent. `recordLen` receives the record's length.
   bool find(const void* key, uint32_t hash, uint8_t* out, uint32_t* recordLen) const;
 
-  // The writer's own lookups. Nothing else changes the table under its writer, so it reads
-  // in place, without the readers' seqlock protocol and without a copy; what these return
-  // stays valid until the writer's next change. Inline, so that the typed face compares
-  // keys without an indirect call.
-  //
-  // The data of the live slot of `hash` for which `matches(data)` holds, or null. A fixed
-  // row's data is the row; a variable row's is its record reference, then its key at
-  // kVariableKeyOffset.
-  static constexpr uint32_t kVariableKeyOffset = sizeof(HeapRef);
-  template <class Matches>
-  const uint8_t* findOwnSlot(uint32_t hash, Matches&& matches) const {
+  // The writer's own lookup. Nothing else changes the table under its writer, so it
+  // reads in place, without the readers' seqlock protocol and without a copy; what it
+  // returns stays valid until the writer's next change. The row (fixed rows) or record of
+  // `key`, and its length; null when absent. Inline: the typed face's one out-of-line
+  // call reaches it, and it compares key bytes itself (see holdsKey).
+  const uint8_t* findOwn(const void* key, uint32_t hash, uint32_t* len) const {
+    // Plain loads: only this process stores to the table.
     uint32_t link = buckets_[hash & bucketMask_].head;
     for (uint32_t hops = 0; link != kNoSlot; ++hops) {
       if (link > capacity_ || hops >= capacity_) [[unlikely]] {
@@ -117,23 +100,16 @@ class TableEngine {
       }
       const SlotHeader* s = slot(link - 1);
       const uint8_t* data = slotData(link - 1);
-      if (s->hash == hash && (s->flags & kSlotLive) && matches(data)) {
+      if (s->hash == hash && (s->flags & kSlotLive) && holdsKey(data, key)) {
+        if (layout_.variable) {
+          return ownRecord(data, len);
+        }
+        *len = layout_.rowSize;
         return data;
       }
       link = s->next;
     }
     return nullptr;
-  }
-  // The record a variable row's slot data refers to, and its length.
-  const uint8_t* ownRecord(const uint8_t* slotData, uint32_t* recordLen) const {
-    HeapRef ref;
-    std::memcpy(&ref, slotData, sizeof(ref));
-    if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
-        uint64_t{ref.offset} + ((ref.length + 7) & ~7u) > heapBytes_) [[unlikely]] {
-      checkRecord(ref, static_cast<uint32_t>((slotData - slots_) / slotSize_));
-    }
-    *recordLen = ref.length;
-    return heap_ + ref.offset;
   }
   // Copies the next row at or after hint.slot, moves the hint past it and returns true;
   // false at the end. `keyOut` (variable rows) receives its key.
@@ -160,7 +136,14 @@ class TableEngine {
                            const std::string& where);
   void bind();
   void validate(const RowLayout& layout) const;
+  // A writer's repair: rebuildWriterState and the steps it takes.
+  struct Repair;
   void rebuildWriterState();
+  void repairChain(uint32_t bucketIndex, Repair& repair);
+  bool keepChained(uint32_t index, uint32_t bucketIndex, Repair& repair);
+  bool claimRecord(HeapRef ref, Repair& repair) const;
+  void rebuildFreeSlots(const Repair& repair);
+  void rebuildHeap(const std::vector<std::vector<uint64_t>>& usedBlocks);
   void initHeapClasses();
 
   TableHeader* header() const noexcept { return reinterpret_cast<TableHeader*>(segment_.base()); }
@@ -172,8 +155,54 @@ class TableEngine {
     return slots_ + uint64_t{index} * slotSize_ + sizeof(SlotHeader);
   }
 
+  // Whether slot data (or a copy of it: a fixed row) holds `key`. Keys that compare
+  // bytewise are compared where the slot keeps them, without a call through the layout.
+  bool holdsKey(const uint8_t* data, const void* key) const {
+    if (keyOffset_ != RowLayout::kKeyNotBytewise) [[likely]] {
+      return sameBytes(data + keyOffset_, key, layout_.keySize);
+    }
+    return holdsKeySlow(data, key);
+  }
+  bool holdsKeySlow(const uint8_t* data, const void* key) const;
+  // Whether two keys (their bytes) are equal.
+  bool sameKey(const void* a, const void* b) const {
+    return keyOffset_ != RowLayout::kKeyNotBytewise ? sameBytes(a, b, layout_.keySize)
+                                                    : layout_.keyEqual(a, b);
+  }
+  // memcmp, with the usual key sizes compared in registers.
+  static bool sameBytes(const void* a, const void* b, uint32_t n) {
+    if (n == 8) {
+      uint64_t x;
+      uint64_t y;
+      std::memcpy(&x, a, 8);
+      std::memcpy(&y, b, 8);
+      return x == y;
+    }
+    if (n == 4) {
+      uint32_t x;
+      uint32_t y;
+      std::memcpy(&x, a, 4);
+      std::memcpy(&y, b, 4);
+      return x == y;
+    }
+    return std::memcmp(a, b, n) == 0;
+  }
+
+  // The record a variable row's slot data refers to, and its length.
+  const uint8_t* ownRecord(const uint8_t* slotData, uint32_t* recordLen) const {
+    HeapRef ref;
+    std::memcpy(&ref, slotData, sizeof(ref));
+    if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
+        uint64_t{ref.offset} + ((ref.length + 7) & ~7u) > heapBytes_) [[unlikely]] {
+      checkRecord(ref, static_cast<uint32_t>((slotData - slots_) / slotSize_));
+    }
+    *recordLen = ref.length;
+    return heap_ + ref.offset;
+  }
+
   // Waits for a seqlock counter to be even and returns it.
   uint32_t waitEven(const uint32_t* seq, const char* what, uint32_t index) const {
+    // acquire: the fields the counter guards must not be read before it.
     uint32_t s = loadAcquire(seq);
     return (s & 1) == 0 ? s : waitEvenSlow(seq, what, index);
   }
@@ -184,6 +213,7 @@ class TableEngine {
 
   // Writer helpers.
   uint32_t findSlot(const void* key, uint32_t hash, uint32_t* prev) const;
+  void unlink(Bucket* b, uint32_t prev, uint32_t next);
   uint32_t allocSlot();
   uint32_t allocBlock(uint32_t len);
   void freeBlock(HeapRef ref);
@@ -202,6 +232,7 @@ class TableEngine {
   uint32_t bucketMask_ = 0;
   uint32_t slotSize_ = 0;
   uint32_t keyBytes_ = 0;   // key size rounded up to 8
+  uint32_t keyOffset_ = RowLayout::kKeyNotBytewise;  // of the key in slot data, if bytewise
   uint32_t rowBytes_ = 0;   // fixed: row size rounded up to 8
   uint32_t bufferSize_ = 0;
   uint32_t logEntries_ = 0;

@@ -15,6 +15,8 @@
 #include <random>
 #include <set>
 
+#include "Pond/internal/Layout.h"
+#include "Pond/internal/Segment.h"
 #include "PondTestTypes.h"
 
 namespace {
@@ -74,6 +76,22 @@ TEST(PondMap, WriterAndReaderAgree) {
   EXPECT_THROW(r.erase(Key(1)), Pond::NotWriterError);
   w.clear();
   EXPECT_EQ(r.size(), 0u);
+
+  // Keys found wherever the row holds them, and however they compare, by both roles.
+  PondMap<Key, TailKeyRow> tail(writer, "tail", sized(8));
+  PondMap<PaddedKey, PaddedKeyRow> padded(writer, "padded", sized(8));
+  PondMap<Key, TailKeyRow> tailRead(reader, "tail");
+  for (uint32_t i = 0; i < 8; ++i) {
+    tail.upsert(TailKeyRow(i, Key(i)));
+    tail.upsert(TailKeyRow(i * 10, Key(i)));  // replaces
+    padded.upsert(PaddedKeyRow(PaddedKey(1, i), i * 10));
+  }
+  EXPECT_EQ(tail.size() + padded.size(), 16u);
+  EXPECT_EQ(tail.lookup(Key(3)).n(), 30u);
+  EXPECT_EQ(tailRead.lookup(Key(3)).n(), 30u);
+  EXPECT_EQ(padded.lookup(PaddedKey(1, 3)).n(), 30u);
+  EXPECT_TRUE(padded.erase(PaddedKey(1, 3)));
+  EXPECT_FALSE(padded.find(PaddedKey(1, 3), *std::make_unique<PaddedKeyRow>()));
 }
 
 TEST(PondMap, VariableRowsTakeAboutTheirLength) {

@@ -30,6 +30,18 @@ class Row {
   bool consistent() const { return b_ == a_ * 3 + 1 && c_ == (a_ ^ 0x5555555555555555ull) && d_ == ~a_; }
 };
 
+// Rows whose keys the table cannot compare at the row's start: one after another field,
+// one with padding bytes (compared through its equality).
+class TailKeyRow {
+  KEL_VALUE(TailKeyRow, "PondTest::TailKeyRow", (uint64_t, n), (Key, key));
+};
+class PaddedKey {
+  KEL_VALUE(PaddedKey, "PondTest::PaddedKey", (uint8_t, kind), (uint32_t, id));
+};
+class PaddedKeyRow {
+  KEL_VALUE(PaddedKeyRow, "PondTest::PaddedKeyRow", (PaddedKey, key), (uint64_t, n));
+};
+
 // A variable row: its key and 0 to 100 words, each derived from the first.
 class VarRow {
   using Words = std::vector<uint32_t>;
