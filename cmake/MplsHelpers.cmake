@@ -99,12 +99,17 @@ function(mpls_add_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
-# mpls_install_library(NAME [DIR dir]): installs the shared library NAME into the export
-# set MplsTargets (imported by users as Mpls::NAME) and the headers of the calling
-# directory, with their subdirectories, under include/mpls/DIR (DIR defaults to the
-# directory's name).
+# mpls_install_library(NAME [DIR dir] [PRIVATE_INTERNAL]): installs the shared library NAME
+# into the export set MplsTargets (imported by users as Mpls::NAME) and the headers of the
+# calling directory, with their subdirectories, under include/mpls/DIR (DIR defaults to the
+# directory's name). PRIVATE_INTERNAL leaves out the internal/ folder, for a library whose
+# public headers do not include it.
 function(mpls_install_library name)
-  cmake_parse_arguments(ARG "" "DIR" "" ${ARGN})
+  cmake_parse_arguments(ARG "PRIVATE_INTERNAL" "DIR" "" ${ARGN})
+  set(exclude)
+  if(ARG_PRIVATE_INTERNAL)
+    set(exclude PATTERN "internal" EXCLUDE)
+  endif()
   if(NOT ARG_DIR)
     get_filename_component(ARG_DIR ${CMAKE_CURRENT_SOURCE_DIR} NAME)
   endif()
@@ -116,5 +121,5 @@ function(mpls_install_library name)
   install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/
     DESTINATION ${MPLS_INSTALL_INCLUDEDIR}/${ARG_DIR}
     COMPONENT development
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h" ${exclude})
 endfunction()
