@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Mpls/MplsLfib.h"
@@ -178,6 +179,55 @@ TEST(LfibStatus, EvpnRoutesNeedMetricZeroViaSetsAreHomogeneousAndEvpnSetsHoldOne
   EXPECT_EQ(rec.takeSorted(),
             (Events{lfibEvent("dot1qTagToVlanColl", mapKey), lfibEvent("dot1qTagToVlanColl", mapKey),
                     lfibEvent("dot1qTagToVlanComposite", rowKey)}));
+
+  // The integrity check looks across the tables, at what each row names and at what
+  // nothing names. Route 16's via set names a via that is missing; and:
+  using Kind = LfibIntegrityProblem::Kind;
+  const LfibViaKey evpnVia = set.viaKey(0);
+  const LfibViaSetKey missingSet = setKey(viaTypeMplsIp, 9);
+  s.lfibRouteIs(LfibRoute(RouteKey(17), missingSet, LFib::sourceStatic, FwdEqvClass(), 0));
+  const LfibViaKey fec(LFib::sourceStatic, viaTypeExternalFec, 1);
+  const LfibViaKey strayMpls(LFib::sourceStatic, viaTypeMplsIp, 2);
+  LfibViaSet mixed(setKey(viaTypeExternalFec, 10));
+  mixed.viaKeyIs(0, fec);
+  mixed.viaKeyIs(1, strayMpls);
+  EXPECT_THROW(s.viaSetIs(mixed), Kel::InternalException);  // stored all the same
+  lfib.via(fec);
+  lfib.via(strayMpls);  // named by a via set: not unused
+  lfib.route(18, mixed.key());
+  const LfibViaSetKey unusedSet = setKey(viaTypeMplsPseudowire, 11);
+  lfib.viaSet(unusedSet, {});
+  const LfibViaKey unusedVia(LFib::sourceStatic, viaTypeMplsPseudowire, 5);
+  const LfibViaKey misfiled(LFib::sourceStatic, viaTypeMplsIp, 6);  // in the pseudowire table
+  lfib.via(unusedVia);
+  EXPECT_THROW(s.pwViaIs(LfibPwVia(misfiled, Netbase::IntfId())), Kel::InternalException);
+  const std::vector<LfibIntegrityProblem> problems = {
+      {Kind::viaSetMissing, RouteKey(17), missingSet, {}},
+      {Kind::viaMissing, {}, evpnSet, evpnVia},
+      {Kind::viaTypeMismatch, {}, {}, misfiled},
+      {Kind::viaTypeMismatch, {}, mixed.key(), strayMpls},
+      {Kind::viaSetUnused, {}, unusedSet, {}},
+      {Kind::viaUnused, {}, {}, unusedVia}};
+  LfibIntegrityReport report = lfibIntegrityCheck(s);
+  EXPECT_FALSE(report.consistent());
+  EXPECT_EQ(report.problems, problems);
+  EXPECT_EQ(std::tie(report.routes, report.viaSets, report.vias), std::tuple(3u, 3u, 4u));
+  EXPECT_EQ(lfibRouteProblems(s, RouteKey(17)), std::vector{problems[0]});
+  EXPECT_EQ(lfibRouteProblems(s, RouteKey(18)), std::vector<LfibIntegrityProblem>{});
+  EXPECT_EQ(lfibViaSetProblems(s, evpnSet), std::vector{problems[1]});
+  EXPECT_EQ(lfibViaSetProblems(s, mixed.key()), std::vector{problems[3]});
+
+  // Repaired, it is consistent.
+  s.evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(evpnVia, mapKey, lfibFlagNone));
+  s.lfibRouteDel(RouteKey(17));
+  lfib.viaSet(mixed.key(), {fec});
+  s.mplsViaDel(strayMpls);
+  s.viaSetDel(unusedSet);
+  s.pwViaDel(unusedVia);
+  EXPECT_THROW(s.pwViaDel(misfiled), Kel::InternalException);
+  report = lfibIntegrityCheck(s);
+  EXPECT_TRUE(report.consistent());
+  EXPECT_EQ(std::tie(report.routes, report.viaSets, report.vias), std::tuple(2u, 2u, 2u));
 }
 
 // Another process's view of the same tables (here a second, read-only mapping): the same
