@@ -19,23 +19,10 @@ using TestSupport::lfibEvent;
 using TestSupport::LfibFixture;
 using TestSupport::LfibRecorder;
 
-// Runs `f`; "" when it throws Kel::InternalException with the text of an assertion in
-// Mpls/MplsLfib (any line) of `signature`, `expression` and `message`, else what it did.
+// "" when `f` throws the assertion of Mpls/MplsLfib of `signature`, `expression`, `message`.
 std::string assertionMismatch(const std::function<void()>& f, const std::string& signature,
                               const std::string& expression, const std::string& message) {
-  try {
-    f();
-    return "nothing thrown";
-  } catch (const Kel::InternalException& e) {
-    // "Mpls/MplsLfib:<digits> " then the rest, literally.
-    const std::string what = e.what(), prefix = "Mpls/MplsLfib:";
-    const size_t digits = what.find_first_not_of("0123456789", prefix.size());
-    const std::string rest =
-        " " + signature + " -- assertion failed(" + expression + "): " + message;
-    const bool match = what.starts_with(prefix) && digits > prefix.size() &&
-                       digits < what.size() && what.substr(digits) == rest;
-    return match ? "" : what;
-  }
+  return TestSupport::assertionMismatch("Mpls/MplsLfib", f, signature, expression, message);
 }
 
 LfibViaSetKey setKey(LfibViaType type, uint32_t index = 1) {

@@ -300,18 +300,10 @@ TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   }
 }
 
-// "Mpls/MplsLfibWriter:<line> <signature> -- assertion failed(<expression>): <message>"
 void expectAssertion(const std::function<void()>& f, const std::string& signature,
                      const std::string& expression, const std::string& message) {
-  try {
-    f();
-    ADD_FAILURE() << "nothing thrown";
-  } catch (const Kel::InternalException& e) {
-    const std::string what = e.what();
-    const std::string tail = " " + signature + " -- assertion failed(" + expression + "): " + message;
-    EXPECT_TRUE(what.starts_with("Mpls/MplsLfibWriter:")) << what;
-    EXPECT_TRUE(what.ends_with(tail)) << what;
-  }
+  EXPECT_EQ(TestSupport::assertionMismatch("Mpls/MplsLfibWriter", f, signature, expression, message),
+            "");
 }
 
 TEST(LfibWriter, DeletesRouteThenViaSetThenViasAndDeleteAllLeavesWhatItDoesNotWrite) {
@@ -610,15 +602,9 @@ TEST(ConsolidatedLfibRoute, KeyedViaIsStoredThenRefusedAndTheTextFormIsNeverRead
   ConsolidatedLfibRoute r = bareRoute(100);
   LfibMplsVia keyed = mplsVia(1);
   keyed.keyIs(LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 4));
-  try {
-    r.mplsViaIs(keyed);
-    ADD_FAILURE() << "a keyed via was accepted";
-  } catch (const Kel::InternalException& e) {
-    EXPECT_EQ(std::string(e.what()),
-              "Mpls/MplsLfibWriter:23 void Mpls::ConsolidatedLfibRoute::verifyVia(const "
-              "Mpls::LfibViaKey&) const -- assertion failed(vk == LfibViaKey()): Vias in "
-              "ConsolidatedLfibRoute should have an unset key only");
-  }
+  expectAssertion([&] { r.mplsViaIs(keyed); },
+                  "void Mpls::ConsolidatedLfibRoute::verifyVia(const Mpls::LfibViaKey&) const",
+                  "vk == LfibViaKey()", "Vias in ConsolidatedLfibRoute should have an unset key only");
   EXPECT_TRUE(r.mplsViaHas(keyed));  // inserted before the check
   LfibIpLookupVia lookup(LfibViaKey(LFib::sourceBgp, viaTypeIpLookup, 1), L3::VrfName("red"),
                          payloadTypeIpv4);

@@ -63,6 +63,22 @@ std::vector<LfibViaKey> WriterLfib::viaKeysOf(uint32_t label) const {
 LfibFixture::LfibFixture(const std::string& test)
     : PondTest::ScopedGroupName(test), WriterLfib(**this) {}
 
+std::string assertionMismatch(std::string_view file, const std::function<void()>& f,
+                              const std::string& signature, const std::string& expression,
+                              const std::string& message) {
+  try {
+    f();
+    return "nothing thrown";
+  } catch (const Kel::InternalException& e) {
+    const std::string what = e.what(), prefix = std::string(file) + ":";
+    const size_t digits = what.find_first_not_of("0123456789", prefix.size());
+    const std::string rest = " " + signature + " -- assertion failed(" + expression + "): " + message;
+    const bool match = what.starts_with(prefix) && digits > prefix.size() && digits < what.size() &&
+                       what.substr(digits) == rest;
+    return match ? "" : what;
+  }
+}
+
 std::string lfibKeyText(const RouteKey& key) { return std::to_string(key.label().value()); }
 std::string lfibKeyText(const LfibViaKey& key) { return std::to_string(key.index()); }
 std::string lfibKeyText(const LfibViaSetKey& key) { return std::to_string(key.index()); }

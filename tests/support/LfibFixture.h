@@ -52,6 +52,14 @@ struct LfibFixture : PondTest::ScopedGroupName, WriterLfib {
   explicit LfibFixture(const std::string& test);
 };
 
+// Runs `f`; "" when it throws Kel::InternalException with the text of an assertion in
+// `file` (any line) of `signature`, `expression` and `message`:
+// "<file>:<line> <signature> -- assertion failed(<expression>): <message>"; else what it
+// threw, or "nothing thrown".
+std::string assertionMismatch(std::string_view file, const std::function<void()>& f,
+                              const std::string& signature, const std::string& expression,
+                              const std::string& message);
+
 // Short text of a key in the events below: a route's label, a via's or via set's index,
 // the text form of anything else.
 std::string lfibKeyText(const Mpls::RouteKey& key);
