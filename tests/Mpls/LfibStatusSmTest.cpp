@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -27,27 +26,14 @@ LfibDot1qTagToVlanCompositeKey rowKey(uint32_t map, uint16_t tag) {
   return LfibDot1qTagToVlanCompositeKey(mapKey(map), tag);
 }
 
-// "<map index>{<tag>:<vlan> ...} ..." in key order, from tag -> VLAN pairs per map.
-std::string mapsText(const std::map<uint32_t, std::map<uint16_t, uint16_t>>& maps) {
-  std::string out;
-  for (const auto& [index, tags] : maps) {
-    out += (out.empty() ? "" : " ") + std::to_string(index) + "{";
-    for (const auto& [tag, vlan] : tags) {
-      out += (out.back() == '{' ? "" : " ") + fmt::format("{}:{}", tag, vlan);
-    }
-    out += "}";
-  }
-  return out;
-}
-
-// The rows of dot1qTagToVlanComposite, in the same form.
+// The rows of dot1qTagToVlanComposite, in the form of tagMapsText.
 std::string rowsOf(const LfibStatus& s) {
-  std::map<uint32_t, std::map<uint16_t, uint16_t>> maps;
+  auto maps = lfibStatusFactory();
   s.dot1qTagToVlanCompositeForEach([&](const LfibDot1qTagToVlanComposite& row) {
-    maps[row.key().dot1qTagToVlanKey().index()][row.key().dot1qTag().value()] =
-        row.localVlan().value();
+    maps->dot1qTagToVlanCollIs(row.key().dot1qTagToVlanKey())
+        ->dot1qTagToVlanIdIs(row.key().dot1qTag(), row.localVlan());
   });
-  return mapsText(maps);
+  return tagMapsText(*maps);
 }
 
 void setTag(LfibStatus& s, uint32_t map, uint16_t tag, uint16_t vlan) {
