@@ -14,72 +14,37 @@
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "Pond/PondMap.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
 using PondTest::ScopedGroupName;
 
-LfibViaKey ipViaKey(uint32_t index) {
-  return LfibViaKey(LFib::sourceVrfLabel, viaTypeIpLookup, index);
-}
+LfibViaKey ipViaKey(uint32_t index) { return TestSupport::lfibViaKey(viaTypeIpLookup, index); }
 LfibViaSetKey ipSetKey(uint32_t index) {
-  return LfibViaSetKey(LFib::sourceVrfLabel, index, viaTypeIpLookup, viaSetTypeDefault);
+  return TestSupport::lfibViaSetKey(viaTypeIpLookup, index, viaSetTypeDefault);
 }
-LfibViaSetKey mplsSetKey(uint32_t index) {
-  return LfibViaSetKey(LFib::sourceVrfLabel, index, viaTypeMplsIp, viaSetTypeEcmp);
-}
+LfibViaSetKey mplsSetKey(uint32_t index) { return TestSupport::lfibViaSetKey(viaTypeMplsIp, index); }
 
 // A writer's LFIB, tracked with route versions, and its IP-lookup table.
-struct IpLookupLfib {
-  explicit IpLookupLfib(const std::string& test)
-      : name(test),
-        group(Pond::MountGroup::writer(*name)),
-        lfib(lfibStatusFactory()),
-        tracking(lfibTrackingStatusFactory("ipLookup")),
-        status(lfibIpLookupStatusFactory()) {
-    lfib->mountGroupIs(group);
-  }
+struct IpLookupLfib : TestSupport::LfibFixture {
+  using LfibFixture::LfibFixture;
   void start() {
-    trackingSm = lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "t");
-    sm = lfibIpLookupSmFactory(lfib, tracking, status);
+    trackingSm = lfibTrackingSmFactory(status, tracking, lfibTrackingMode(false, false, true), "t");
+    sm = lfibIpLookupSmFactory(status, tracking, ipLookup);
   }
-  void via(uint32_t index, const char* vrf, PayloadType af) {
-    lfib->ipLookupViaIs(LfibIpLookupVia(ipViaKey(index), L3::VrfName(vrf), af));
-  }
-  void viaSet(const LfibViaSetKey& key, const std::vector<LfibViaKey>& vias) {
-    LfibViaSet set(key);
-    uint32_t slot = 0;
-    for (const LfibViaKey& via : vias) {
-      set.viaKeyIs(slot++, via);
-    }
-    lfib->viaSetIs(set);
-  }
-  void route(uint32_t label, const LfibViaSetKey& set) {
-    lfib->lfibRouteIs(LfibRoute(RouteKey(label), set, LFib::sourceVrfLabel, FwdEqvClass(), 0));
-  }
+  void via(uint32_t index, const char* vrf, PayloadType af) { ipLookupVia(ipViaKey(index), vrf, af); }
   // One IP-lookup route of its own: via, via set and route share `n`.
   void lookupRoute(uint32_t label, uint32_t n, const char* vrf, PayloadType af) {
     via(n, vrf, af);
     viaSet(ipSetKey(n), {ipViaKey(n)});
     route(label, ipSetKey(n));
   }
-  // "<label>:<vrf>:<af> ..." sorted.
-  std::string triples() const {
-    std::set<std::string> out;
-    for (const LfibIpLookupStatusLabelVrfAf& t : status->labelVrfAfIter()) {
-      out.insert(fmt::format("{}:{}:{}", t.label().value(), t.vrfName().stringValue(),
-                             t.payloadType()));
-    }
-    return fmt::format("{}", fmt::join(out, " "));
-  }
+  std::string triples() const { return TestSupport::ipLookupText(*ipLookup); }
 
-  ScopedGroupName name;
-  Kel::Ptr<Pond::MountGroup> group;
-  LfibStatus::Ptr lfib;
-  LfibTrackingStatus::Ptr tracking;
-  LfibIpLookupStatus::Ptr status;
+  LfibTrackingStatus::Ptr tracking = lfibTrackingStatusFactory("ipLookup");
+  LfibIpLookupStatus::Ptr ipLookup = lfibIpLookupStatusFactory();
   LfibTrackingSm::Ptr trackingSm;
   LfibIpLookupSm::Ptr sm;
 };
@@ -102,13 +67,13 @@ TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
   l.viaSet(mplsSetKey(9), {});  // an MPLS route never has a triple
   l.route(300, mplsSetKey(9));
   // A triple left by an earlier run, for a label that has none now.
-  l.status->labelVrfAfIs(LfibIpLookupStatusLabelVrfAf(555, L3::VrfName("old"), payloadTypeIpv4),
+  l.ipLookup->labelVrfAfIs(LfibIpLookupStatusLabelVrfAf(555, L3::VrfName("old"), payloadTypeIpv4),
                          true);
   l.start();
   EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv6");
   EXPECT_EQ(l.sm->vrfAf(100).vrfName(), L3::VrfName("red"));
 
-  Changes changes(l.status);
+  Changes changes(l.ipLookup);
   struct Step {
     const char* what;
     std::function<void()> change;
@@ -136,11 +101,11 @@ TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
        "100:green:payloadTypeIpv6", {"-101:blue"}},
       {"and becomes one again", [&] { l.route(101, ipSetKey(2)); },
        "100:green:payloadTypeIpv6 101:blue:payloadTypeIpv6", {"+101:blue"}},
-      {"the route is deleted", [&] { l.lfib->lfibRouteDel(RouteKey(100)); },
+      {"the route is deleted", [&] { l.status->lfibRouteDel(RouteKey(100)); },
        "101:blue:payloadTypeIpv6", {"-100:green"}},
       {"an MPLS route comes and goes", [&] {
          l.route(301, mplsSetKey(9));
-         l.lfib->lfibRouteDel(RouteKey(301));
+         l.status->lfibRouteDel(RouteKey(301));
        },
        "101:blue:payloadTypeIpv6", {}},
   };
@@ -156,12 +121,12 @@ TEST(LfibIpLookupSm, OneTriplePerLabelFollowingItsRoute) {
 TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersionsTracesAndTheIsFormReturnsTheMachine) {
   IpLookupLfib l("ipLookupLate");
   l.lookupRoute(100, 1, "red", payloadTypeIpv4);
-  l.trackingSm = lfibTrackingSmFactory(l.lfib, l.tracking, LfibTrackingMode(7), "t");
+  l.trackingSm = lfibTrackingSmFactory(l.status, l.tracking, LfibTrackingMode(7), "t");
   l.lookupRoute(101, 2, "blue", payloadTypeIpv4);
   // Created after the tracking: it finds both routes through their versions.
-  l.sm = LfibIpLookupSmIs(l.lfib, l.tracking, l.status);
+  l.sm = LfibIpLookupSmIs(l.status, l.tracking, l.ipLookup);
   EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
-  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, l.status), l.sm);
+  EXPECT_EQ(LfibIpLookupSmIs(l.status, l.tracking, l.ipLookup), l.sm);
 
   std::vector<std::string> lines;
   Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
@@ -180,13 +145,13 @@ TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersionsTracesAndTheIsFormReturn
                    }));
 
   auto other = lfibIpLookupStatusFactory();
-  auto second = LfibIpLookupSmIs(l.lfib, l.tracking, other);
+  auto second = LfibIpLookupSmIs(l.status, l.tracking, other);
   EXPECT_NE(second, l.sm);
-  EXPECT_EQ(LfibIpLookupSmIs(l.lfib, l.tracking, other), second);
+  EXPECT_EQ(LfibIpLookupSmIs(l.status, l.tracking, other), second);
   EXPECT_EQ(other->labelVrfAfs(), 3u);
   // Dropped, it no longer follows.
   l.sm = nullptr;
-  l.lfib->lfibRouteDel(RouteKey(100));
+  l.status->lfibRouteDel(RouteKey(100));
   EXPECT_EQ(l.triples(),
             "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4 102:red:payloadTypeIpv4");
 }

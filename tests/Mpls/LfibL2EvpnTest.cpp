@@ -14,20 +14,15 @@
 
 #include "Kel/Trace.h"
 #include "Mpls/LfibL2EvpnSm.h"
-#include "Mpls/LfibStatusSm.h"
 #include "Mpls/LfibTrackingSm.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
-using PondTest::ScopedGroupName;
 
 LfibViaKey viaKey(LfibViaType type, uint32_t index) {
-  return LfibViaKey(LFib::sourceEvpn, type, index);
-}
-LfibViaSetKey setKey(LfibViaType type, uint32_t index) {
-  return LfibViaSetKey(LFib::sourceEvpn, index, type, viaSetTypeDefault);
+  return TestSupport::lfibViaKey(type, index, LFib::sourceEvpn);
 }
 LfibDot1qTagToVlanKey mapKey(uint32_t index) {
   return LfibDot1qTagToVlanKey(LFib::sourceEvpn, index);
@@ -35,19 +30,11 @@ LfibDot1qTagToVlanKey mapKey(uint32_t index) {
 
 // A writer's LFIB with the EVPN MPLS configuration, tracked with route versions, and its
 // layer-2 EVPN tables.
-struct L2Lfib {
-  explicit L2Lfib(const std::string& test)
-      : name(test),
-        group(Pond::MountGroup::writer(*name)),
-        lfib(lfibStatusFactory()),
-        tracking(lfibTrackingStatusFactory("l2Evpn")),
-        status(lfibL2EvpnStatusFactory()),
-        config(Evpn::mplsConfigFactory()) {
-    lfib->mountGroupIs(group);
-  }
+struct L2Lfib : TestSupport::LfibFixture {
+  using LfibFixture::LfibFixture;
   void start() {
-    trackingSm = lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "t");
-    sm = lfibL2EvpnSmFactory(lfib, tracking, status, config);
+    trackingSm = lfibTrackingSmFactory(status, tracking, lfibTrackingMode(false, false, true), "t");
+    sm = lfibL2EvpnSmFactory(status, tracking, l2, config);
   }
   // Via `n` of `type` (with a VLAN or a map index; none for MPLS), its via set `n`, and
   // route `label`.
@@ -55,61 +42,38 @@ struct L2Lfib {
     const LfibViaKey via = viaKey(type, n);
     switch (type) {
       case viaTypeVlan:
-        lfib->vlanViaIs(LfibVlanVia(via, vlanOrMap, lfibFlagNone));
+        status->vlanViaIs(LfibVlanVia(via, vlanOrMap, lfibFlagNone));
         break;
       case viaTypeEvpnVlanFlood:
-        lfib->evpnVlanFloodViaIs(LfibEvpnVlanFloodVia(via, vlanOrMap, lfibFlagNone));
+        status->evpnVlanFloodViaIs(LfibEvpnVlanFloodVia(via, vlanOrMap, lfibFlagNone));
         break;
       case viaTypeEvpnVlanAware:
-        lfib->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(via, mapKey(vlanOrMap), lfibFlagNone));
+        status->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(via, mapKey(vlanOrMap), lfibFlagNone));
         break;
       case viaTypeEvpnVlanAwareFlood:
-        lfib->evpnVlanAwareFloodViaIs(
+        status->evpnVlanAwareFloodViaIs(
             LfibEvpnVlanAwareFloodVia(via, mapKey(vlanOrMap), lfibFlagNone));
         break;
       case viaTypeEvpnEthernetSegment:
-        lfib->evpnEthernetSegmentFilterViaIs(LfibEvpnEthernetSegmentFilterVia(via, {}));
+        WriterLfib::via(via);
         break;
       default:
         break;
     }
-    LfibViaSet set(setKey(type, n));
-    if (type != viaTypeMplsIp) {
-      set.viaKeyIs(0, via);
-    }
-    lfib->viaSetIs(set);
-    lfib->lfibRouteIs(LfibRoute(RouteKey(label), set.key(), LFib::sourceEvpn, FwdEqvClass(), 0));
+    const LfibViaSetKey set =
+        TestSupport::lfibViaSetKey(type, n, viaSetTypeDefault, LFib::sourceEvpn);
+    type == viaTypeMplsIp ? viaSet(set, {}) : viaSet(set, {via});
+    WriterLfib::route(label, set);
   }
   void tag(uint32_t map, uint16_t tag, uint16_t vlan) {
-    lfib->dot1qTagToVlanCollIs(mapKey(map))->dot1qTagToVlanIdIs(tag, vlan);
+    status->dot1qTagToVlanCollIs(mapKey(map))->dot1qTagToVlanIdIs(tag, vlan);
   }
-  // "<label>:<dstVlanId>:<cw or ->:<x (dot1qXlate) or -> ..." sorted; "!" marks an entry
-  // whose payload type is not Ethernet or whose key is not its label.
-  std::string labelInfos() const {
-    std::set<std::string> out;
-    for (const auto& [label, i] : status->labelInfoIter()) {
-      const bool sane = i.payloadType() == payloadTypeEthernet && i.label() == label;
-      out.insert(fmt::format("{}:{}:{}:{}{}", label.value(), i.dstVlanId().value(),
-                             i.hasControlWord() ? "cw" : "-", i.dot1qXlate() ? "x" : "-",
-                             sane ? "" : "!"));
-    }
-    return fmt::format("{}", fmt::join(out, " "));
-  }
-  // "<label>/<tag>:<vlan> ..." sorted.
-  std::string decaps() const {
-    std::set<std::string> out;
-    for (const auto& [key, vlan] : status->vlanAwareDecapKeyToVlanIdIter()) {
-      out.insert(fmt::format("{}/{}:{}", key.label().value(), key.dot1qTag().value(), vlan.value()));
-    }
-    return fmt::format("{}", fmt::join(out, " "));
-  }
+  std::string labelInfos() const { return TestSupport::labelInfosText(*l2); }
+  std::string decaps() const { return TestSupport::decapsText(*l2); }
 
-  ScopedGroupName name;
-  Kel::Ptr<Pond::MountGroup> group;
-  LfibStatus::Ptr lfib;
-  LfibTrackingStatus::Ptr tracking;
-  LfibL2EvpnStatus::Ptr status;
-  Evpn::MplsConfig::Ptr config;
+  LfibTrackingStatus::Ptr tracking = lfibTrackingStatusFactory("l2Evpn");
+  LfibL2EvpnStatus::Ptr l2 = lfibL2EvpnStatusFactory();
+  Evpn::MplsConfig::Ptr config = Evpn::mplsConfigFactory();
   LfibTrackingSm::Ptr trackingSm;
   LfibL2EvpnSm::Ptr sm;
 };
@@ -147,8 +111,8 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesTakesTheControlWordAndLosesThemWith
   l.route(104, viaTypeMplsIp, 5);
   l.route(105, viaTypeEvpnEthernetSegment, 6);
   // Entries of an earlier run go at the start.
-  l.status->labelInfoIs(999, LfibL2EvpnStatusLabelInfo(999, 9, false, payloadTypeEthernet, false));
-  l.status->vlanAwareDecapKeyToVlanIdIs(VlanAwareDecapKey(999, 9), 9);
+  l.l2->labelInfoIs(999, LfibL2EvpnStatusLabelInfo(999, 9, false, payloadTypeEthernet, false));
+  l.l2->vlanAwareDecapKeyToVlanIdIs(VlanAwareDecapKey(999, 9), 9);
   l.start();
   EXPECT_EQ(l.labelInfos(), "100:10:-:- 101:11:-:- 102:0:-:- 103:0:-:-");
   EXPECT_EQ(l.decaps(), "102/5:50 102/6:60 103/8:80");
@@ -158,7 +122,7 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesTakesTheControlWordAndLosesThemWith
 
   // The control word preference rewrites every label entry and nothing else; routes that
   // come later take it too.
-  Changes changes(l.status);
+  Changes changes(l.l2);
   l.config->controlWordIs(true);
   EXPECT_EQ(l.labelInfos(), "100:10:cw:- 101:11:cw:- 102:0:cw:- 103:0:cw:-");
   std::vector<std::string> seen = changes.take();
@@ -171,7 +135,7 @@ TEST(LfibL2EvpnSm, EveryVlanKindHasItsEntriesTakesTheControlWordAndLosesThemWith
   EXPECT_EQ(l.decaps(), "102/5:50 102/6:60 103/8:80");
 
   for (uint32_t label : {100, 102, 101, 103, 104, 105, 106}) {
-    l.lfib->lfibRouteDel(RouteKey(label));
+    l.status->lfibRouteDel(RouteKey(label));
   }
   EXPECT_EQ(l.labelInfos(), "");
   EXPECT_EQ(l.decaps(), "");
@@ -185,7 +149,7 @@ TEST(LfibL2EvpnSm, AViaKindChangeWithdrawsTheOldEntriesBeforeTheNewOnes) {
   l.tag(1, 6, 60);
   l.route(100, viaTypeVlan, 1, 10);
   l.start();
-  Changes changes(l.status);
+  Changes changes(l.l2);
   struct Step {
     const char* what;
     std::function<void()> change;
@@ -239,16 +203,16 @@ TEST(LfibL2EvpnSm, DecapEntriesFollowTheMapTheirRouteNames) {
        "100/5:51 100/6:60 100/9:90 101/5:51 101/6:60 101/9:90 102/8:80"},
       {"a tag's VLAN goes to 0", [&] { l.tag(1, 6, 0); },
        "100/5:51 100/9:90 101/5:51 101/9:90 102/8:80"},
-      {"a tag removed", [&] { l.lfib->dot1qTagToVlanColl(mapKey(1))->dot1qTagToVlanIdDel(9); },
+      {"a tag removed", [&] { l.status->dot1qTagToVlanColl(mapKey(1))->dot1qTagToVlanIdDel(9); },
        "100/5:51 101/5:51 102/8:80"},
-      {"the whole map removed", [&] { removed = l.lfib->dot1qTagToVlanCollDel(mapKey(1)); },
+      {"the whole map removed", [&] { removed = l.status->dot1qTagToVlanCollDel(mapKey(1)); },
        "102/8:80"},
       {"the removed map is no longer followed", [&] { removed->dot1qTagToVlanIdIs(7, 70); },
        "102/8:80"},
       {"a new map under its key is", [&] { l.tag(1, 5, 52); }, "100/5:52 101/5:52 102/8:80"},
       {"a via that names another map",
        [&] {
-         l.lfib->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(viaKey(viaTypeEvpnVlanAware, 1),
+         l.status->evpnVlanAwareViaIs(LfibEvpnVlanAwareVia(viaKey(viaTypeEvpnVlanAware, 1),
                                                          mapKey(2), lfibFlagNone));
        },
        "100/8:80 101/5:52 102/8:80"},
@@ -274,7 +238,7 @@ TEST(LfibL2EvpnSm, AReaderWritingTheLfibFromANotificationLeavesConsistentTables)
   l.route(100, viaTypeEvpnVlanAware, 1, 1);
   l.start();
   struct Interloper : LfibL2EvpnStatus::NotifieeConst {
-    explicit Interloper(L2Lfib& lfib) : l(lfib) { notifierIs(l.status); }
+    explicit Interloper(L2Lfib& lfib) : l(lfib) { notifierIs(l.l2); }
     void onVlanAwareDecapKeyToVlanId(const VlanAwareDecapKey& k) override {
       if (!done && !notifier()->vlanAwareDecapKeyToVlanIdHas(k)) {
         done = true;
@@ -290,10 +254,10 @@ TEST(LfibL2EvpnSm, AReaderWritingTheLfibFromANotificationLeavesConsistentTables)
   // The via of route 100 moves from map 1 to map 2.
   l.route(100, viaTypeEvpnVlanAware, 1, 2);
   ASSERT_TRUE(interloper.done);
-  EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanIds(), 65u);
-  EXPECT_EQ(l.status->labelInfos(), 65u);
+  EXPECT_EQ(l.l2->vlanAwareDecapKeyToVlanIds(), 65u);
+  EXPECT_EQ(l.l2->labelInfos(), 65u);
   for (uint32_t label = 200; label < 264; ++label) {
-    EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanId(VlanAwareDecapKey(label, 8)).value(), 80)
+    EXPECT_EQ(l.l2->vlanAwareDecapKeyToVlanId(VlanAwareDecapKey(label, 8)).value(), 80)
         << label;
   }
   EXPECT_FALSE(l.sm->vlanAwareDot1qTagVlanToRouteKeySet(mapKey(1)));
@@ -301,73 +265,9 @@ TEST(LfibL2EvpnSm, AReaderWritingTheLfibFromANotificationLeavesConsistentTables)
   // Map 1 reaches nobody any more; map 2 reaches all 65 routes and only them.
   l.tag(1, 5, 55);
   l.tag(2, 9, 90);
-  EXPECT_EQ(l.status->vlanAwareDecapKeyToVlanIds(), 130u);
-  l.lfib->dot1qTagToVlanCollDel(mapKey(2));
+  EXPECT_EQ(l.l2->vlanAwareDecapKeyToVlanIds(), 130u);
+  l.status->dot1qTagToVlanCollDel(mapKey(2));
   EXPECT_EQ(l.decaps(), "");
-}
-
-// In a forwarding agent the LFIB is a reader-role LfibStatus: rows present when the tables
-// open come with no notification, and the tag-to-VLAN maps are rebuilt from their shared
-// table. The reader mounts before the writer exists and derives, step by step, what the
-// writer's own LfibL2EvpnSm derives.
-TEST(LfibL2EvpnSm, OnAReaderTheTablesFollowTheWritersLfib) {
-  ScopedGroupName name("l2Reader");
-  auto group = Pond::MountGroup::reader(*name);
-  auto lfib = lfibStatusFactory();
-  lfib->mountGroupIs(group);
-  auto consumer = lfibStatusConsumerSmFactory(lfib);
-  auto tracking = lfibTrackingStatusFactory("reader");
-  auto trackingSm =
-      lfibTrackingSmFactory(lfib, tracking, lfibTrackingMode(false, false, true), "reader");
-  auto status = lfibL2EvpnStatusFactory();
-  auto config = Evpn::mplsConfigFactory();
-  auto sm = lfibL2EvpnSmFactory(lfib, tracking, status, config);
-
-  L2Lfib w("l2Reader");  // the same group
-  auto producer = lfibStatusProducerSmFactory(w.lfib);
-  w.start();
-
-  // Both sides as text: the writer's tables are the expectation.
-  auto tables = [](const LfibL2EvpnStatus& s) {
-    std::set<std::string> out;
-    for (const auto& [label, i] : s.labelInfoIter()) {
-      out.insert(Kel::valueToStrep(i));
-    }
-    for (const auto& [key, vlan] : s.vlanAwareDecapKeyToVlanIdIter()) {
-      out.insert(fmt::format("{}:{}", Kel::valueToStrep(key), vlan.value()));
-    }
-    return fmt::format("{}", fmt::join(out, "\n"));
-  };
-  struct Step {
-    const char* what;
-    std::function<void()> change;
-  } steps[] = {
-      {"the writer's first rows",
-       [&] {
-         w.tag(1, 5, 50);
-         w.tag(1, 6, 60);
-         w.route(100, viaTypeVlan, 1, 10);
-         w.route(101, viaTypeEvpnVlanAware, 2, 1);
-         w.route(102, viaTypeEvpnVlanAwareFlood, 3, 1);
-       }},
-      {"a tag changes VLAN", [&] { w.tag(1, 5, 51); }},
-      {"a VLAN route becomes VLAN-aware", [&] { w.route(100, viaTypeEvpnVlanAware, 4, 1); }},
-      {"a route goes", [&] { w.lfib->lfibRouteDel(RouteKey(101)); }},
-      {"the control word",
-       [&] {
-         w.config->controlWordIs(true);
-         config->controlWordIs(true);
-       }},
-      {"the map goes", [&] { w.lfib->dot1qTagToVlanCollDel(mapKey(1)); }},
-  };
-  for (const Step& step : steps) {
-    step.change();
-    group->processChanges();
-    ASSERT_TRUE(group->ready()) << step.what;
-    EXPECT_EQ(tables(*status), tables(*w.status)) << step.what;
-  }
-  EXPECT_EQ(w.decaps(), "");
-  EXPECT_EQ(w.labelInfos(), "100:0:cw:- 102:0:cw:-");
 }
 
 TEST(LfibL2EvpnSm, TracesWhatItWritesAndTheIsFormReturnsTheMachineThere) {
@@ -385,7 +285,7 @@ TEST(LfibL2EvpnSm, TracesWhatItWritesAndTheIsFormReturnsTheMachineThere) {
   l.config->controlWordIs(true);
   l.route(100, viaTypeEvpnVlanAware, 2, 1);
   l.tag(1, 5, 0);
-  l.lfib->lfibRouteDel(RouteKey(100));
+  l.status->lfibRouteDel(RouteKey(100));
   Kel::traceSinkIs({});
   Kel::traceConfigIs("");
   const std::string route = "Value('Mpls::RouteKey', ** {'label': 100})";
@@ -406,11 +306,11 @@ TEST(LfibL2EvpnSm, TracesWhatItWritesAndTheIsFormReturnsTheMachineThere) {
     EXPECT_NE(text.find(fragment), std::string::npos) << fragment << "\nin:\n" << text;
   }
 
-  EXPECT_EQ(LfibL2EvpnSmIs(l.lfib, l.tracking, l.status, l.config), l.sm);
+  EXPECT_EQ(LfibL2EvpnSmIs(l.status, l.tracking, l.l2, l.config), l.sm);
   auto other = lfibL2EvpnStatusFactory();
-  auto second = LfibL2EvpnSmIs(l.lfib, l.tracking, other, l.config);
+  auto second = LfibL2EvpnSmIs(l.status, l.tracking, other, l.config);
   EXPECT_NE(second, l.sm);
-  EXPECT_EQ(LfibL2EvpnSmIs(l.lfib, l.tracking, other, l.config), second);
+  EXPECT_EQ(LfibL2EvpnSmIs(l.status, l.tracking, other, l.config), second);
 }
 
 }  // namespace

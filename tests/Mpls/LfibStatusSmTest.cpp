@@ -1,26 +1,20 @@
 // The publication of the tag-to-VLAN maps: the producer flattens a writer's maps into
-// dot1qTagToVlanComposite, the consumer rebuilds them in a reader, in this process and in
-// another one.
+// dot1qTagToVlanComposite, the consumer rebuilds them in a reader (in another process:
+// LfibReaderStack in LfibTrackingTest.cpp).
 #include <gtest/gtest.h>
 
-#include <array>
-#include <chrono>
-#include <cstdio>
 #include <functional>
-#include <initializer_list>
-#include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "Kel/ChildProcess.h"
 #include "Mpls/LfibStatusSm.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
+using TestSupport::tagMapsText;
 using PondTest::ScopedGroupName;
 using Group = Kel::Ptr<Pond::MountGroup>;
 
@@ -32,50 +26,18 @@ LfibDot1qTagToVlanCompositeKey rowKey(uint32_t map, uint16_t tag) {
   return LfibDot1qTagToVlanCompositeKey(mapKey(map), tag);
 }
 
-// "<map index>{<tag>:<vlan> ...} ..." in key order, from tag -> VLAN pairs per map.
-std::string mapsText(const std::map<uint32_t, std::map<uint16_t, uint16_t>>& maps) {
-  std::string out;
-  for (const auto& [index, tags] : maps) {
-    out += (out.empty() ? "" : " ") + std::to_string(index) + "{";
-    for (const auto& [tag, vlan] : tags) {
-      out += (out.back() == '{' ? "" : " ") + fmt::format("{}:{}", tag, vlan);
-    }
-    out += "}";
-  }
-  return out;
-}
-
-// The nested maps of an LfibStatus (empty ones included).
-std::string mapsOf(const LfibStatus& s) {
-  std::map<uint32_t, std::map<uint16_t, uint16_t>> maps;
-  for (const auto& [key, map] : s.dot1qTagToVlanCollIter()) {
-    auto& tags = maps[key.index()];
-    for (const auto& [tag, vlan] : map->dot1qTagToVlanIdIter()) {
-      tags[tag.value()] = vlan.value();
-    }
-  }
-  return mapsText(maps);
-}
-
-// The rows of dot1qTagToVlanComposite, in the same form.
+// The rows of dot1qTagToVlanComposite, in the form of tagMapsText.
 std::string rowsOf(const LfibStatus& s) {
-  std::map<uint32_t, std::map<uint16_t, uint16_t>> maps;
+  auto maps = lfibStatusFactory();
   s.dot1qTagToVlanCompositeForEach([&](const LfibDot1qTagToVlanComposite& row) {
-    maps[row.key().dot1qTagToVlanKey().index()][row.key().dot1qTag().value()] =
-        row.localVlan().value();
+    maps->dot1qTagToVlanCollIs(row.key().dot1qTagToVlanKey())
+        ->dot1qTagToVlanIdIs(row.key().dot1qTag(), row.localVlan());
   });
-  return mapsText(maps);
+  return tagMapsText(*maps);
 }
 
 void setTag(LfibStatus& s, uint32_t map, uint16_t tag, uint16_t vlan) {
   s.dot1qTagToVlanCollIs(mapKey(map))->dot1qTagToVlanIdIs(tag, vlan);
-}
-
-// setTag() for each (map, tag, VLAN).
-void setTags(LfibStatus& s, std::initializer_list<std::array<uint16_t, 3>> entries) {
-  for (const auto& [map, tag, vlan] : entries) {
-    setTag(s, map, tag, vlan);
-  }
 }
 
 void putRow(LfibStatus& s, uint32_t map, uint16_t tag, uint16_t vlan) {
@@ -93,15 +55,10 @@ struct Watch : LfibStatus::NotifieeConst {
   std::vector<uint32_t> maps;
 };
 
-// The writer's agent: its group, its LfibStatus and, once started, its producer.
-struct WriterAgent {
-  explicit WriterAgent(const std::string& name)
-      : group(Pond::MountGroup::writer(name)), status(lfibStatusFactory()) {
-    status->mountGroupIs(group);
-  }
+// The writer's agent: its LFIB and, once started, its producer.
+struct WriterAgent : TestSupport::WriterLfib {
+  using WriterLfib::WriterLfib;
   void start() { producer = lfibStatusProducerSmFactory(status); }
-  Group group;
-  LfibStatus::Ptr status;
   LfibStatusProducerSm::Ptr producer;
 };
 
@@ -182,7 +139,7 @@ TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewG
   auto consumer = lfibStatusConsumerSmFactory(ready);
   EXPECT_TRUE(consumer->initialized());
   EXPECT_EQ(consumer->mountGroup(), readyGroup);
-  EXPECT_EQ(mapsOf(*ready), "1{10:100 20:200}");
+  EXPECT_EQ(tagMapsText(*ready), "1{10:100 20:200}");
 
   LfibStatus& s = *w.status;
   struct Step {
@@ -208,8 +165,8 @@ TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewG
     lateGroup->processChanges();
     readyGroup->processChanges();
     EXPECT_TRUE(lateGroup->ready());
-    EXPECT_EQ(mapsOf(*late), step.maps) << step.what;
-    EXPECT_EQ(mapsOf(*ready), step.maps) << step.what;
+    EXPECT_EQ(tagMapsText(*late), step.maps) << step.what;
+    EXPECT_EQ(tagMapsText(*ready), step.maps) << step.what;
   }
 
   // Neither row nor map: nothing. Another full pass: nothing either (no map dropped and
@@ -218,7 +175,7 @@ TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewG
   consumer->handleDot1qTagToVlanComposite(rowKey(7, 7));
   consumer->handleDot1qTagToVlanComposites();
   consumer->handleDot1qTagToVlanComposites();
-  EXPECT_EQ(mapsOf(*ready), "2{5:51 6:60} 3{5:52}");
+  EXPECT_EQ(tagMapsText(*ready), "2{5:51 6:60} 3{5:52}");
   EXPECT_EQ(watch.maps, std::vector<uint32_t>{});
 
   // The LfibStatus moves to another group: the consumer follows it, and what the new table
@@ -228,12 +185,12 @@ TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewG
   const Group secondReader = Pond::MountGroup::reader(*second);
   late->mountGroupIs(secondReader);
   EXPECT_EQ(lateConsumer->mountGroup(), secondReader);
-  EXPECT_EQ(mapsOf(*late), "4{30:300}");
+  EXPECT_EQ(tagMapsText(*late), "4{30:300}");
   putRow(*other.status, 4, 31, 310);
   putRow(s, 1, 11, 110);  // the old group is no longer followed
   secondReader->processChanges();
   lateGroup->processChanges();
-  EXPECT_EQ(mapsOf(*late), "4{30:300 31:310}");
+  EXPECT_EQ(tagMapsText(*late), "4{30:300 31:310}");
 }
 
 TEST(LfibStatusConsumerSmDeathTest, RefusesAnLfibStatusWithMapsAlready) {
@@ -244,84 +201,6 @@ TEST(LfibStatusConsumerSmDeathTest, RefusesAnLfibStatusWithMapsAlready) {
       "^Mpls/LfibStatusSm:[0-9]+ void Mpls::LfibStatusConsumerSm::handleInitialized\\(\\) "
       "-- fatal assertion failed\\(!lfibStatus\\(\\)->dot1qTagToVlanColls\\(\\) && \"This sm "
       "should not have been created with a filled dot1qTagToVlanColl\"\\)\n$");
-}
-
-// A reading process of its own: it mounts the group as a reader, rebuilds the maps with a
-// consumer and follows the writer; asked, it answers with the maps it holds once it has
-// processed every change so far.
-int readerProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
-  auto group = Pond::MountGroup::reader(name);
-  auto status = lfibStatusFactory();
-  status->mountGroupIs(group);
-  auto consumer = lfibStatusConsumerSmFactory(status);
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::optional<std::string> request = channel.request(std::chrono::milliseconds(0));
-    if (!request) {
-      return 0;  // the test is done with us
-    }
-    if (request->empty()) {
-      if (group->waitForChange(std::chrono::milliseconds(10))) {
-        group->processChanges();
-      }
-      continue;
-    }
-    group->processChanges();
-    channel.reply(mapsOf(*status));
-  }
-  return 1;
-}
-
-// A reader in another process holds exactly the writer's maps, less the VLAN 0 entries
-// and the maps left empty by them, after every change and across a writer restart.
-TEST(LfibStatusSm, AReaderProcessHoldsTheWritersPublishedMaps) {
-  ScopedGroupName name("xproc");
-  // Before any thread, and before the writer exists.
-  Kel::ChildProcess reader(
-      [&](Kel::ChildProcess::Channel& channel) { return readerProcess(*name, channel); });
-  auto agent = std::make_unique<WriterAgent>(*name);
-  agent->start();
-  struct Step {
-    const char* what;
-    std::function<void(LfibStatus&)> change;
-    const char* maps;
-  } steps[] = {
-      {"one map",
-       [](LfibStatus& s) {
-         setTags(s, {{1, 10, 100}, {1, 20, 200}});
-       },
-       "1{10:100 20:200}"},
-      {"VLAN 0 entries",
-       [](LfibStatus& s) {
-         setTags(s, {{1, 30, 0}, {2, 5, 0}});
-       },
-       "1{10:100 20:200}"},
-      {"a VLAN for one of them", [](LfibStatus& s) { setTag(s, 2, 6, 60); },
-       "1{10:100 20:200} 2{6:60}"},
-      {"a changed VLAN", [](LfibStatus& s) { setTag(s, 1, 20, 201); }, "1{10:100 20:201} 2{6:60}"},
-      {"a whole map removed", [](LfibStatus& s) { s.dot1qTagToVlanCollDel(mapKey(1)); }, "2{6:60}"},
-      {"a map the restarted writer will not have", [](LfibStatus& s) { setTag(s, 5, 5, 55); },
-       "2{6:60} 5{5:55}"},
-      {"writer restart",
-       [&](LfibStatus&) {
-         agent.reset();
-         agent = std::make_unique<WriterAgent>(*name);
-         setTags(*agent->status, {{2, 6, 61}, {3, 1, 10}});
-         agent->start();
-       },
-       "2{6:61} 3{1:10}"},
-      {"after the restart",
-       [](LfibStatus& s) {
-         setTags(s, {{3, 1, 0}, {4, 4, 40}});
-       },
-       "2{6:61} 4{4:40}"},
-  };
-  for (const Step& step : steps) {
-    step.change(*agent->status);
-    agent->group->publish();
-    EXPECT_EQ(reader.ask("maps?"), step.maps) << step.what;
-  }
-  EXPECT_EQ(reader.wait(std::chrono::seconds(10)), 0);
 }
 
 }  // namespace

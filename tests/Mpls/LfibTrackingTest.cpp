@@ -1,85 +1,45 @@
 // LfibTrackingSm: backlogs, reverse indexes and route versions of an LFIB, on the writer's
-// own LfibStatus, on a reader-role one in this process and in another process.
+// own LfibStatus and on a reader-role one; and the whole reader stack (maps, tracking, IP
+// lookup, layer-2 EVPN) in another process.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
 #include <initializer_list>
 #include <map>
+#include <optional>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
-#include "Kel/ChildProcess.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "Mpls/LfibL2EvpnSm.h"
+#include "Mpls/LfibStatusSm.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
-using PondTest::ScopedGroupName;
+using TestSupport::LfibFixture;
+using TestSupport::trackingText;
 
-LfibViaKey mplsViaKey(uint32_t index) {
-  return LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, index);
-}
-LfibViaKey ipViaKey(uint32_t index) {
-  return LfibViaKey(LFib::sourceStatic, viaTypeIpLookup, index);
-}
+LfibViaKey mplsViaKey(uint32_t index) { return TestSupport::lfibViaKey(viaTypeMplsIp, index); }
+LfibViaKey ipViaKey(uint32_t index) { return TestSupport::lfibViaKey(viaTypeIpLookup, index); }
 LfibViaSetKey setKey(uint32_t index, LfibViaType viaType = viaTypeMplsIp) {
-  return LfibViaSetKey(LFib::sourceStatic, index, viaType, viaSetTypeEcmp);
+  return TestSupport::lfibViaSetKey(viaType, index);
 }
 
-// The writer's LfibStatus on the group `groupName`, and shorthands to write it.
-struct WriterLfib {
-  explicit WriterLfib(const std::string& groupName)
-      : group(Pond::MountGroup::writer(groupName)), status(lfibStatusFactory()) {
-    status->mountGroupIs(group);
-  }
-  // `weight` tells two versions of one via apart.
-  void mplsVia(uint32_t index, uint32_t weight = 1) {
-    LfibMplsVia via;
-    via.keyIs(mplsViaKey(index));
-    via.weightIs(weight);
-    status->mplsViaIs(via);
-  }
-  void ipVia(uint32_t index, const char* vrf, PayloadType af) {
-    status->ipLookupViaIs(LfibIpLookupVia(ipViaKey(index), L3::VrfName(vrf), af));
-  }
-  void viaSet(const LfibViaSetKey& key, std::initializer_list<LfibViaKey> vias) {
-    LfibViaSet set(key);
-    uint32_t slot = 0;
-    for (const LfibViaKey& via : vias) {
-      set.viaKeyIs(slot++, via);
-    }
-    status->viaSetIs(set);
-  }
-  void route(uint32_t label, const LfibViaSetKey& set) {
-    status->lfibRouteIs(LfibRoute(RouteKey(label), set, LFib::sourceStatic, FwdEqvClass(), 0));
-  }
-  Kel::Ptr<Pond::MountGroup> group;
-  LfibStatus::Ptr status;
-};
-
-// "<label>:<version> ..." by label.
-std::string versionsOf(const LfibTrackingStatus& t) {
-  std::map<uint32_t, uint32_t> versions;
-  for (const auto& [key, version] : t.routeVersionIter()) {
-    versions[key.topLabel().value()] = version.version();
-  }
-  std::vector<std::string> out;
-  for (const auto& [label, version] : versions) {
-    out.push_back(fmt::format("{}:{}", label, version));
-  }
-  return absl::StrJoin(out, " ");
+template <class Range>
+std::string joined(const Range& items) {
+  return fmt::format("{}", fmt::join(items, " "));
 }
 
-uint32_t numberOf(const RouteKey& k) { return k.topLabel().value(); }
 uint32_t numberOf(const LfibViaSetKey& k) { return k.index(); }
 
 // The labels of route keys or the indexes of via-set keys, sorted.
@@ -89,22 +49,16 @@ std::string numbers(const Range& keys) {
   for (const auto& k : keys) {
     out.insert(numberOf(k));
   }
-  return absl::StrJoin(out, " ");
-}
-
-// "v{<versions>} r{<route backlog>} s{<via-set backlog>}".
-std::string stateOf(const LfibTrackingStatus& t) {
-  return fmt::format("v{{{}}} r{{{}}} s{{{}}}", versionsOf(t), numbers(t.routeKeyBacklogIter()),
-                     numbers(t.viaSetKeyBacklogIter()));
+  return joined(out);
 }
 
 // "<index>{<numbers>} ..." by index.
 std::string setsText(const std::map<uint32_t, std::set<uint32_t>>& sets) {
   std::vector<std::string> out;
   for (const auto& [index, members] : sets) {
-    out.push_back(fmt::format("{}{{{}}}", index, absl::StrJoin(members, " ")));
+    out.push_back(fmt::format("{}{{{}}}", index, joined(members)));
   }
-  return absl::StrJoin(out, " ");
+  return joined(out);
 }
 
 // viaSetKeyToRouteKeySet: "<via-set index>{<labels>} ...".
@@ -132,9 +86,9 @@ void drain(LfibTrackingStatus& t) {
 
 // Via 1 shared by via set 1 {via 1, via 2} (routes 100-102) and via set 2 {via 1}
 // (routes 103-105).
-void writeSharedVia(WriterLfib& w) {
-  w.mplsVia(1);
-  w.mplsVia(2);
+void writeSharedVia(TestSupport::WriterLfib& w) {
+  w.via(mplsViaKey(1));
+  w.via(mplsViaKey(2));
   w.viaSet(setKey(1), {mplsViaKey(1), mplsViaKey(2)});
   w.viaSet(setKey(2), {mplsViaKey(1)});
   for (uint32_t label : {100, 101, 102}) {
@@ -146,8 +100,7 @@ void writeSharedVia(WriterLfib& w) {
 }
 
 TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDeletes) {
-  ScopedGroupName name("tracking");
-  WriterLfib w(*name);
+  LfibFixture w("tracking");
   writeSharedVia(w);
   // The create-or-return form: the machine already there for the same LFIB and status, a
   // new one for anything else.
@@ -159,7 +112,7 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
   EXPECT_NE(second, sm);
   EXPECT_EQ(other->routeVersions(), 6u);
   // The first pass: every route once, every via set once.
-  EXPECT_EQ(stateOf(*t), "v{100:1 101:1 102:1 103:1 104:1 105:1} r{100 101 102 103 104 105} s{1 2}");
+  EXPECT_EQ(trackingText(*t), "v{100:1 101:1 102:1 103:1 104:1 105:1} r{100 101 102 103 104 105} s{1 2}");
   EXPECT_EQ(routeSetsOf(*t), "1{100 101 102} 2{103 104 105}");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "1 2");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(2)), "1");
@@ -176,9 +129,9 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
     const char* state;
     const char* routeSets;
   } steps[] = {
-      {"the shared via: every route once", [&] { w.mplsVia(1, 2); },
+      {"the shared via: every route once", [&] { w.via(mplsViaKey(1), 2); },
        "v{100:2 101:2 102:2 103:2 104:2 105:2} r{100 101 102 103 104 105} s{1 2}", unmoved},
-      {"a via of one via set", [&] { w.mplsVia(2, 2); },
+      {"a via of one via set", [&] { w.via(mplsViaKey(2), 2); },
        "v{100:3 101:3 102:3 103:2 104:2 105:2} r{100 101 102} s{1}", unmoved},
       {"a route and a via set rewritten as they were: touched, indexes unchanged",
        [&] {
@@ -202,19 +155,19 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
        "v{100:4 103:4 104:3 105:3} r{} s{1}", "2{100 103 104 105}"},
       {"a via set that drops a via",
        [&] {
-         w.mplsVia(3);
+         w.via(mplsViaKey(3));
          w.viaSet(setKey(2), {mplsViaKey(3)});
        },
        "v{100:5 103:5 104:4 105:4} r{100 103 104 105} s{2}", "2{100 103 104 105}"},
-      {"no longer touches its routes through it", [&] { w.mplsVia(1, 5); },
+      {"no longer touches its routes through it", [&] { w.via(mplsViaKey(1), 5); },
        "v{100:5 103:5 104:4 105:4} r{} s{}", "2{100 103 104 105}"},
-      {"a via that no via set ever used touches nothing", [&] { w.mplsVia(9); },
+      {"a via that no via set ever used touches nothing", [&] { w.via(mplsViaKey(9)); },
        "v{100:5 103:5 104:4 105:4} r{} s{}", "2{100 103 104 105}"},
   };
   for (const Step& step : steps) {
     drain(*t);
     step.change();
-    EXPECT_EQ(stateOf(*t), step.state) << step.what;
+    EXPECT_EQ(trackingText(*t), step.state) << step.what;
     EXPECT_EQ(routeSetsOf(*t), step.routeSets) << step.what;
   }
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "");
@@ -229,13 +182,13 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
   // The LFIB goes away: the tracking status is emptied and nothing is followed any more;
   // the stopped machine is not handed out again.
   sm->handleDel();
-  EXPECT_EQ(stateOf(*t), "v{} r{} s{}");
+  EXPECT_EQ(trackingText(*t), "v{} r{} s{}");
   EXPECT_EQ(routeSetsOf(*t), "");
   w.route(106, setKey(2));
-  EXPECT_EQ(stateOf(*t), "v{} r{} s{}");
+  EXPECT_EQ(trackingText(*t), "v{} r{} s{}");
   auto third = LfibTrackingSmIs(w.status, t, LfibTrackingMode(7), "test");
   EXPECT_NE(third, sm);
-  EXPECT_EQ(versionsOf(*t), "100:1 103:1 104:1 105:1 106:1");
+  EXPECT_EQ(trackingText(*t), "v{100:1 103:1 104:1 105:1 106:1} r{100 103 104 105 106} s{2}");
 }
 
 // Counts what is written to a tracking status, per collection.
@@ -254,13 +207,12 @@ TEST(LfibTrackingSm, TheModeDecidesWhatIsWrittenNotWhatIsIndexed) {
   EXPECT_THROW(LfibTrackingMode(8), Kel::EnumSetRangeException);
   for (uint32_t bits = 0; bits < 8; ++bits) {
     const LfibTrackingMode mode(bits);
-    ScopedGroupName name(fmt::format("mode{}", bits));
-    WriterLfib w(*name);
+    LfibFixture w(fmt::format("mode{}", bits));
     writeSharedVia(w);
     auto t = lfibTrackingStatusFactory("test");
     Writes writes(t);
     auto sm = lfibTrackingSmFactory(w.status, t, mode, "test");
-    w.mplsVia(1, 2);
+    w.via(mplsViaKey(1), 2);
     w.route(100, setKey(2));
     w.status->lfibRouteDel(RouteKey(101));
     EXPECT_EQ(writes.routeBacklog > 0, mode.backlogRoutes()) << mode;
@@ -288,7 +240,7 @@ void expectExactIndexes(const LfibTrackingSm& sm, const LfibTrackingStatus& t,
   });
   EXPECT_EQ(routeSetsOf(t), setsText(routeSets));
   s.mplsViaForEach([&](const LfibMplsVia& via) {
-    EXPECT_EQ(viaSetsOf(sm, via.key()), absl::StrJoin(viaSets[via.key().index()], " ")) << via.key();
+    EXPECT_EQ(viaSetsOf(sm, via.key()), joined(viaSets[via.key().index()])) << via.key();
   });
   for (const auto& [key, version] : t.routeVersionIter()) {
     versioned.insert(key.topLabel().value());
@@ -300,8 +252,7 @@ void expectExactIndexes(const LfibTrackingSm& sm, const LfibTrackingStatus& t,
 // the tracking status. Whatever it changes from there, the indexes and versions must match
 // the LFIB exactly afterwards.
 TEST(LfibTrackingSm, AConsumerWritingTheLfibFromANotificationLeavesExactIndexes) {
-  ScopedGroupName name("reentry");
-  WriterLfib w(*name);
+  LfibFixture w("reentry");
   writeSharedVia(w);
   auto t = lfibTrackingStatusFactory("test");
   auto sm = lfibTrackingSmFactory(w.status, t, LfibTrackingMode(7), "test");
@@ -330,16 +281,16 @@ TEST(LfibTrackingSm, AConsumerWritingTheLfibFromANotificationLeavesExactIndexes)
     }
     w.status->lfibRouteDel(RouteKey(101));
     w.route(103, setKey(1));
-    w.mplsVia(3);
+    w.via(mplsViaKey(3));
     w.viaSet(setKey(2), {mplsViaKey(3)});
     w.viaSet(setKey(5), {mplsViaKey(1), mplsViaKey(3)});
     w.route(105, setKey(5));
   };
-  w.mplsVia(1, 2);
+  w.via(mplsViaKey(1), 2);
   EXPECT_FALSE(consumer.onBacklog);
   expectExactIndexes(*sm, *t, *w.status, "routes join, go and move");
   drain(*t);
-  w.mplsVia(1, 3);
+  w.via(mplsViaKey(1), 3);
   EXPECT_EQ(t->routeKeyBacklogs(), 3u + 64u + 1u) << "every route the via reaches now";
   EXPECT_EQ(t->viaSetKeyBacklogs(), 2u);
 
@@ -355,7 +306,7 @@ TEST(LfibTrackingSm, AConsumerWritingTheLfibFromANotificationLeavesExactIndexes)
 }
 
 TEST(LfibTrackingSm, OnAReaderItCatchesUpWhenTheGroupIsReadyAndFollowsANewGroup) {
-  ScopedGroupName first("trackingReader"), second("trackingMoved");
+  PondTest::ScopedGroupName first("trackingReader"), second("trackingMoved");
   auto readerGroup = Pond::MountGroup::reader(*first);
   auto reader = lfibStatusFactory();
   reader->mountGroupIs(readerGroup);
@@ -365,29 +316,24 @@ TEST(LfibTrackingSm, OnAReaderItCatchesUpWhenTheGroupIsReadyAndFollowsANewGroup)
   EXPECT_FALSE(readerGroup->ready());
 
   // The writer appears with its rows in place: they come with no row notification.
-  WriterLfib w(*first);
+  TestSupport::WriterLfib w(*first);
   writeSharedVia(w);
   readerGroup->processChanges();
   ASSERT_TRUE(readerGroup->ready());
-  EXPECT_EQ(stateOf(*t), "v{100:1 101:1 102:1 103:1 104:1 105:1} r{100 101 102 103 104 105} s{1 2}");
+  EXPECT_EQ(trackingText(*t), "v{100:1 101:1 102:1 103:1 104:1 105:1} r{100 101 102 103 104 105} s{1 2}");
   EXPECT_EQ(routeSetsOf(*t), "1{100 101 102} 2{103 104 105}");
-
-  drain(*t);
-  w.mplsVia(2, 2);
-  readerGroup->processChanges();
-  EXPECT_EQ(stateOf(*t), "v{100:2 101:2 102:2 103:1 104:1 105:1} r{100 101 102} s{1}");
 
   // The LfibStatus moves to another group: what the old group held is gone, what the new
   // one holds is there, although none of its rows came with a notification.
-  WriterLfib other(*second);
-  other.mplsVia(7);
+  TestSupport::WriterLfib other(*second);
+  other.via(mplsViaKey(7));
   other.viaSet(setKey(7), {mplsViaKey(7)});
   other.route(200, setKey(7));
   drain(*t);
   auto secondReader = Pond::MountGroup::reader(*second);
   reader->mountGroupIs(secondReader);
   EXPECT_EQ(sm->mountGroup(), secondReader);
-  EXPECT_EQ(stateOf(*t), "v{200:1} r{100 101 102 103 104 105 200} s{1 2 7}");
+  EXPECT_EQ(trackingText(*t), "v{200:1} r{100 101 102 103 104 105 200} s{1 2 7}");
   EXPECT_EQ(routeSetsOf(*t), "7{200}");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "");
 }
@@ -429,8 +375,7 @@ TEST(LfibTrackingSmDeathTest, NoHandlerRunsOnceTheLfibIsGone) {
 }
 
 TEST(LfibTrackingSmDeathTest, AViaSetEntryRemovedUnderItsRoutesStopsTheProcess) {
-  ScopedGroupName name("lostEntry");
-  WriterLfib w(*name);
+  LfibFixture w("lostEntry");
   writeSharedVia(w);
   auto t = lfibTrackingStatusFactory("test");
   auto sm = lfibTrackingSmFactory(w.status, t, LfibTrackingMode(7), "test");
@@ -441,51 +386,48 @@ TEST(LfibTrackingSmDeathTest, AViaSetEntryRemovedUnderItsRoutesStopsTheProcess) 
 }
 
 // ---------------------------------------------------------------------------------------
-// In another process.
+// The whole reader stack in another process.
 
-// "<versions>|<route backlog>|<via-set backlog>|<IP-lookup triples>", each sorted.
-std::string readerView(const LfibTrackingStatus& t, const LfibIpLookupStatus& ip) {
-  std::set<std::string> triples;
-  for (const LfibIpLookupStatusLabelVrfAf& x : ip.labelVrfAfIter()) {
-    triples.insert(fmt::format("{}:{}:{}", x.label().value(), x.vrfName().stringValue(),
-                               x.payloadType()));
+// The writer's agent: its LFIB, the producer of its tag-to-VLAN maps, and the IP lookup and
+// layer-2 EVPN tables it derives from its own LFIB, which a reader must derive alike.
+struct WriterAgent : TestSupport::WriterLfib {
+  explicit WriterAgent(const std::string& name) : WriterLfib(name) {}
+  void start() {
+    producer = lfibStatusProducerSmFactory(status);
+    trackingSm = lfibTrackingSmFactory(status, tracking, lfibTrackingMode(false, false, true), "w");
+    ipLookupSm = lfibIpLookupSmFactory(status, tracking, ipLookup);
+    l2Sm = lfibL2EvpnSmFactory(status, tracking, l2, config);
   }
-  return versionsOf(t) + "|" + numbers(t.routeKeyBacklogIter()) + "|" +
-         numbers(t.viaSetKeyBacklogIter()) + "|" + absl::StrJoin(triples, " ");
-}
-
-// A forwarding agent of its own: it mounts the group before the writer exists, tracks the
-// LFIB in every mode and derives the IP-lookup table. Asked, it processes every change so
-// far, answers with its view and works its backlogs off. It looks at the group only when
-// asked, so that the writer's first rows are there before the tables open.
-int trackingReaderProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
-  auto group = Pond::MountGroup::reader(name);
-  auto lfib = lfibStatusFactory();
-  lfib->mountGroupIs(group);
-  auto tracking = lfibTrackingStatusFactory("reader");
-  auto trackingSm = lfibTrackingSmFactory(lfib, tracking, LfibTrackingMode(7), "reader");
-  auto ipLookup = lfibIpLookupStatusFactory();
-  auto ipLookupSm = lfibIpLookupSmFactory(lfib, tracking, ipLookup);
-  channel.reply("mounted");
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::optional<std::string> request = channel.request(std::chrono::milliseconds(100));
-    if (!request) {
-      return 0;
-    }
-    if (request->empty()) {
-      continue;
-    }
-    group->processChanges();
-    channel.reply(readerView(*tracking, *ipLookup));
-    drain(*tracking);
+  void tag(uint32_t map, uint16_t tag, uint16_t vlan) {
+    status->dot1qTagToVlanCollIs(LfibDot1qTagToVlanKey(LFib::sourceEvpn, map))
+        ->dot1qTagToVlanIdIs(tag, vlan);
   }
-  return 1;
-}
+  // A VLAN-aware via `index` naming map `map`, alone in via set `index`.
+  void vlanAwareVia(uint32_t index, uint32_t map) {
+    const LfibViaKey via = TestSupport::lfibViaKey(viaTypeEvpnVlanAware, index);
+    status->evpnVlanAwareViaIs(
+        LfibEvpnVlanAwareVia(via, LfibDot1qTagToVlanKey(LFib::sourceEvpn, map), lfibFlagNone));
+    viaSet(setKey(index, viaTypeEvpnVlanAware), {via});
+  }
+  // "<IP lookup>|<label infos>|<decaps>".
+  std::string derived() const {
+    using namespace TestSupport;
+    return ipLookupText(*ipLookup) + "|" + labelInfosText(*l2) + "|" + decapsText(*l2);
+  }
+  LfibTrackingStatus::Ptr tracking = lfibTrackingStatusFactory("writer");
+  LfibIpLookupStatus::Ptr ipLookup = lfibIpLookupStatusFactory();
+  LfibL2EvpnStatus::Ptr l2 = lfibL2EvpnStatusFactory();
+  Evpn::MplsConfig::Ptr config = Evpn::mplsConfigFactory();
+  LfibStatusProducerSm::Ptr producer;
+  LfibTrackingSm::Ptr trackingSm;
+  LfibIpLookupSm::Ptr ipLookupSm;
+  LfibL2EvpnSm::Ptr l2Sm;
+};
 
+// The labels and versions of "v{<label>:<version> ...} ...".
 std::map<uint32_t, uint32_t> versionsIn(const std::string& view) {
   std::map<uint32_t, uint32_t> versions;
-  std::istringstream in(view.substr(0, view.find('|')));
+  std::istringstream in(view.substr(2, view.find('}') - 2));
   uint32_t label, version;
   for (char colon; in >> label >> colon >> version;) {
     versions[label] = version;
@@ -493,75 +435,171 @@ std::map<uint32_t, uint32_t> versionsIn(const std::string& view) {
   return versions;
 }
 
-// A reader in another process sees every route the writer has with a version, raises the
-// version of exactly the routes a change touched, lists exactly those in its backlog, and
-// derives the writer's IP-lookup triples; rows written before its tables opened included.
-TEST(LfibTrackingSm, AReaderProcessTracksTheWritersLfib) {
-  ScopedGroupName name("trackingXproc");
-  Kel::ChildProcess reader(
-      [&](Kel::ChildProcess::Channel& channel) { return trackingReaderProcess(*name, channel); });
-  std::string line;
-  ASSERT_TRUE(reader.awaitReply(std::chrono::seconds(10), &line));
-  ASSERT_EQ(line, "mounted");
+// A forwarding agent in another process mounts the LFIB before its writer exists and runs
+// the whole reader stack on it: the consumer of the tag-to-VLAN maps, the tracking in every
+// mode, the IP lookup and the layer-2 EVPN tables. Rows written before its tables opened
+// included and across a writer restart, it holds exactly the writer's published maps (less
+// the VLAN 0 entries and the maps left empty by them), sees every route the writer has
+// with a version, raises the version of exactly the routes a change touched and lists
+// exactly those in its backlog, and derives the tables the writer's agent derives.
+TEST(LfibReaderStack, AReaderProcessDerivesWhatTheWriterDoes) {
+  PondTest::ScopedGroupName name("readerStack");
+  using Reader = TestSupport::LfibReaderProcess;
+  // The reply: "<tracking>|<IP lookup>|<label infos>|<decaps>|<maps>"; the backlogs are then
+  // worked off. Asked "controlWord", it takes the EVPN control word first.
+  struct Stack {
+    LfibStatusConsumerSm::Ptr consumer;
+    LfibTrackingStatus::Ptr tracking = lfibTrackingStatusFactory("reader");
+    LfibTrackingSm::Ptr trackingSm;
+    LfibIpLookupStatus::Ptr ipLookup = lfibIpLookupStatusFactory();
+    LfibIpLookupSm::Ptr ipLookupSm;
+    LfibL2EvpnStatus::Ptr l2 = lfibL2EvpnStatusFactory();
+    Evpn::MplsConfig::Ptr config = Evpn::mplsConfigFactory();
+    LfibL2EvpnSm::Ptr l2Sm;
+  } stack;
+  Reader reader(*name, Reader::Follow::whenAsked, [&](const LfibStatus::Ptr& lfib) {
+    stack.consumer = lfibStatusConsumerSmFactory(lfib);
+    stack.trackingSm = lfibTrackingSmFactory(lfib, stack.tracking, LfibTrackingMode(7), "reader");
+    stack.ipLookupSm = lfibIpLookupSmFactory(lfib, stack.tracking, stack.ipLookup);
+    stack.l2Sm = lfibL2EvpnSmFactory(lfib, stack.tracking, stack.l2, stack.config);
+    return [&, lfib](const std::string& request) {
+      using namespace TestSupport;
+      if (request == "controlWord") {
+        stack.config->controlWordIs(true);
+      }
+      const std::string view = trackingText(*stack.tracking) + "|" + ipLookupText(*stack.ipLookup) +
+                               "|" + labelInfosText(*stack.l2) + "|" + decapsText(*stack.l2) +
+                               "|" + tagMapsText(*lfib);
+      drain(*stack.tracking);
+      return view;
+    };
+  });
+  ASSERT_TRUE(reader.ready());
 
-  WriterLfib w(*name);
-  writeSharedVia(w);
-  w.ipVia(1, "red", payloadTypeIpv4);
-  w.ipVia(2, "blue", payloadTypeIpv6);
-  w.viaSet(setKey(3, viaTypeIpLookup), {ipViaKey(1)});
-  w.viaSet(setKey(4, viaTypeIpLookup), {ipViaKey(2)});
-  w.route(200, setKey(3, viaTypeIpLookup));
-  w.route(201, setKey(4, viaTypeIpLookup));
-  w.group->publish();
-  std::string view = reader.ask("view?");
-  EXPECT_EQ(view,
-            "100:1 101:1 102:1 103:1 104:1 105:1 200:1 201:1|100 101 102 103 104 105 200 "
-            "201|1 2 3 4|200:red:payloadTypeIpv4 201:blue:payloadTypeIpv6");
+  auto w = std::make_unique<WriterAgent>(*name);
+  w->start();
+  writeSharedVia(*w);
+  w->ipLookupVia(ipViaKey(1), "red", payloadTypeIpv4);
+  w->ipLookupVia(ipViaKey(2), "blue", payloadTypeIpv6);
+  w->viaSet(setKey(3, viaTypeIpLookup), {ipViaKey(1)});
+  w->viaSet(setKey(4, viaTypeIpLookup), {ipViaKey(2)});
+  w->route(200, setKey(3, viaTypeIpLookup));
+  w->route(201, setKey(4, viaTypeIpLookup));
+  w->tag(1, 5, 50);
+  w->tag(1, 6, 60);
+  const LfibViaKey vlanVia = TestSupport::lfibViaKey(viaTypeVlan, 1);
+  w->status->vlanViaIs(LfibVlanVia(vlanVia, 10, lfibFlagNone));
+  w->viaSet(setKey(5, viaTypeVlan), {vlanVia});
+  w->route(300, setKey(5, viaTypeVlan));
+  w->vlanAwareVia(6, 1);
+  w->route(301, setKey(6, viaTypeEvpnVlanAware));
+  w->group->publish();
+  std::string view = reader.ask("view");
+  EXPECT_EQ(view.substr(0, view.find('|')),
+            "v{100:1 101:1 102:1 103:1 104:1 105:1 200:1 201:1 300:1 301:1} r{100 101 102 103 "
+            "104 105 200 201 300 301} s{1 2 3 4 5 6}");
+  EXPECT_EQ(view.substr(view.find('|') + 1),
+            "200:red:payloadTypeIpv4 201:blue:payloadTypeIpv6|300:10:-:- 301:0:-:-|301/5:50 "
+            "301/6:60|1{5:50 6:60}");
+  EXPECT_EQ(view.substr(view.find('|') + 1), w->derived() + "|1{5:50 6:60}");
 
   struct Step {
     const char* what;
     std::function<void()> change;
-    std::set<uint32_t> touched;
-    const char* rest;  // backlogs and triples
+    std::optional<std::set<uint32_t>> touched;  // nullopt: not checked
+    const char* backlogs;                        // nullptr: not checked
+    const char* maps;
+    const char* request = "view";
   } steps[] = {
-      {"the shared via changes", [&] { w.mplsVia(1, 2); }, {100, 101, 102, 103, 104, 105},
-       "100 101 102 103 104 105|1 2|200:red:payloadTypeIpv4 201:blue:payloadTypeIpv6"},
+      {"the shared via changes", [&] { w->via(mplsViaKey(1), 2); },
+       std::set<uint32_t>{100, 101, 102, 103, 104, 105}, "r{100 101 102 103 104 105} s{1 2}",
+       "1{5:50 6:60}"},
       {"a route moves from VRF blue to red",
        [&] {
-         w.route(201, setKey(3, viaTypeIpLookup));
-         w.status->viaSetDel(setKey(4, viaTypeIpLookup));
-         w.status->ipLookupViaDel(ipViaKey(2));
+         w->route(201, setKey(3, viaTypeIpLookup));
+         w->status->viaSetDel(setKey(4, viaTypeIpLookup));
+         w->status->ipLookupViaDel(ipViaKey(2));
        },
-       {201}, "201|4|200:red:payloadTypeIpv4 201:red:payloadTypeIpv4"},
-      {"a route is deleted", [&] { w.status->lfibRouteDel(RouteKey(102)); }, {102},
-       "102||200:red:payloadTypeIpv4 201:red:payloadTypeIpv4"},
-      {"a route stops being an IP lookup", [&] { w.route(200, setKey(2)); }, {200},
-       "200||201:red:payloadTypeIpv4"},
-      {"the VRF of a lookup via changes", [&] { w.ipVia(1, "green", payloadTypeIpv4); }, {201},
-       "201|3|201:green:payloadTypeIpv4"},
-      {"an unused via", [&] { w.mplsVia(9); }, {}, "||201:green:payloadTypeIpv4"},
+       std::set<uint32_t>{201}, "r{201} s{4}", "1{5:50 6:60}"},
+      {"a route is deleted", [&] { w->status->lfibRouteDel(RouteKey(102)); },
+       std::set<uint32_t>{102}, "r{102} s{}", "1{5:50 6:60}"},
+      {"a route stops being an IP lookup", [&] { w->route(200, setKey(2)); },
+       std::set<uint32_t>{200}, "r{200} s{}", "1{5:50 6:60}"},
+      {"the VRF of a lookup via changes",
+       [&] { w->ipLookupVia(ipViaKey(1), "green", payloadTypeIpv4); }, std::set<uint32_t>{201},
+       "r{201} s{3}", "1{5:50 6:60}"},
+      {"an unused via", [&] { w->via(mplsViaKey(9)); }, std::set<uint32_t>{}, "r{} s{}",
+       "1{5:50 6:60}"},
+      {"a tag changes VLAN", [&] { w->tag(1, 5, 51); }, std::set<uint32_t>{}, "r{} s{}",
+       "1{5:51 6:60}"},
+      {"VLAN 0 entries",
+       [&] {
+         w->tag(1, 30, 0);
+         w->tag(2, 5, 0);
+       },
+       std::set<uint32_t>{}, "r{} s{}", "1{5:51 6:60}"},
+      {"a VLAN for one of them", [&] { w->tag(2, 6, 60); }, std::set<uint32_t>{}, "r{} s{}",
+       "1{5:51 6:60} 2{6:60}"},
+      {"a VLAN route becomes VLAN-aware",
+       [&] {
+         w->vlanAwareVia(7, 1);
+         w->route(300, setKey(7, viaTypeEvpnVlanAware));
+       },
+       std::set<uint32_t>{300}, "r{300} s{7}", "1{5:51 6:60} 2{6:60}"},
+      {"the control word", [&] { w->config->controlWordIs(true); }, std::set<uint32_t>{},
+       "r{} s{}", "1{5:51 6:60} 2{6:60}", "controlWord"},
+      {"a VLAN-aware route goes", [&] { w->status->lfibRouteDel(RouteKey(301)); },
+       std::set<uint32_t>{301}, "r{301} s{}", "1{5:51 6:60} 2{6:60}"},
+      {"a whole map removed",
+       [&] { w->status->dot1qTagToVlanCollDel(LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1)); },
+       std::set<uint32_t>{}, "r{} s{}", "2{6:60}"},
+      {"a map the restarted writer will not have", [&] { w->tag(5, 5, 55); },
+       std::set<uint32_t>{}, "r{} s{}", "2{6:60} 5{5:55}"},
+      {"writer restart",
+       [&] {
+         w.reset();
+         w = std::make_unique<WriterAgent>(*name);
+         w->config->controlWordIs(true);
+         w->tag(2, 6, 61);
+         w->tag(3, 1, 10);
+         w->start();
+       },
+       std::nullopt, nullptr, "2{6:61} 3{1:10}"},
+      {"after the restart",
+       [&] {
+         w->tag(3, 1, 0);
+         w->tag(4, 4, 40);
+       },
+       std::set<uint32_t>{}, "r{} s{}", "2{6:61} 4{4:40}"},
   };
   for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
     const std::map<uint32_t, uint32_t> before = versionsIn(view);
     step.change();
-    w.group->publish();
-    view = reader.ask("view?");
+    w->group->publish();
+    view = reader.ask(step.request);
     const std::map<uint32_t, uint32_t> after = versionsIn(view);
-    std::set<uint32_t> live;
-    w.status->lfibRouteForEach([&](const LfibRoute& r) { live.insert(r.key().topLabel().value()); });
-    std::set<uint32_t> versioned;
+    std::set<uint32_t> live, versioned;
+    w->status->lfibRouteForEach([&](const LfibRoute& r) { live.insert(r.key().topLabel().value()); });
     for (const auto& [label, version] : after) {
       versioned.insert(label);
-      if (step.touched.count(label)) {
-        EXPECT_GT(version, before.count(label) ? before.at(label) : 0u) << step.what << " " << label;
+      if (!step.touched) {
+        continue;
+      }
+      if (step.touched->count(label)) {
+        EXPECT_GT(version, before.count(label) ? before.at(label) : 0u) << label;
       } else {
-        EXPECT_EQ(version, before.at(label)) << step.what << " " << label;
+        EXPECT_EQ(version, before.at(label)) << label;
       }
     }
-    EXPECT_EQ(versioned, live) << step.what;
-    EXPECT_EQ(view.substr(view.find('|') + 1), step.rest) << step.what;
+    EXPECT_EQ(versioned, live);
+    const size_t tracking = view.find('|');
+    if (step.backlogs) {
+      EXPECT_EQ(view.substr(view.find(" r{") + 1, tracking - view.find(" r{") - 1), step.backlogs);
+    }
+    EXPECT_EQ(view.substr(tracking + 1), w->derived() + "|" + step.maps);
   }
-  EXPECT_EQ(reader.wait(std::chrono::seconds(10)), 0);
+  EXPECT_EQ(reader.wait(), 0);
 }
 
 }  // namespace

@@ -6,21 +6,13 @@
 #include <string>
 
 #include "Mpls/MplsLfib.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
 using Domain = LfibViaIndexAllocator::ViaSetKeyIndexDomain;
-using PondTest::ScopedGroupName;
-
-struct WriterLfib {
-  explicit WriterLfib(const std::string& test) : name(test), status(lfibStatusFactory()) {
-    status->mountGroupIs(Pond::MountGroup::writer(*name));
-  }
-  ScopedGroupName name;
-  LfibStatus::Ptr status;
-};
+using WriterLfib = TestSupport::LfibFixture;
 
 LfibViaKey viaKey(LfibViaType type, uint32_t index, LFib::Source source = LFib::sourceLdp) {
   return LfibViaKey(source, type, index);
@@ -29,23 +21,6 @@ LfibViaKey viaKey(LfibViaType type, uint32_t index, LFib::Source source = LFib::
 LfibViaSetKey setKey(LfibViaType type, LfibViaSetType setType, uint32_t index,
                      LFib::Source source = LFib::sourceLdp) {
   return LfibViaSetKey(source, index, type, setType);
-}
-
-// Stores a via under `key`, in the collection of its via type.
-void storeVia(LfibStatus& s, const LfibViaKey& key) {
-  switch (key.viaType()) {
-    case viaTypeMplsIp:
-      s.mplsViaIs(LfibMplsVia(key, {}, Netbase::labelActionPop, {}, false));
-      return;
-    case viaTypeMplsPseudowire:
-      s.pwViaIs(LfibPwVia(key, Netbase::IntfId()));
-      return;
-    case viaTypeIpLookup:
-      s.ipLookupViaIs(LfibIpLookupVia(key, L3::VrfName("red"), payloadTypeIpv4));
-      return;
-    default:
-      s.extFecViaIs(LfibExtFecVia(key, 1, Netbase::labelActionPop, payloadTypeMpls));
-  }
 }
 
 constexpr LfibViaType kAllocatedTypes[] = {viaTypeMplsIp, viaTypeMplsPseudowire, viaTypeIpLookup,
@@ -101,7 +76,7 @@ TEST(LfibViaIndexAllocator, CountsPerViaTypeAndPerDomainAndWraps) {
   EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 0));
   EXPECT_EQ(a->getViaKey(viaTypeMplsIp), viaKey(viaTypeMplsIp, 1));
 
-  storeVia(*lfib.status, viaKey(viaTypeExternalFec, 0));
+  lfib.via(viaKey(viaTypeExternalFec, 0));
   a->viaKeyIndexIs(viaTypeExternalFec, 0xFFFFFFFE);
   EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 0xFFFFFFFF));
   EXPECT_EQ(a->getViaKey(viaTypeExternalFec), viaKey(viaTypeExternalFec, 1));
@@ -119,9 +94,9 @@ TEST(LfibViaIndexAllocator, StepsOverKeysInUse) {
   for (LfibViaType type : kAllocatedTypes) {
     SCOPED_TRACE(Kel::valueToStrep(type));
     for (uint32_t index : {1, 2, 4}) {
-      storeVia(s, viaKey(type, index));
+      lfib.via(viaKey(type, index));
     }
-    storeVia(s, viaKey(type, 3, LFib::sourceStatic));  // another source's: not in use for us
+    lfib.via(viaKey(type, 3, LFib::sourceStatic));  // another source's: not in use for us
     // A fresh allocator, as after a writer restart.
     auto a = lfibViaIndexAllocatorFactory(LFib::sourceLdp, lfib.status);
     EXPECT_EQ(a->getViaKey(type), viaKey(type, 3));
@@ -209,7 +184,7 @@ class FastForward : public LfibViaIndexAllocator::NotifieeConst {
 TEST(LfibViaIndexAllocatorDeathTest, ExhaustedIndexSpaceAborts) {
   WriterLfib lfib("exhausted");
   LfibStatus& s = *lfib.status;
-  storeVia(s, viaKey(viaTypeMplsIp, 6));
+  lfib.via(viaKey(viaTypeMplsIp, 6));
   s.viaSetIs(LfibViaSet(setKey(viaTypeMplsIp, viaSetTypeEcmp, 6)));
 
   // The start itself free: the search ends there, with no assertion.
@@ -223,7 +198,7 @@ TEST(LfibViaIndexAllocatorDeathTest, ExhaustedIndexSpaceAborts) {
     EXPECT_EQ(a->getViaSetKey(viaTypeMplsIp, viaSetTypeEcmp).index(), 5u);
   }
 
-  storeVia(s, viaKey(viaTypeMplsIp, 5));
+  lfib.via(viaKey(viaTypeMplsIp, 5));
   s.viaSetIs(LfibViaSet(setKey(viaTypeMplsIp, viaSetTypeEcmp, 5)));
   auto a = lfibViaIndexAllocatorFactory(LFib::sourceLdp, lfib.status);
   a->viaKeyIndexIs(viaTypeMplsIp, 5);

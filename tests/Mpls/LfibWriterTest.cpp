@@ -1,11 +1,10 @@
 // LfibWriter on a writer-role LfibStatus with real shared-memory tables: what a write and a
 // rewrite change (observed through the LfibStatus's notifications, in order), key reuse,
 // weights, the 128-via limit, deletes, refused via types, the fatal assertions, and a
-// reading process that checks the write order.
+// reading process that checks the write order; and ConsolidatedLfibRoute, what it is given.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <functional>
@@ -17,40 +16,31 @@
 #include <utility>
 #include <vector>
 
-#include "Kel/ChildProcess.h"
 #include "Kel/Trace.h"
 #include "Mpls/MplsLfibWriter.h"
-#include "platform/Pond/PondTestTypes.h"
+#include "support/LfibFixture.h"
 
 namespace {
 
 using namespace Mpls;
 using Events = std::vector<std::string>;
-using PondTest::ScopedGroupName;
+using TestSupport::LfibRecorder;
 
-// The via types the writer writes, with the collection of each.
-constexpr std::pair<LfibViaType, const char*> kWritten[] = {{viaTypeMplsIp, "mplsVia"},
-                                                            {viaTypeMplsPseudowire, "pwVia"},
-                                                            {viaTypeIpLookup, "ipLookupVia"},
-                                                            {viaTypeExternalFec, "extFecVia"}};
+// The via types the writer writes.
+constexpr LfibViaType kWritten[] = {viaTypeMplsIp, viaTypeMplsPseudowire, viaTypeIpLookup,
+                                    viaTypeExternalFec};
 
-// A writer on the group `name`, with room for many vias of every type.
-struct WriterLfib {
-  explicit WriterLfib(const std::string& name)
-      : group(Pond::MountGroup::writer(name)), status(lfibStatusFactory()) {
-    LfibStatusSizing sizing;
-    sizing.pwVia = sizing.ipLookupVia = sizing.extFecVia = Pond::TableSizing{4096};
-    status->mountGroupIs(group, sizing);
-    writer = lfibWriterFactory(status);
-  }
-  Kel::Ptr<Pond::MountGroup> group;
-  LfibStatus::Ptr status;
+std::string collectionOf(LfibViaType type) {
+  std::string out;
+  lfibViaTypeVisit(type, [&](auto via) { out = via.collection; });
+  return out;
+}
+
+// A writer on an LFIB of its own.
+struct Fixture : TestSupport::LfibFixture {
+  explicit Fixture(const std::string& test)
+      : LfibFixture(test), writer(lfibWriterFactory(status)) {}
   LfibWriter::Ptr writer;
-};
-
-// A writer on a group of its own.
-struct Fixture : ScopedGroupName, WriterLfib {
-  explicit Fixture(const std::string& test) : ScopedGroupName(test), WriterLfib(**this) {}
 };
 
 LfibViaKey mplsKey(uint32_t index) { return LfibViaKey(LFib::sourceLdp, viaTypeMplsIp, index); }
@@ -94,56 +84,21 @@ ConsolidatedLfibRoute route(uint32_t label, LfibViaType type, std::vector<uint32
   return r;
 }
 
-bool viaStored(const LfibStatus& s, const LfibViaKey& k) {
-  switch (k.viaType()) {
-    case viaTypeMplsIp:
-      return s.mplsVia(k).key() == k;
-    case viaTypeMplsPseudowire:
-      return s.pwVia(k).key() == k;
-    case viaTypeIpLookup:
-      return s.ipLookupVia(k).key() == k;
-    case viaTypeExternalFec:
-      return s.extFecVia(k).key() == k;
-    default:
-      return s.vlanVia(k).key() == k;
-  }
-}
-
-// The via keys of a route's via set, in slot order.
-std::vector<LfibViaKey> viaKeysOf(const LfibStatus& s, uint32_t label) {
-  const LfibViaSet set = s.viaSet(s.lfibRoute(RouteKey(label)).viaSetKey());
-  return std::vector<LfibViaKey>(set.viaKey().begin(), set.viaKey().end());
-}
-
 // The via numbers of route `label`'s MPLS vias.
-std::set<uint32_t> mplsViasOf(const LfibStatus& s, uint32_t label) {
+std::set<uint32_t> mplsViasOf(const Fixture& f, uint32_t label) {
   std::set<uint32_t> out;
-  for (const LfibViaKey& k : viaKeysOf(s, label)) {
-    out.insert(s.mplsVia(k).labelStack().topLabel().value() - 1000);
+  for (const LfibViaKey& k : f.viaKeysOf(label)) {
+    out.insert(f.status->mplsVia(k).labelStack().topLabel().value() - 1000);
   }
   return out;
 }
 
-// Every notification of an LfibStatus, in order: "<collection> <label or index>".
-struct Recorder : LfibStatus::NotifieeConst {
-  explicit Recorder(const LfibStatus::Ptr& s) { notifierIs(s); }
-  void onLfibRoute(const RouteKey& k) override { note("lfibRoute", k.label().value()); }
-  void onViaSet(const LfibViaSetKey& k) override { note("viaSet", k.index()); }
-  void onMplsVia(const LfibViaKey& k) override { note("mplsVia", k.index()); }
-  void onPwVia(const LfibViaKey& k) override { note("pwVia", k.index()); }
-  void onIpLookupVia(const LfibViaKey& k) override { note("ipLookupVia", k.index()); }
-  void onExtFecVia(const LfibViaKey& k) override { note("extFecVia", k.index()); }
-  void onVlanVia(const LfibViaKey& k) override { note("vlanVia", k.index()); }
-  void note(const char* coll, uint32_t n) { events.push_back(fmt::format("{} {}", coll, n)); }
-  Events take() { return std::exchange(events, {}); }
-  Events events;
-};
-
 TEST(LfibWriter, WritesViasThenViaSetThenRouteAndTheSameRouteAgainWritesNothing) {
-  for (const auto& [type, coll] : kWritten) {
+  for (LfibViaType type : kWritten) {
+    const std::string coll = collectionOf(type);
     SCOPED_TRACE(coll);
-    Fixture f(std::string("same") + coll);
-    Recorder rec(f.status);
+    Fixture f("same" + coll);
+    LfibRecorder rec(f.status);
     EXPECT_TRUE(f.writer->inPlaceAdjacencyUpdateSupported());
     const auto vias = type == viaTypeIpLookup ? std::vector<uint32_t>{1}
                                               : std::vector<uint32_t>{1, 2};
@@ -159,10 +114,10 @@ TEST(LfibWriter, WritesViasThenViaSetThenRouteAndTheSameRouteAgainWritesNothing)
     EXPECT_EQ(f.status->lfibRoute(RouteKey(100)),
               LfibRoute(RouteKey(100), LfibViaSetKey(LFib::sourceLdp, 1, type, viaSetTypeEcmp),
                         LFib::sourceLdp, r.fec(), 0));
-    const std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
+    const std::vector<LfibViaKey> keys = f.viaKeysOf(100);
     ASSERT_EQ(keys.size(), vias.size());
     for (const LfibViaKey& k : keys) {
-      EXPECT_TRUE(k.source() == LFib::sourceLdp && k.viaType() == type && viaStored(*f.status, k))
+      EXPECT_TRUE(k.source() == LFib::sourceLdp && k.viaType() == type && lfibViaStored(*f.status, k))
           << k;
     }
 
@@ -176,22 +131,22 @@ TEST(LfibWriter, WritesViasThenViaSetThenRouteAndTheSameRouteAgainWritesNothing)
 
 TEST(LfibWriter, InPlaceRewriteKeepsTheKeysOfWhatDidNotChangeAndWithoutItEveryKeyIsNew) {
   Fixture f("inPlace");
-  Recorder rec(f.status);
+  LfibRecorder rec(f.status);
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2}));
-  std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
+  std::vector<LfibViaKey> keys = f.viaKeysOf(100);
   rec.take();
 
   // One via added: only it and the via set are written; it takes the last slot.
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2, 3}));
   EXPECT_EQ(rec.take(), (Events{"mplsVia 3", "viaSet 1"}));
   keys.push_back(mplsKey(3));
-  EXPECT_EQ(viaKeysOf(*f.status, 100), keys);
+  EXPECT_EQ(f.viaKeysOf(100), keys);
 
   // Via 1 (the first slot) removed: the via set first, then the via.
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {2, 3}));
   EXPECT_EQ(rec.take(), (Events{"viaSet 1", fmt::format("mplsVia {}", keys[0].index())}));
-  EXPECT_FALSE(viaStored(*f.status, keys[0]));
-  EXPECT_EQ(mplsViasOf(*f.status, 100), (std::set<uint32_t>{2, 3}));
+  EXPECT_FALSE(lfibViaStored(*f.status, keys[0]));
+  EXPECT_EQ(mplsViasOf(f, 100), (std::set<uint32_t>{2, 3}));
 
   // A via's weight changes: that via alone is written again, under its key.
   ConsolidatedLfibRoute weighted = route(100, viaTypeMplsIp, {2, 3});
@@ -206,12 +161,12 @@ TEST(LfibWriter, InPlaceRewriteKeepsTheKeysOfWhatDidNotChangeAndWithoutItEveryKe
   EXPECT_EQ(rec.take(), Events{"lfibRoute 100"});
 
   // Another via set type: a new via set key, the vias keep theirs.
-  keys = viaKeysOf(*f.status, 100);
+  keys = f.viaKeysOf(100);
   weighted.viaSetTypeIs(viaSetTypeUcmp);
   f.writer->lfibRouteIs(weighted);
   EXPECT_EQ(rec.take(), (Events{"viaSet 1", "lfibRoute 100", "viaSet 1"}));
   EXPECT_EQ(f.status->lfibRoute(RouteKey(100)).viaSetKey().viaSetType(), viaSetTypeUcmp);
-  EXPECT_EQ(viaKeysOf(*f.status, 100), keys);
+  EXPECT_EQ(f.viaKeysOf(100), keys);
   EXPECT_EQ(f.status->viaSets(), 1u);
 
   // Without in-place update, the same route again takes new keys and deletes the old ones.
@@ -232,7 +187,7 @@ TEST(LfibWriter, AnotherViaTypeOrSourceTakesNewKeysAndDeletesAllOldViasNoViasAnE
   EXPECT_EQ(f.status->mplsVias(), 0u);
 
   f.writer->lfibRouteIs(route(100, viaTypeMplsPseudowire, {1, 2}, LFib::sourceStatic));
-  const std::vector<LfibViaKey> keys = viaKeysOf(*f.status, 100);
+  const std::vector<LfibViaKey> keys = f.viaKeysOf(100);
   ASSERT_EQ(keys.size(), 2u);
   EXPECT_EQ(keys[0].source(), LFib::sourceStatic);
   EXPECT_EQ(keys[1].source(), LFib::sourceStatic);
@@ -261,7 +216,7 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
   r.mplsViaIs(mplsVia(2, 3));
   f.writer->lfibRouteIs(r);
   std::map<uint32_t, uint32_t> weightByLabel;
-  for (const LfibViaKey& k : viaKeysOf(*f.status, 100)) {
+  for (const LfibViaKey& k : f.viaKeysOf(100)) {
     const LfibMplsVia v = f.status->mplsVia(k);
     weightByLabel[v.labelStack().topLabel().value()] = v.weight();
   }
@@ -272,7 +227,7 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
   f.writer->lfibRouteIs(route(300, viaTypeMplsIp, {7, 1, 9, 3, 5}));
   auto layout = [&](uint32_t label) {
     std::vector<LfibMplsVia> vias;
-    for (const LfibViaKey& k : viaKeysOf(*f.status, label)) {
+    for (const LfibViaKey& k : f.viaKeysOf(label)) {
       vias.push_back(f.status->mplsVia(k));
       vias.back().keyIs(LfibViaKey());
     }
@@ -285,7 +240,7 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
 
   // Pseudowire vias have no weight: equal ones are one via.
   f.writer->lfibRouteIs(route(400, viaTypeMplsPseudowire, {1, 1, 2}));
-  EXPECT_EQ(viaKeysOf(*f.status, 400).size(), 2u);
+  EXPECT_EQ(f.viaKeysOf(400).size(), 2u);
 }
 
 TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
@@ -319,7 +274,7 @@ TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   EXPECT_EQ(std::count_if(r.mplsVia().begin(), r.mplsVia().end(),
                           [&](const LfibMplsVia& v) { return !(highestKept < v); }),
             128);
-  Recorder rec(f.status);
+  LfibRecorder rec(f.status);
   f.writer->lfibRouteIs(r);
   EXPECT_EQ(rec.take(), Events{});
   f.writer->lfibRouteDel(RouteKey(100));
@@ -345,26 +300,18 @@ TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   }
 }
 
-// "Mpls/MplsLfibWriter:<line> <signature> -- assertion failed(<expression>): <message>"
 void expectAssertion(const std::function<void()>& f, const std::string& signature,
                      const std::string& expression, const std::string& message) {
-  try {
-    f();
-    ADD_FAILURE() << "nothing thrown";
-  } catch (const Kel::InternalException& e) {
-    const std::string what = e.what();
-    const std::string tail = " " + signature + " -- assertion failed(" + expression + "): " + message;
-    EXPECT_TRUE(what.starts_with("Mpls/MplsLfibWriter:")) << what;
-    EXPECT_TRUE(what.ends_with(tail)) << what;
-  }
+  EXPECT_EQ(TestSupport::assertionMismatch("Mpls/MplsLfibWriter", f, signature, expression, message),
+            "");
 }
 
 TEST(LfibWriter, DeletesRouteThenViaSetThenViasAndDeleteAllLeavesWhatItDoesNotWrite) {
   Fixture f("delete");
-  Recorder rec(f.status);
+  LfibRecorder rec(f.status);
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2, 3}));
   Events expected = {"lfibRoute 100", "viaSet 1"};
-  for (const LfibViaKey& k : viaKeysOf(*f.status, 100)) {
+  for (const LfibViaKey& k : f.viaKeysOf(100)) {
     expected.push_back(fmt::format("mplsVia {}", k.index()));
   }
   rec.take();
@@ -382,22 +329,22 @@ TEST(LfibWriter, DeletesRouteThenViaSetThenViasAndDeleteAllLeavesWhatItDoesNotWr
   f.status->vlanViaIs(LfibVlanVia(vlan, Bridging::VlanId(10), lfibFlagNone));
   f.status->vlanViaIs(LfibVlanVia(otherVlan, Bridging::VlanId(11), lfibFlagNone));
   f.writer->lfibViaDel(vlan);
-  EXPECT_FALSE(viaStored(*f.status, vlan));
-  for (const auto& [type, coll] : kWritten) {
+  EXPECT_FALSE(lfibViaStored(*f.status, vlan));
+  for (LfibViaType type : kWritten) {
     f.writer->lfibRouteIs(route(100 + type, type, {1}));
   }
   f.writer->lfibRouteDelAll();
   EXPECT_EQ(f.status->lfibRoutes() + f.status->viaSets(), 0u);
   EXPECT_EQ(f.status->mplsVias() + f.status->pwVias() + f.status->extFecVias(), 0u);
   EXPECT_EQ(f.status->ipLookupVias(), 1u);
-  EXPECT_TRUE(viaStored(*f.status, otherVlan));
+  EXPECT_TRUE(lfibViaStored(*f.status, otherVlan));
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1}));
-  EXPECT_EQ(viaKeysOf(*f.status, 100), std::vector<LfibViaKey>{mplsKey(5)});
+  EXPECT_EQ(f.viaKeysOf(100), std::vector<LfibViaKey>{mplsKey(5)});
 }
 
 TEST(LfibWriter, RefusesViaTypesItDoesNotWriteBeforeTouchingAnything) {
   Fixture f("refused");
-  Recorder rec(f.status);
+  LfibRecorder rec(f.status);
   // Every type without a writer: the VLAN and EVPN ones, the reserved value, and beyond.
   for (int type : {0, 4, 5, 6, 7, 8, 9, 11, 12}) {
     SCOPED_TRACE(type);
@@ -439,8 +386,8 @@ TEST(LfibWriter, ANotifieeMayWriteAnotherRouteWhileARouteIsWritten) {
   nested.writer = f.writer.get();
   nested.notifierIs(f.status);
   f.writer->lfibRouteIs(route(100, viaTypeMplsIp, {1, 2, 3}));
-  EXPECT_EQ(mplsViasOf(*f.status, 100), (std::set<uint32_t>{1, 2, 3}));
-  EXPECT_EQ(mplsViasOf(*f.status, 200), (std::set<uint32_t>{7, 8, 9}));
+  EXPECT_EQ(mplsViasOf(f, 100), (std::set<uint32_t>{1, 2, 3}));
+  EXPECT_EQ(mplsViasOf(f, 200), (std::set<uint32_t>{7, 8, 9}));
   EXPECT_EQ(f.status->mplsVias(), 6u);
 }
 
@@ -484,36 +431,24 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
     const LfibRoute r = s_->lfibRoute(k);
     if (r != LfibRoute()) {
       routesNaming_[r.viaSetKey()].insert(k);
-      if (!hasViaSet(r.viaSetKey()) && s_->lfibRoute(k) == r) {
-        violation(fmt::format("route {} names missing {}", k, r.viaSetKey()));
-      }
     }
+    checkRoute(k);
   }
   void onViaSet(const LfibViaSetKey& k) override {
     ++checked;
     const LfibViaSet set = s_->viaSet(k);
-    if (set.key() != k) {
-      if (auto it = routesNaming_.find(k); it != routesNaming_.end()) {
-        for (const RouteKey& route : it->second) {
-          if (s_->lfibRoute(route).viaSetKey() == k && !hasViaSet(k)) {
-            violation(fmt::format("route {} still names deleted {}", route, k));
-          }
-        }
-        routesNaming_.erase(it);  // a deleted key never comes back
+    if (set.key() == k) {
+      for (const LfibViaKey& v : set.viaKey()) {
+        namedBy_[v].insert(k);
       }
-      return;
-    }
-    for (const LfibViaKey& v : set.viaKey()) {
-      namedBy_[v].insert(k);
-      if (!hasVia(v) && s_->viaSet(k) == set) {
-        violation(fmt::format("{} names missing {}", k, v));
+      checkViaSet(k);
+    } else if (auto gone = routesNaming_.extract(k)) {  // a deleted key never comes back
+      for (const RouteKey& route : gone.mapped()) {
+        checkRoute(route);
       }
     }
   }
-  void onMplsVia(const LfibViaKey& k) override { onVia(k); }
-  void onPwVia(const LfibViaKey& k) override { onVia(k); }
-  void onIpLookupVia(const LfibViaKey& k) override { onVia(k); }
-  void onExtFecVia(const LfibViaKey& k) override { onVia(k); }
+  MPLS_LFIB_ON_EVERY_VIA(onVia)
 
   uint64_t checked = 0;
   uint64_t violations = 0;
@@ -522,21 +457,30 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
  private:
   void onVia(const LfibViaKey& k) {
     ++checked;
-    auto it = namedBy_.find(k);
-    if (hasVia(k) || it == namedBy_.end()) {
+    if (lfibViaStored(*s_, k)) {
       return;
     }
-    for (const LfibViaSetKey& setKey : it->second) {
-      const LfibViaSet set = s_->viaSet(setKey);
-      if (std::find(set.viaKey().begin(), set.viaKey().end(), k) != set.viaKey().end() &&
-          !hasVia(k)) {
-        violation(fmt::format("{} still names deleted {}", setKey, k));
+    if (auto gone = namedBy_.extract(k)) {  // a deleted key never comes back
+      for (const LfibViaSetKey& setKey : gone.mapped()) {
+        checkViaSet(setKey);
       }
     }
-    namedBy_.erase(it);  // a deleted key never comes back
   }
-  bool hasViaSet(const LfibViaSetKey& k) const { return s_->viaSet(k).key() == k; }
-  bool hasVia(const LfibViaKey& k) const { return viaStored(*s_, k); }
+  void checkRoute(const RouteKey& k) {
+    for (const LfibIntegrityProblem& p : lfibRouteProblems(*s_, k)) {
+      if (s_->lfibRoute(k).viaSetKey() == p.viaSet) {
+        violation(fmt::format("route {} names missing {}", k, p.viaSet));
+      }
+    }
+  }
+  void checkViaSet(const LfibViaSetKey& k) {
+    for (const LfibIntegrityProblem& p : lfibViaSetProblems(*s_, k)) {
+      const LfibViaSet set = s_->viaSet(k);
+      if (std::find(set.viaKey().begin(), set.viaKey().end(), p.via) != set.viaKey().end()) {
+        violation(fmt::format("{} names missing {}", k, p.via));
+      }
+    }
+  }
   void violation(const std::string& what) {
     if (violations++ == 0) {
       first = what;
@@ -548,45 +492,31 @@ class InvariantChecker : public LfibStatus::NotifieeConst {
   std::map<LfibViaKey, std::set<LfibViaSetKey>> namedBy_;
 };
 
-// Checks every change it hears of; asked, it processes what is left and answers
-// "<violations> <checked> <first violation>".
-int checkerProcess(const std::string& name, Kel::ChildProcess::Channel& channel) {
-  auto group = Pond::MountGroup::reader(name);
-  auto status = lfibStatusFactory();
-  status->mountGroupIs(group);
-  InvariantChecker checker(status);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
-  while (std::chrono::steady_clock::now() < deadline) {
-    std::optional<std::string> request = channel.request(std::chrono::milliseconds(0));
-    if (!request) {
-      return 0;
-    }
-    if (request->empty()) {
-      if (group->waitForChange(std::chrono::milliseconds(5))) {
-        group->processChanges();
-      }
-      continue;
-    }
-    group->processChanges();
-    channel.reply(fmt::format("{} {} {}", checker.violations, checker.checked, checker.first));
-  }
-  return 1;
-}
-
 TEST(LfibWriter, AReaderProcessNeverFindsAMissingViaSetOrVia) {
-  ScopedGroupName name("writerOrder");
-  Kel::ChildProcess checker(
-      [&](Kel::ChildProcess::Channel& channel) { return checkerProcess(*name, channel); });
-  WriterLfib lfib(*name);
+  PondTest::ScopedGroupName name("writerOrder");
+  // Checks every change it hears of; asked, answers "<violations> <checked> <first one>".
+  std::unique_ptr<InvariantChecker> remote;
+  TestSupport::LfibReaderProcess checker(
+      *name, TestSupport::LfibReaderProcess::Follow::continuously, [&](const LfibStatus::Ptr& s) {
+        remote = std::make_unique<InvariantChecker>(s);
+        return [&](const std::string&) {
+          return fmt::format("{} {} {}", remote->violations, remote->checked, remote->first);
+        };
+      });
+  ASSERT_TRUE(checker.ready());
+  LfibStatusSizing sizing;  // room for every via of every type
+  sizing.pwVia = sizing.ipLookupVia = sizing.extFecVia = Pond::TableSizing{4096};
+  TestSupport::WriterLfib lfib(*name, sizing);
+  auto writer = lfibWriterFactory(lfib.status);
   InvariantChecker local(lfib.status);
   std::mt19937 rng(20240611);
   auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
   for (int op = 0; op < 12000; ++op) {
     const uint32_t label = 16 + pick(150);
     if (pick(8) == 0) {
-      lfib.writer->lfibRouteDel(RouteKey(label));
+      writer->lfibRouteDel(RouteKey(label));
     } else {
-      const LfibViaType type = kWritten[pick(4)].first;
+      const LfibViaType type = kWritten[pick(4)];
       ConsolidatedLfibRoute r =
           route(label, type, {}, pick(3) == 0 ? LFib::sourceStatic : LFib::sourceLdp);
       const uint32_t vias = type == viaTypeIpLookup ? pick(2) : pick(9);
@@ -597,7 +527,7 @@ TEST(LfibWriter, AReaderProcessNeverFindsAMissingViaSetOrVia) {
           addVia(r, type, pick(12));
         }
       }
-      lfib.writer->lfibRouteIs(r);
+      writer->lfibRouteIs(r);
     }
     if (op % 64 == 0) {
       lfib.group->publish();
@@ -612,7 +542,98 @@ TEST(LfibWriter, AReaderProcessNeverFindsAMissingViaSetOrVia) {
   EXPECT_EQ(violations, 0u) << answer;
   EXPECT_GT(checked, 0u);
   EXPECT_EQ(local.violations, 0u) << local.first;
-  EXPECT_EQ(checker.wait(std::chrono::seconds(10)), 0);
+  EXPECT_EQ(checker.wait(), 0);
+  // And at the end the whole LFIB, every table walked.
+  const LfibIntegrityReport report = lfibIntegrityCheck(*lfib.status);
+  EXPECT_TRUE(report.consistent());
+  uint64_t vias = 0;
+  lfibViaTypeForEach([&](auto via) { vias += via.size(*lfib.status); });
+  EXPECT_EQ(report.routes, lfib.status->lfibRoutes());
+  EXPECT_EQ(report.viaSets, lfib.status->viaSets());
+  EXPECT_EQ(report.vias, vias);
+  EXPECT_GT(report.vias, 0u);
+}
+
+// ---------------------------------------------------------------------------------------
+// ConsolidatedLfibRoute.
+
+ConsolidatedLfibRoute bareRoute(uint32_t label) {
+  return ConsolidatedLfibRoute(RouteKey(label), LFib::sourceStatic, FwdEqvClass(), 0,
+                               viaTypeMplsIp);
+}
+
+TEST(ConsolidatedLfibRoute, ViaSetsKeyedByTheWholeViaEqualityIsSetEqualityAndBoolIsNotDefault) {
+  ConsolidatedLfibRoute r = bareRoute(100);
+  r.mplsViaIs(mplsVia(1));
+  r.mplsViaIs(mplsVia(1));
+  EXPECT_EQ(r.mplsVias(), 1u);
+  r.mplsViaIs(mplsVia(1, 2));  // differs only in weight: a via of its own
+  EXPECT_EQ(r.mplsVias(), 2u);
+  EXPECT_TRUE(r.mplsViaHas(mplsVia(1, 2)));
+  r.mplsViaDel(mplsVia(1, 2));
+  r.mplsViaDel(mplsVia(9));  // absent: nothing
+  EXPECT_EQ(r.mplsVias(), 1u);
+  r.mplsViaDelAll();
+  EXPECT_EQ(r.mplsVias(), 0u);
+
+  ConsolidatedLfibRoute a = bareRoute(100);
+  ConsolidatedLfibRoute b = bareRoute(100);
+  for (uint32_t n : {1, 2, 3, 4}) {
+    a.mplsViaIs(mplsVia(n));
+    b.mplsViaIs(mplsVia(5 - n));
+  }
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a.hash(5), b.hash(5));
+  EXPECT_EQ(Kel::valueToStrep(a), Kel::valueToStrep(b));  // vias print in order
+  b.viaSetTypeIs(viaSetTypeEcmp);
+  EXPECT_NE(a, b);
+
+  EXPECT_FALSE(ConsolidatedLfibRoute());
+  EXPECT_TRUE(bareRoute(100));
+  ConsolidatedLfibRoute onlyVia;
+  onlyVia.extFecViaIs(LfibExtFecVia());
+  EXPECT_TRUE(onlyVia);
+  ConsolidatedLfibRoute onlyMetric;
+  onlyMetric.metricIs(1);
+  EXPECT_TRUE(onlyMetric);
+}
+
+TEST(ConsolidatedLfibRoute, KeyedViaIsStoredThenRefusedAndTheTextFormIsNeverRead) {
+  ConsolidatedLfibRoute r = bareRoute(100);
+  LfibMplsVia keyed = mplsVia(1);
+  keyed.keyIs(LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 4));
+  expectAssertion([&] { r.mplsViaIs(keyed); },
+                  "void Mpls::ConsolidatedLfibRoute::verifyVia(const Mpls::LfibViaKey&) const",
+                  "vk == LfibViaKey()", "Vias in ConsolidatedLfibRoute should have an unset key only");
+  EXPECT_TRUE(r.mplsViaHas(keyed));  // inserted before the check
+  LfibIpLookupVia lookup(LfibViaKey(LFib::sourceBgp, viaTypeIpLookup, 1), L3::VrfName("red"),
+                         payloadTypeIpv4);
+  EXPECT_THROW(r.ipLookupViaIs(lookup), Kel::InternalException);
+
+  // The text form is written, but never read.
+  r = bareRoute(16);
+  r.mplsViaIs(mplsVia(2));
+  r.mplsViaIs(mplsVia(1));
+  std::string text = Kel::valueToStrep(r);
+  EXPECT_EQ(text,
+            "Value('Mpls::ConsolidatedLfibRoute', ** {'key': Value('Mpls::RouteKey', ** "
+            "{'label': 16}), 'source': sourceStatic, 'fec': Value('Mpls::FwdEqvClass', ** "
+            "{'fecType': fecTypeNone, 'prefix': 0.0.0.0/0}), 'metric': 0, 'viaType': "
+            "viaTypeMplsIp, 'viaSetType': viaSetTypeDefault, 'mplsVia': {" +
+                Kel::valueToStrep(mplsVia(1)) + ", " +
+                Kel::valueToStrep(mplsVia(2)) +
+                "}, 'pwVia': {}, 'ipLookupVia': {}, 'extFecVia': {}})");
+  try {
+    Kel::strepToValue<ConsolidatedLfibRoute>(text);
+    ADD_FAILURE() << "read from text";
+  } catch (const Kel::InternalException& e) {
+    std::string what = e.what();
+    EXPECT_TRUE(what.starts_with("Mpls/MplsLfibWriter:"));
+    EXPECT_NE(what.find(" -- assertion failed(!\"No String constructor for "
+                        "ConsolidatedLfibRoute - has collection\"): "),
+              std::string::npos)
+        << what;
+  }
 }
 
 }  // namespace

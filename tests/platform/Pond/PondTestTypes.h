@@ -27,6 +27,8 @@ class Row {
   static Row of(uint32_t id, uint64_t n) {
     return Row(Key(id), n, n * 3 + 1, n ^ 0x5555555555555555ull, ~n);
   }
+  // The line of a dump: "[<id>] <a>".
+  std::string pondString() const { return "[" + std::to_string(key_.id()) + "] " + std::to_string(a_); }
   bool consistent() const { return b_ == a_ * 3 + 1 && c_ == (a_ ^ 0x5555555555555555ull) && d_ == ~a_; }
 };
 
@@ -55,6 +57,10 @@ class VarRow {
       w.push_back(n + i * 7);
     }
     return VarRow(Key(id), w);
+  }
+  // The line of a dump: "[<id>] <word count> words".
+  std::string pondString() const {
+    return "[" + std::to_string(key_.id()) + "] " + std::to_string(words_.size()) + " words";
   }
   bool consistent() const {
     for (size_t i = 1; i < words_.size(); ++i) {
