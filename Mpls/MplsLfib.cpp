@@ -386,10 +386,7 @@ LfibViaKey LfibViaIndexAllocator::getViaKey(LfibViaType viaType) {
     const uint32_t index = viaKeyIndexInc(viaType, 1);
     const LfibViaKey candidate(source_, viaType, index);
     bool taken = false;
-    lfibViaTypeVisit(viaType, [&](auto via) {
-      typename decltype(via)::Row row;
-      taken = via.find(*lfibStatus_, candidate, row);
-    });
+    lfibViaTypeVisit(viaType, [&](auto via) { taken = via.contains(*lfibStatus_, candidate); });
     if (!taken) {
       return candidate;
     }
@@ -407,7 +404,7 @@ LfibViaSetKey LfibViaIndexAllocator::getViaSetKey(LfibViaType viaType,
     const uint32_t index = viaSetKeyIndexInc(domain, 1);
     const LfibViaSetKey candidate(source_, index, viaType, viaSetType);
     const auto* viaSets = lfibStatus_->viaSetTable();
-    if (!viaSets || !viaSets->find(candidate, viaSetRow_)) {
+    if (!viaSets || !viaSets->contains(candidate)) {
       return candidate;
     }
     if (index == start) {
@@ -426,10 +423,7 @@ Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(
 
 bool lfibViaStored(const LfibStatus& lfib, const LfibViaKey& key) {
   bool stored = false;
-  lfibViaTypeVisit(key.viaType(), [&](auto via) {
-    typename decltype(via)::Row row;
-    stored = via.find(lfib, key, row);
-  });
+  lfibViaTypeVisit(key.viaType(), [&](auto via) { stored = via.contains(lfib, key); });
   return stored;
 }
 
@@ -438,10 +432,10 @@ namespace {
 using Problem = LfibIntegrityProblem;
 using Kind = LfibIntegrityProblem::Kind;
 
-void addRouteProblems(const LfibStatus& lfib, const LfibRoute& route, LfibViaSet& scratch,
+void addRouteProblems(const LfibStatus& lfib, const LfibRoute& route,
                       std::vector<Problem>& out) {
   const auto* viaSets = lfib.viaSetTable();
-  if (!viaSets || !viaSets->find(route.viaSetKey(), scratch)) {
+  if (!viaSets || !viaSets->contains(route.viaSetKey())) {
     out.push_back(Problem{Kind::viaSetMissing, route.key(), route.viaSetKey(), LfibViaKey()});
   }
 }
@@ -470,8 +464,7 @@ std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, cons
   const auto* routes = lfib.lfibRouteTable();
   LfibRoute route;
   if (routes && routes->find(key, route)) {
-    LfibViaSet scratch;
-    addRouteProblems(lfib, route, scratch, out);
+    addRouteProblems(lfib, route, out);
   }
   return out;
 }
@@ -491,11 +484,10 @@ LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib) {
   LfibIntegrityReport report;
   absl::flat_hash_set<LfibViaSetKey, Kel::Hasher<LfibViaSetKey>> namedSets;
   absl::flat_hash_set<LfibViaKey, Kel::Hasher<LfibViaKey>> namedVias;
-  LfibViaSet scratch;
   lfib.lfibRouteForEach([&](const LfibRoute& route) {
     ++report.routes;
     namedSets.insert(route.viaSetKey());
-    addRouteProblems(lfib, route, scratch, report.problems);
+    addRouteProblems(lfib, route, report.problems);
   });
   lfib.viaSetForEach([&](const LfibViaSet& set) {
     ++report.viaSets;

@@ -550,6 +550,10 @@ struct LfibVia;
       const auto* t = s.name##Table();                                                      \
       return t && t->find(key, row);                                                        \
     }                                                                                       \
+    static bool contains(const LfibStatus& s, const LfibViaKey& key) {                      \
+      const auto* t = s.name##Table();                                                      \
+      return t && t->contains(key);                                                         \
+    }                                                                                       \
     static void write(LfibStatus& s, const Row& via) { s.name##Is(via); }                   \
     static void erase(LfibStatus& s, const LfibViaKey& key) { s.name##Del(key); }           \
     static void eraseAll(LfibStatus& s) { s.name##DelAll(); }                               \
@@ -707,8 +711,6 @@ class LfibViaIndexAllocator : public Kel::Entity {
  private:
   const LFib::Source source_;
   const LfibStatus::Ptr lfibStatus_;
-  // The row via set lookups decode into, kept so that a miss costs no construction.
-  LfibViaSet viaSetRow_;
 };
 
 Kel::Ptr<LfibViaIndexAllocator> lfibViaIndexAllocatorFactory(LFib::Source source,

@@ -197,7 +197,7 @@ struct LfibWriter::RouteWrite {
 
   // The route as it stands and, when there is one, its via set (null when the LFIB lacks
   // it: the caller aborts).
-  const LfibViaSet* readOldRoute() {
+  [[gnu::always_inline]] const LfibViaSet* readOldRoute() {
     oldRoute = lfib.lfibRoute(route.key());
     rewrite = !(oldRoute == LfibRoute());
     lists.oldVias.clear();
@@ -220,7 +220,7 @@ struct LfibWriter::RouteWrite {
   // The old via set's vias of this type in ascending value order (key unset, weight 1),
   // each with its stored key, weight and slot; false when the LFIB lacks one of them (the
   // caller aborts).
-  bool readOldVias() {
+  [[gnu::always_inline]] bool readOldVias() {
     for (uint32_t slot = 0; slot < oldSlots; ++slot) {
       const LfibViaKey& key = s.oldViaSet.viaKey(slot);
       if (key.viaType() != route.viaType()) {
@@ -248,7 +248,7 @@ struct LfibWriter::RouteWrite {
 
   // The route's vias, equal ones (weights disregarded) merged into one that counts them,
   // in ascending value order.
-  void weigh() {
+  [[gnu::always_inline]] void weigh() {
     std::vector<WeightedVia<V>>& vias = lists.vias;
     vias.clear();
     for (const V& via : route.template viasOf<V>()) {
@@ -284,7 +284,7 @@ struct LfibWriter::RouteWrite {
   // The via set key (the old one when it fits) and the key of every via: an old via equal
   // to it keeps its key, the others get fresh ones. Writes the vias that changed and fills
   // s.viaSet with their keys, at most 128.
-  void placeVias(LfibViaIndexAllocator& allocator) {
+  [[gnu::always_inline]] void placeVias(LfibViaIndexAllocator& allocator) {
     const LfibViaSetKey oldViaSetKey = oldRoute.viaSetKey();
     const bool keepViaSetKey = inPlace && rewrite && oldViaSetKey.source() == route.source() &&
                                oldViaSetKey.viaType() == route.viaType() &&
@@ -335,7 +335,7 @@ struct LfibWriter::RouteWrite {
 
   // The via set and the route where they changed, then what the old ones named and the
   // new ones do not: the old via set, the old vias not reused.
-  void commit() {
+  [[gnu::always_inline]] void commit() {
     const LfibViaSetKey oldViaSetKey = oldRoute.viaSetKey();
     if (!rewrite || !(s.viaSet == s.oldViaSet)) {
       lfib.viaSetIs(s.viaSet);

@@ -117,6 +117,25 @@ class PondMap final : public TableCore, private internal::TableBase {
     }
   }
 
+  // Whether the table holds a row under `key`. The writer looks in place and decodes
+  // nothing; a reader copies the row out as find() does. Corruption counts as absent.
+  bool contains(const Key& key) const {
+    if (!opened()) {
+      return false;
+    }
+    if (!writer()) {
+      Row row{};
+      return find(key, row);
+    }
+    try {
+      uint32_t len = 0;
+      return findOwn(&key, Kel::hashOf(key, internal::kKeyHashSeed), &len) != nullptr;
+    } catch (const Kel::Exception& e) {
+      reportCorruption(e.what());
+      return false;
+    }
+  }
+
   // Calls f(row) for the rows at or after `hint`, at most `maxRows` of them, moving the
   // hint on; true when the iteration reached the end.
   template <class F>
