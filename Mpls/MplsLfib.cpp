@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <tuple>
 #include <vector>
 
@@ -11,6 +12,7 @@
 
 #include "Kel/Binary.h"
 #include "Kel/Exception.h"
+#include "Mpls/LfibRouteView.h"
 
 namespace Mpls {
 
@@ -432,14 +434,7 @@ namespace {
 using Problem = LfibIntegrityProblem;
 using Kind = LfibIntegrityProblem::Kind;
 
-void addRouteProblems(const LfibStatus& lfib, const LfibRoute& route,
-                      std::vector<Problem>& out) {
-  const auto* viaSets = lfib.viaSetTable();
-  if (!viaSets || !viaSets->contains(route.viaSetKey())) {
-    out.push_back(Problem{Kind::viaSetMissing, route.key(), route.viaSetKey(), LfibViaKey()});
-  }
-}
-
+// The problems of a via set as read: vias of another via type, vias missing.
 void addViaSetProblems(const LfibStatus& lfib, const LfibViaSet& set, std::vector<Problem>& out) {
   for (const LfibViaKey& via : set.viaKey()) {
     if (via == LfibViaKey()) {
@@ -457,45 +452,59 @@ bool problemLess(const Problem& a, const Problem& b) {
   return std::tie(a.kind, a.route, a.viaSet, a.via) < std::tie(b.kind, b.route, b.viaSet, b.via);
 }
 
-}  // namespace
+// Reads before a via set's problems are taken as they are (see lfibRouteView).
+constexpr int kMaxReads = 64;
 
-std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, const RouteKey& key) {
-  std::vector<Problem> out;
-  const auto* routes = lfib.lfibRouteTable();
-  LfibRoute route;
-  if (routes && routes->find(key, route)) {
-    addRouteProblems(lfib, route, out);
-  }
-  return out;
-}
-
-std::vector<LfibIntegrityProblem> lfibViaSetProblems(const LfibStatus& lfib,
-                                                     const LfibViaSetKey& key) {
-  std::vector<Problem> out;
+// The problems of the via set of `key`, read until the set is found unchanged after its
+// vias were looked up: a via set rewritten in place while its vias were looked up may
+// have dropped one of them. `set` receives the set as read; false when it is absent.
+bool viaSetProblems(const LfibStatus& lfib, const LfibViaSetKey& key, LfibViaSet& set,
+                    std::vector<Problem>& out) {
   const auto* viaSets = lfib.viaSetTable();
-  LfibViaSet set;
-  if (viaSets && viaSets->find(key, set)) {
-    addViaSetProblems(lfib, set, out);
+  std::vector<Problem> found;
+  for (int read = 0; read < kMaxReads; ++read) {
+    if (!viaSets || !viaSets->find(key, set)) {
+      return false;
+    }
+    found.clear();
+    addViaSetProblems(lfib, set, found);
+    LfibViaSet again;
+    if (found.empty() || (viaSets->find(key, again) && again == set)) {
+      break;
+    }
   }
-  return out;
+  out.insert(out.end(), found.begin(), found.end());
+  return true;
 }
 
-LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib) {
+// One walk of the whole LFIB: routes, via sets, vias.
+LfibIntegrityReport integrityPass(const LfibStatus& lfib) {
   LfibIntegrityReport report;
   absl::flat_hash_set<LfibViaSetKey, Kel::Hasher<LfibViaSetKey>> namedSets;
   absl::flat_hash_set<LfibViaKey, Kel::Hasher<LfibViaKey>> namedVias;
   lfib.lfibRouteForEach([&](const LfibRoute& route) {
     ++report.routes;
     namedSets.insert(route.viaSetKey());
-    addRouteProblems(lfib, route, report.problems);
-  });
-  lfib.viaSetForEach([&](const LfibViaSet& set) {
-    ++report.viaSets;
-    if (!namedSets.contains(set.key())) {
-      report.problems.push_back(Problem{Kind::viaSetUnused, RouteKey(), set.key(), LfibViaKey()});
+    // Read whole: the route may have moved to another via set since the walk read it.
+    if (const std::optional<LfibRouteView> view = lfibRouteView(lfib, route.key())) {
+      namedSets.insert(view->route.viaSetKey());
+      if (!view->viaSetFound) {
+        report.problems.push_back(
+            Problem{Kind::viaSetMissing, route.key(), view->route.viaSetKey(), LfibViaKey()});
+      }
     }
-    namedVias.insert(set.viaKey().begin(), set.viaKey().end());
-    addViaSetProblems(lfib, set, report.problems);
+  });
+  lfib.viaSetForEach([&](const LfibViaSet& walked) {
+    ++report.viaSets;
+    if (!namedSets.contains(walked.key())) {
+      report.problems.push_back(
+          Problem{Kind::viaSetUnused, RouteKey(), walked.key(), LfibViaKey()});
+    }
+    LfibViaSet set;
+    if (viaSetProblems(lfib, walked.key(), set, report.problems)) {
+      namedVias.insert(set.viaKey().begin(), set.viaKey().end());
+    }
+    namedVias.insert(walked.viaKey().begin(), walked.viaKey().end());
   });
   lfibViaTypeForEach([&](auto via) {
     via.forEach(lfib, [&](const typename decltype(via)::Row& row) {
@@ -509,6 +518,56 @@ LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib) {
     });
   });
   std::sort(report.problems.begin(), report.problems.end(), problemLess);
+  report.problems.erase(std::unique(report.problems.begin(), report.problems.end()),
+                        report.problems.end());
+  return report;
+}
+
+// Walks before a check that its writer keeps changing the LFIB under reports what every
+// walk found.
+constexpr int kMaxPasses = 6;
+
+}  // namespace
+
+std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, const RouteKey& key) {
+  std::vector<Problem> out;
+  const std::optional<LfibRouteView> view = lfibRouteView(lfib, key);
+  if (view && !view->viaSetFound) {
+    out.push_back(Problem{Kind::viaSetMissing, key, view->route.viaSetKey(), LfibViaKey()});
+  }
+  return out;
+}
+
+std::vector<LfibIntegrityProblem> lfibViaSetProblems(const LfibStatus& lfib,
+                                                     const LfibViaSetKey& key) {
+  std::vector<Problem> out;
+  LfibViaSet set;
+  viaSetProblems(lfib, key, set, out);
+  return out;
+}
+
+LfibIntegrityReport lfibIntegrityCheck(const LfibStatus& lfib) {
+  // A walk that races with the writer finds what the race left half-seen: a via set
+  // written just before the route that names it, after the walk passed that route. Such
+  // a finding does not survive another walk; a real one does. A walk during which no
+  // table changed is exact.
+  LfibIntegrityReport report;
+  for (int pass = 0; pass < kMaxPasses; ++pass) {
+    const uint64_t before = lfib.tableVersions();
+    LfibIntegrityReport walked = integrityPass(lfib);
+    const bool quiet = lfib.tableVersions() == before;
+    if (pass > 0 && !quiet) {
+      std::vector<Problem> both;
+      std::set_intersection(report.problems.begin(), report.problems.end(),
+                            walked.problems.begin(), walked.problems.end(),
+                            std::back_inserter(both), problemLess);
+      walked.problems = std::move(both);
+    }
+    report = std::move(walked);
+    if (quiet || report.problems.empty()) {
+      break;
+    }
+  }
   return report;
 }
 

@@ -630,17 +630,22 @@ struct LfibIntegrityProblem {
   friend bool operator==(const LfibIntegrityProblem&, const LfibIntegrityProblem&) = default;
 };
 
-// The problems of one route: its via set missing (nothing when the route is absent).
+// The problems of one route: its via set missing (nothing when the route is absent). Read
+// as lfibRouteView reads (Mpls/LfibRouteView.h): a via set that the writer replaced while
+// it was looked up is no problem.
 std::vector<LfibIntegrityProblem> lfibRouteProblems(const LfibStatus& lfib, const RouteKey& key);
 // The problems of one via set: vias missing or of another via type, in slot order (nothing
-// when the set is absent). Empty slots (the default via key) are no problem.
+// when the set is absent). Empty slots (the default via key) are no problem. A via is
+// missing only when the set is found unchanged after the via was looked up.
 std::vector<LfibIntegrityProblem> lfibViaSetProblems(const LfibStatus& lfib,
                                                      const LfibViaSetKey& key);
 
 // The whole LFIB: every route's via set exists, every via set's vias exist with the set's
 // via type, every via sits in the collection of its via type, and nothing is left that
-// no route or via set names. Problems come sorted by kind, then by key; readers walking
-// an LFIB that its writer changes meanwhile may find problems that are only the race.
+// no route or via set names. Problems come sorted by kind, then by key, each once. A
+// check that races with the LFIB's writer walks again (at most six times) until a walk
+// sees no table change, and reports only what every walk found: a via set written just
+// before its route, after the walk passed the route, is no problem.
 struct LfibIntegrityReport {
   std::vector<LfibIntegrityProblem> problems;
   uint64_t routes = 0;

@@ -32,6 +32,9 @@ void ConsolidatedLfibRoute::verifyVia(const LfibViaKey& vk) const {
 #include <bitset>
 #include <vector>
 
+#include <absl/container/flat_hash_set.h>
+
+#include "Kel/Hash.h"
 #include "Kel/Trace.h"
 
 namespace Mpls {
@@ -115,6 +118,26 @@ class LfibWriter::ScratchLease {
  private:
   std::unique_ptr<Scratch> own_;
   Scratch& scratch_;
+};
+
+// Follows one source's producer state for the writer.
+class LfibWriter::ProducerGrFollower : public LfibProducerGrState::NotifieeConst {
+ public:
+  ProducerGrFollower(LfibWriter* writer, const Kel::Ptr<LfibProducerGrState>& state)
+      : writer_(writer) {
+    notifierIs(state);
+  }
+  void onInputReady() override {
+    if (notifier()->inputReady()) {
+      const LFib::Source source = notifier()->source();
+      const Orphans removed = writer_->lfibOrphanDelAll(source);
+      KEL_TRACE(trace, 5, "producer of {} ready: {} via sets and {} vias no route used deleted",
+                source, removed.viaSets, removed.vias);
+    }
+  }
+
+ private:
+  LfibWriter* writer_;
 };
 
 LfibWriter::LfibWriter(LfibStatus::Ptr lfib)
@@ -407,6 +430,55 @@ void LfibWriter::lfibRouteDelAll() {
       via.eraseAll(lfib);
     }
   });
+}
+
+LfibWriter::Orphans LfibWriter::lfibOrphanDelAll(LFib::Source source) {
+  LfibStatus& lfib = *lfib_;
+  Orphans removed;
+  absl::flat_hash_set<LfibViaSetKey, Kel::Hasher<LfibViaSetKey>> namedSets;
+  lfib.lfibRouteForEach([&](const LfibRoute& route) { namedSets.insert(route.viaSetKey()); });
+  std::vector<LfibViaSetKey> unusedSets;
+  absl::flat_hash_set<LfibViaKey, Kel::Hasher<LfibViaKey>> namedVias;
+  lfib.viaSetForEach([&](const LfibViaSet& set) {
+    if (set.key().source() == source && !namedSets.contains(set.key())) {
+      unusedSets.push_back(set.key());
+    } else {
+      namedVias.insert(set.viaKey().begin(), set.viaKey().end());
+    }
+  });
+  // Via sets first: a reader never finds a via set whose via is gone.
+  for (const LfibViaSetKey& key : unusedSets) {
+    KEL_TRACE(trace, 8, "lfibOrphanDelAll viaSetKey: {}", key);
+    lfib.viaSetDel(key);
+    ++removed.viaSets;
+  }
+  lfibViaTypeForEach([&](auto via) {
+    using V = typename decltype(via)::Row;
+    if constexpr (ConsolidatedLfibRoute::carries<V>) {
+      std::vector<LfibViaKey> unused;
+      via.forEach(lfib, [&](const V& row) {
+        if (row.key().source() == source && !namedVias.contains(row.key())) {
+          unused.push_back(row.key());
+        }
+      });
+      for (const LfibViaKey& key : unused) {
+        KEL_TRACE(trace, 8, "lfibOrphanDelAll viaKey: {}", key);
+        via.erase(lfib, key);
+        ++removed.vias;
+      }
+    }
+  });
+  return removed;
+}
+
+void LfibWriter::producerGrStateIs(const Kel::Ptr<LfibProducerGrState>& state) {
+  const LFib::Source source = state->source();
+  std::erase_if(producerGrFollowers_,
+                [&](const auto& f) { return f->notifier()->source() == source; });
+  producerGrFollowers_.push_back(std::make_unique<ProducerGrFollower>(this, state));
+  if (state->inputReady()) {
+    producerGrFollowers_.back()->onInputReady();
+  }
 }
 
 Kel::Ptr<LfibWriter> lfibWriterFactory(const Kel::Ptr<LfibStatus>& lfib) {

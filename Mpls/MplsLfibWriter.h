@@ -15,11 +15,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "Kel/Collection.h"
 #include "Kel/Entity.h"
 #include "Kel/Value.h"
 #include "Kel/ValueSet.h"
+#include "Mpls/LfibSourceGrState.h"
 #include "Mpls/MplsLfib.h"
 
 namespace Mpls {
@@ -182,6 +184,24 @@ class LfibWriter : public Kel::Entity {
   // vias stay, and so do the allocators' counters.
   void lfibRouteDelAll();
 
+  // Orphans: the via sets of `source` that no route names, and the vias of `source` (of
+  // the via types lfibRouteIs writes) that no via set names. A writer that stops between
+  // the steps of a write leaves them: new vias and a via set not yet named, or an old via
+  // set and vias not yet deleted. Nothing else makes them. lfibOrphanDelAll deletes the via
+  // sets, then the vias (readers never find a via set whose via is gone), and says how
+  // many. Call it once the source's routes have all been written (re-written) after a
+  // restart: a write in progress has not yet named what it wrote.
+  struct Orphans {
+    uint32_t viaSets = 0;
+    uint32_t vias = 0;
+  };
+  Orphans lfibOrphanDelAll(LFib::Source source);
+  // Follows the LFIB producer's graceful-restart state of state->source(): each time its
+  // inputReady becomes true (the producer has written its complete set of routes since it
+  // started; at once when it already is), the writer deletes the source's orphans. One
+  // state per source: a second one of the source replaces the first.
+  void producerGrStateIs(const Kel::Ptr<LfibProducerGrState>& state);
+
   // The allocator of `source`, created when there is none.
   LfibViaIndexAllocator::Ptr indexAllocator(LFib::Source source);
 
@@ -194,6 +214,7 @@ class LfibWriter : public Kel::Entity {
  private:
   struct Scratch;
   class ScratchLease;
+  class ProducerGrFollower;
 
   // The write of one route over vias of row type V, in four phases (see the .cpp).
   template <class V>
@@ -203,6 +224,7 @@ class LfibWriter : public Kel::Entity {
   // Working space of lfibRouteIs, reused from call to call so that a route costs no
   // allocation; a nested call (from a notifiee) gets a space of its own.
   std::unique_ptr<Scratch> scratch_;
+  std::vector<std::unique_ptr<ProducerGrFollower>> producerGrFollowers_;
 };
 
 Kel::Ptr<LfibWriter> lfibWriterFactory(const Kel::Ptr<LfibStatus>& lfib);

@@ -22,6 +22,8 @@
 //     entity is then left partly attached; drop it). Giving the group already attached
 //     does nothing. mountGroup() is the group attached;
 //   - tableForEach(f): f(KelPond::TableRef<K, T>) for every table, in declaration order;
+//   - tableVersions(): the sum of the tables' versions, which every change raises: a
+//     reader that finds it unchanged across a walk of several tables saw no change;
 //   - dumpTables(context, indent): every table's rows in key order, under a header
 //     "<name>s #<count>" (see KelPond::dumpRows);
 //   - kelTableCount, the number of tables.
@@ -108,6 +110,7 @@ struct TableRef {
 
   uint32_t size() const { return table ? table->size() : 0; }
   uint32_t capacity() const { return table ? table->capacity() : 0; }
+  uint64_t version() const { return table ? table->version() : 0; }
   template <class F>
   void forEach(F&& f) const {
     if (table) {
@@ -262,6 +265,12 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
   template <class F>                                                                      \
   void tableForEach(F&& f) const {                                                        \
     TABLES(KEL_POND_TABLE_REF)                                                            \
+  }                                                                                       \
+  /* The sum of the tables' versions: unchanged, no table changed. */                    \
+  uint64_t tableVersions() const {                                                        \
+    uint64_t sum = 0;                                                                     \
+    tableForEach([&](const auto& ref) { sum += ref.version(); });                         \
+    return sum;                                                                           \
   }                                                                                       \
   void dumpTables(::Kel::DumpContext& context, int indent) const {                        \
     tableForEach([&](const auto& ref) { ::KelPond::dumpRows(context, indent, ref); });    \

@@ -46,6 +46,8 @@ namespace Pond {
 
 enum class Role { writer, reader };
 
+class UndoLog;
+
 struct MountOptions {
   mode_t mode = 0600;
   // Segments belong to this group, whose members may read them (mode 0640).
@@ -136,6 +138,8 @@ class MountGroup : public Kel::Entity {
   internal::GroupLink& link() noexcept;
   // Writer: a table was created or attached; readers waiting for it are woken.
   void tableAttached();
+  // Writer: the log recording the group's changes (Pond/UndoLog.h); null when none.
+  UndoLog* undoLog() const noexcept { return undoLog_; }
 
  private:
   MountGroup(std::string name, Role role, internal::SegmentOptions options);
@@ -145,6 +149,7 @@ class MountGroup : public Kel::Entity {
   void stopWaiter();
 
   friend class internal::GroupState;
+  friend class UndoLog;
   // Writer: a table logged a change.
   void noteChange();
   // The group segment's header; null while it is not mapped.
@@ -159,6 +164,7 @@ class MountGroup : public Kel::Entity {
   uint64_t incarnation_ = 0;
   // Writer.
   uint64_t changes_ = 0;
+  UndoLog* undoLog_ = nullptr;
   std::chrono::steady_clock::time_point lastPublish_{};
   // Reader.
   uint32_t lastWake_ = 0;

@@ -2,9 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
+
 #include "Kel/Hash.h"
 #include "Kel/Log.h"
 #include "Pond/Exception.h"
+#include "Pond/UndoLog.h"
 #include "Pond/internal/Segment.h"
 #include "Pond/internal/TableEngine.h"
 
@@ -63,10 +66,44 @@ bool TableCore::next(IterHint& hint, uint32_t* len) const {
 }
 
 void TableCore::upsertBytes(const void* key, uint32_t hash, uint32_t len) {
+  if (UndoLog* undo = group_->undoLog()) [[unlikely]] {
+    recordBefore(*undo, key, hash);
+    try {
+      engine_->upsert(key, hash, bytes(), len);
+    } catch (...) {
+      undo->dropLast();  // refused: nothing changed
+      throw;
+    }
+    return;
+  }
   engine_->upsert(key, hash, bytes(), len);
 }
 
-bool TableCore::eraseKey(const void* key, uint32_t hash) { return engine_->erase(key, hash); }
+bool TableCore::eraseKey(const void* key, uint32_t hash) {
+  if (UndoLog* undo = group_->undoLog()) [[unlikely]] {
+    uint32_t len = 0;
+    if (!engine_->findOwn(key, hash, &len)) {
+      return false;
+    }
+    recordBefore(*undo, key, hash);
+  }
+  return engine_->erase(key, hash);
+}
+
+void TableCore::recordBefore(UndoLog& undo, const void* key, uint32_t hash) {
+  uint32_t len = 0;
+  const uint8_t* row = engine_->findOwn(key, hash, &len);
+  undo.recordBefore(*this, key, format_.keySize, hash, row, len);
+}
+
+void TableCore::undo(const void* key, uint32_t hash, const uint8_t* row, uint32_t len) {
+  if (row) {
+    std::memcpy(bytes(), row, len);
+    engine_->upsert(key, hash, bytes(), len);
+  } else {
+    engine_->erase(key, hash);
+  }
+}
 
 void TableCore::requireWriter() const {
   if (!writer_) {

@@ -21,6 +21,8 @@
 
 namespace Pond {
 
+class UndoLog;
+
 namespace internal {
 class TableEngine;
 
@@ -108,6 +110,12 @@ class TableCore {
   void reportCorruption(const std::string& text) const;
 
  private:
+  friend class UndoLog;
+  // Hands `undo` what the change of `key` about to be made replaces.
+  void recordBefore(UndoLog& undo, const void* key, uint32_t hash);
+  // Puts `row` (`len` bytes) back under `key`, or erases the key when `row` is null.
+  void undo(const void* key, uint32_t hash, const uint8_t* row, uint32_t len);
+
   Kel::Ptr<MountGroup> group_;
   std::string name_;
   RowFormat format_;

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Mpls/LfibRouteView.h"
 #include "Mpls/MplsLfib.h"
 
 namespace Mplsctl {
@@ -83,11 +84,15 @@ std::string viaSetTypeName(Mpls::LfibViaSetType type);
 std::string viaKeyText(const Mpls::LfibViaKey& key);
 std::string viaSetKeyText(const Mpls::LfibViaSetKey& key);
 
+// One problem of an integrity check, as check prints it: "route 100: via set
+// static/1/mplsIp/ecmp is missing", "via static/mplsIp/7 is used by no via set".
+std::string problemText(const Mpls::LfibIntegrityProblem& problem);
+
 // "ipv4", "ipv6", "mpls", "auto", "ethernet".
 std::string payloadName(Mpls::PayloadType type);
 // The forwarding of a route on one line: its vias, as "swap 200 via 10.0.0.1 dev
 // Ethernet1 weight 2, swap 200 via 10.0.0.3 dev Ethernet4"; "(via set missing)" when the
-// LFIB lacks its via set.
-std::string routeSummary(const Mpls::LfibStatus& lfib, const Mpls::LfibRoute& route);
+// LFIB lacks its via set, "(missing)" for a via it lacks.
+std::string routeSummary(const Mpls::LfibRouteView& route);
 
 }  // namespace Mplsctl

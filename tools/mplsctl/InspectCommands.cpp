@@ -20,8 +20,6 @@ int runDump(const std::string& name) {
   return 0;
 }
 
-namespace {
-
 std::string problemText(const LfibIntegrityProblem& p) {
   using Kind = LfibIntegrityProblem::Kind;
   switch (p.kind) {
@@ -43,8 +41,6 @@ std::string problemText(const LfibIntegrityProblem& p) {
   }
   return "?";
 }
-
-}  // namespace
 
 int runCheck(const std::string& name) {
   LfibStatus::Ptr lfib = mountLfibReader(name);

@@ -13,12 +13,14 @@
 #include <bit>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_set>
 
 #include "Mpls/MplsLfibWriter.h"
 #include "Pond/Exception.h"
 #include "Pond/MountGroup.h"
+#include "Pond/UndoLog.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
 
@@ -103,17 +105,42 @@ Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
   return c;
 }
 
-Capacities existingCapacities(const std::string& name) {
-  LfibStatus::Ptr lfib = mountLfibReader(name);
-  Capacities c;
-  lfib->tableForEach([&](const auto& table) { c.emplace(table.name, table.capacity()); });
-  return c;
+// The sizes of the tables the LFIB has: a writer that died while it created them may have
+// left some; those missing get `fromFile`'s.
+Capacities existingCapacities(const std::string& name, Capacities fromFile) {
+  LfibStatus::Ptr lfib = lfibStatusFactory();
+  lfib->mountGroupIs(Pond::MountGroup::reader(name));
+  lfib->mountGroup()->processChanges();
+  lfib->tableForEach([&](const auto& table) {
+    if (const uint32_t capacity = table.capacity()) {
+      fromFile[std::string(table.name)] = capacity;
+    }
+  });
+  return fromFile;
 }
 
-uint64_t versions(const LfibStatus& lfib) {
-  uint64_t sum = 0;
-  lfib.tableForEach([&](const auto& table) { sum += table.table ? table.table->version() : 0; });
-  return sum;
+uint64_t rowCount(const LfibStatus& lfib) {
+  uint64_t rows = 0;
+  lfib.tableForEach([&](const auto& table) { rows += table.size(); });
+  return rows;
+}
+
+// Refuses to write over damage that would stop the writer: a route it rewrites or deletes
+// must have its via set, and the set its vias.
+void refuseDamaged(const LfibStatus& lfib, const std::vector<RouteKey>& touched,
+                   const std::string& name) {
+  for (const RouteKey& key : touched) {
+    std::vector<LfibIntegrityProblem> problems = lfibRouteProblems(lfib, key);
+    if (const LfibRoute route = lfib.lfibRoute(key); problems.empty() && route.key() == key) {
+      problems = lfibViaSetProblems(lfib, route.viaSetKey());
+    }
+    if (!problems.empty()) {
+      throw CommandError(fmt::format(
+          "LFIB '{}' is damaged: {}: nothing loaded ('mplsctl check --lfib {}' lists the "
+          "damage, 'mplsctl clear --lfib {}' removes the LFIB)",
+          name, problemText(problems.front()), name, name));
+    }
+  }
 }
 
 // Refuses a load that could fill a table half way: what the LFIB holds now plus all the
@@ -153,11 +180,9 @@ int runLoad(const LoadOptions& options) {
   const std::vector<ParsedRoute> routes = readRouteFile(options.file);
   const std::string& name = options.lfib;
 
-  Capacities capacities;
+  Capacities capacities = fileCapacities(routes);
   if (!Pond::MountGroup::tableNames(name).empty()) {
-    capacities = existingCapacities(name);
-  } else {
-    capacities = fileCapacities(routes);
+    capacities = existingCapacities(name, std::move(capacities));
   }
 
   Kel::Ptr<Pond::MountGroup> group;
@@ -171,31 +196,64 @@ int runLoad(const LoadOptions& options) {
   LfibWriter::Ptr writer = lfibWriterFactory(lfib);
 
   std::unordered_set<uint32_t> inFile;
+  std::vector<RouteKey> touched;
   for (const ParsedRoute& r : routes) {
     inFile.insert(r.route.key().label().value());
+    touched.push_back(r.route.key());
   }
   std::unordered_set<uint32_t> gone;
   if (options.replace) {
     lfib->lfibRouteForEach([&](const LfibRoute& r) {
       if (!inFile.contains(r.key().label().value())) {
         gone.insert(r.key().label().value());
+        touched.push_back(r.key());
       }
     });
   }
+  refuseDamaged(*lfib, touched, name);
   checkRoom(*lfib, routes, gone, name);
 
-  for (uint32_t label : gone) {
-    writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
-  }
   uint32_t written = 0, unchanged = 0;
-  Progress progress(routes.size());
-  for (const ParsedRoute& r : routes) {
-    const uint64_t before = versions(*lfib);
-    writer->lfibRouteIs(r.route);
-    (versions(*lfib) == before ? unchanged : written) += 1;
-    progress.step();
+  {
+    // A write the tables refuse after all (a record heap full) takes the load back whole.
+    Pond::UndoLog undo(group);
+    try {
+      for (uint32_t label : gone) {
+        writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
+      }
+      Progress progress(routes.size());
+      for (const ParsedRoute& r : routes) {
+        const uint64_t before = lfib->tableVersions();
+        writer->lfibRouteIs(r.route);
+        (lfib->tableVersions() == before ? unchanged : written) += 1;
+        progress.step();
+      }
+      progress.done();
+    } catch (const std::exception& e) {
+      undo.rollback();
+      group->publish();
+      throw CommandError(fmt::format("{}: nothing loaded", e.what()));
+    }
   }
-  progress.done();
+
+  // mplsctl is the one writer of the LFIB, and a load its full pass: what a writer that
+  // stopped mid-write left, and no route uses, goes now, whatever its source.
+  std::set<LFib::Source> sources;
+  lfib->viaSetForEach([&](const LfibViaSet& set) { sources.insert(set.key().source()); });
+  lfibViaTypeForEach([&](auto via) {
+    via.forEach(*lfib, [&](const auto& row) { sources.insert(row.key().source()); });
+  });
+  const uint64_t rowsBefore = rowCount(*lfib);
+  for (const LFib::Source source : sources) {
+    const Kel::Ptr<LfibProducerGrState> state = lfibProducerGrStateFactory(source);
+    writer->producerGrStateIs(state);
+    state->inputReadyIs(true);
+  }
+  if (const uint64_t swept = rowsBefore - rowCount(*lfib)) {
+    std::printf("LFIB '%s': %llu via sets and vias that no route used removed (a writer stopped "
+                "mid-write)\n",
+                name.c_str(), static_cast<unsigned long long>(swept));
+  }
   group->publish();
   std::printf("LFIB '%s': %u routes written, %u unchanged, %zu deleted\n", name.c_str(), written,
               unchanged, gone.size());

@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <variant>
 #include <vector>
 
+#include "Mpls/LfibRouteView.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
 
@@ -60,55 +63,53 @@ struct ViaView {
   nlohmann::json json;
 };
 
-ViaView viaView(const LfibStatus& lfib, const LfibViaKey& key) {
+ViaView viaView(const LfibViaKey& key, const LfibAnyVia& stored) {
   ViaView v;
   v.key = key;
-  v.found = lfibViaStored(lfib, key);
+  v.found = !std::holds_alternative<std::monostate>(stored);
   v.json = {{"key", viaKeyText(key)}, {"type", viaTypeName(key.viaType())}};
   if (!v.found) {
     v.action = "(missing)";
     v.json["missing"] = true;
     return v;
   }
-  switch (key.viaType()) {
-    case viaTypeMplsIp: {
-      const LfibMplsVia via = lfib.mplsVia(key);
-      v.action = actionText(via);
-      v.nextHop = via.nextHop().stringValue();
-      v.intf = via.intf().stringValue();
-      v.weight = via.weight();
-      nlohmann::json labels = nlohmann::json::array();
-      for (const Netbase::MplsLabel& l : via.labelStack().labelStack()) {
-        labels.push_back(l.value());
-      }
-      v.json.update({{"action", v.action.substr(0, v.action.find(' '))},
-                     {"labels", labels},
-                     {"nextHop", v.nextHop},
-                     {"interface", v.intf},
-                     {"weight", v.weight}});
-      break;
+  if (const auto* via = std::get_if<LfibMplsVia>(&stored)) {
+    v.action = actionText(*via);
+    v.nextHop = via->nextHop().stringValue();
+    v.intf = via->intf().stringValue();
+    v.weight = via->weight();
+    nlohmann::json labels = nlohmann::json::array();
+    for (const Netbase::MplsLabel& l : via->labelStack().labelStack()) {
+      labels.push_back(l.value());
     }
-    case viaTypeMplsPseudowire: {
-      const LfibPwVia via = lfib.pwVia(key);
-      v.action = "pseudowire";
-      v.intf = via.pwIntfId().stringValue();
-      v.json.update({{"action", "pseudowire"}, {"interface", v.intf}});
-      break;
-    }
-    case viaTypeIpLookup: {
-      const LfibIpLookupVia via = lfib.ipLookupVia(key);
-      v.action = "lookup " + payloadName(via.payloadType());
-      v.nextHop = "vrf " + via.vrfName().stringValue();
-      v.json.update({{"action", "lookup"},
-                     {"vrf", via.vrfName().stringValue()},
-                     {"payload", payloadName(via.payloadType())}});
-      break;
-    }
-    default:
-      v.action = viaTypeName(key.viaType());
-      v.json["action"] = v.action;
+    v.json.update({{"action", v.action.substr(0, v.action.find(' '))},
+                   {"labels", labels},
+                   {"nextHop", v.nextHop},
+                   {"interface", v.intf},
+                   {"weight", v.weight}});
+  } else if (const auto* via = std::get_if<LfibPwVia>(&stored)) {
+    v.action = "pseudowire";
+    v.intf = via->pwIntfId().stringValue();
+    v.json.update({{"action", "pseudowire"}, {"interface", v.intf}});
+  } else if (const auto* via = std::get_if<LfibIpLookupVia>(&stored)) {
+    v.action = "lookup " + payloadName(via->payloadType());
+    v.nextHop = "vrf " + via->vrfName().stringValue();
+    v.json.update({{"action", "lookup"},
+                   {"vrf", via->vrfName().stringValue()},
+                   {"payload", payloadName(via->payloadType())}});
+  } else {
+    v.action = viaTypeName(key.viaType());
+    v.json["action"] = v.action;
   }
   return v;
+}
+
+std::vector<ViaView> viaViews(const LfibRouteView& route) {
+  std::vector<ViaView> vias;
+  for (const auto& [key, via] : route.vias) {
+    vias.push_back(viaView(key, via));
+  }
+  return vias;
 }
 
 void printTable(const std::vector<std::vector<std::string>>& rows) {
@@ -134,22 +135,18 @@ void printTable(const std::vector<std::vector<std::string>>& rows) {
 
 }  // namespace
 
-std::string routeSummary(const LfibStatus& lfib, const LfibRoute& route) {
-  const LfibViaSet set = lfib.viaSet(route.viaSetKey());
-  if (set.key() != route.viaSetKey()) {
+std::string routeSummary(const LfibRouteView& route) {
+  if (!route.viaSetFound) {
     return "(via set missing)";
   }
   std::vector<std::string> vias;
-  for (const LfibViaKey& k : set.viaKey()) {
-    if (k == LfibViaKey()) {
-      continue;
-    }
-    const ViaView v = viaView(lfib, k);
+  for (const auto& [key, stored] : route.vias) {
+    const ViaView v = viaView(key, stored);
     std::string text = v.action;
-    if (k.viaType() == viaTypeIpLookup) {
+    if (key.viaType() == viaTypeIpLookup) {
       text += " " + v.nextHop;  // "vrf NAME"
-    } else if (k.viaType() == viaTypeVlan && v.found) {
-      text = fmt::format("vlan {}", lfib.vlanVia(k).vlanId().value());
+    } else if (const auto* vlan = std::get_if<LfibVlanVia>(&stored)) {
+      text = fmt::format("vlan {}", vlan->vlanId().value());
     } else if (!v.nextHop.empty()) {
       text += " via " + v.nextHop;
     }
@@ -166,34 +163,31 @@ std::string routeSummary(const LfibStatus& lfib, const LfibRoute& route) {
 
 int runShow(const ShowOptions& options) {
   LfibStatus::Ptr lfib = mountLfibReader(options.lfib);
-  std::vector<LfibRoute> routes;
+  std::vector<RouteKey> keys;
   if (options.label) {
-    const LfibRoute r = lfib->lfibRoute(RouteKey(Netbase::MplsLabel(*options.label)));
-    if (r.key() != RouteKey(Netbase::MplsLabel(*options.label))) {
+    keys.push_back(RouteKey(Netbase::MplsLabel(*options.label)));
+  } else {
+    lfib->lfibRouteForEach([&](const LfibRoute& r) { keys.push_back(r.key()); });
+    std::sort(keys.begin(), keys.end());
+  }
+  // Each route read whole, with the via set and vias it names at one instant; a route
+  // deleted since the walk is left out.
+  std::vector<LfibRouteView> routes;
+  for (const RouteKey& key : keys) {
+    if (std::optional<LfibRouteView> view = lfibRouteView(*lfib, key)) {
+      routes.push_back(std::move(*view));
+    } else if (options.label) {
       throw CommandError(
           fmt::format("LFIB '{}' has no route for label {}", options.lfib, *options.label));
     }
-    routes.push_back(r);
-  } else {
-    lfib->lfibRouteForEach([&](const LfibRoute& r) { routes.push_back(r); });
-    std::sort(routes.begin(), routes.end(),
-              [](const LfibRoute& a, const LfibRoute& b) { return a.key() < b.key(); });
   }
 
   nlohmann::json out = nlohmann::json::array();
   std::vector<std::vector<std::string>> rows = {
       {"LABEL", "SOURCE", "METRIC", "VIA SET", "VIA", "ACTION", "NEXT HOP", "INTERFACE", "WEIGHT"}};
-  for (const LfibRoute& r : routes) {
-    const LfibViaSet set = lfib->viaSet(r.viaSetKey());
-    const bool setFound = set.key() == r.viaSetKey();
-    std::vector<ViaView> vias;
-    if (setFound) {
-      for (const LfibViaKey& k : set.viaKey()) {
-        if (k != LfibViaKey()) {
-          vias.push_back(viaView(*lfib, k));
-        }
-      }
-    }
+  for (const LfibRouteView& view : routes) {
+    const LfibRoute& r = view.route;
+    const std::vector<ViaView> vias = viaViews(view);
     nlohmann::json route = {{"label", r.key().label().value()},
                             {"source", sourceName(r.source())},
                             {"metric", static_cast<uint32_t>(r.metric().value())},
@@ -204,13 +198,14 @@ int runShow(const ShowOptions& options) {
     if (r.fec().fecType() == fecTypePrefix) {
       route["fec"] = r.fec().prefix().stringValue();
     }
-    if (!setFound) {
+    if (!view.viaSetFound) {
       route["viaSet"]["missing"] = true;
     }
     route["vias"] = nlohmann::json::array();
-    std::vector<std::string> head = {std::to_string(r.key().label().value()), sourceName(r.source()),
-                                     std::to_string(r.metric().value()),
-                                     viaSetKeyText(r.viaSetKey()) + (setFound ? "" : " (missing)")};
+    std::vector<std::string> head = {
+        std::to_string(r.key().label().value()), sourceName(r.source()),
+        std::to_string(r.metric().value()),
+        viaSetKeyText(r.viaSetKey()) + (view.viaSetFound ? "" : " (missing)")};
     if (vias.empty()) {
       rows.push_back(head);
     }

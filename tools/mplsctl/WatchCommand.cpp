@@ -95,9 +95,10 @@ int runWatch(const WatchOptions& options) {
   // What each route forwards as last printed: a writer that attaches anew makes the
   // readers revisit every route, which raises versions but changes nothing to print.
   std::map<RouteKey, std::string> known;
-  auto forwarding = [&](const LfibRoute& r) {
+  auto forwarding = [&](const LfibRouteView& view) {
+    const LfibRoute& r = view.route;
     return fmt::format("{} metric {} {}", sourceName(r.source()), r.metric().value(),
-                       routeSummary(*lfib, r));
+                       routeSummary(view));
   };
   auto done = [&] { return signalled || (options.count && lines >= *options.count); };
   loop.afterIterationHookIs([&] {
@@ -108,7 +109,11 @@ int runWatch(const WatchOptions& options) {
       // The tracking state machine's pass over what the LFIB holds: the starting point,
       // not a change.
       open = true;
-      lfib->lfibRouteForEach([&](const LfibRoute& r) { known[r.key()] = forwarding(r); });
+      lfib->lfibRouteForEach([&](const LfibRoute& r) {
+        if (std::optional<LfibRouteView> view = lfibRouteView(*lfib, r.key())) {
+          known[r.key()] = forwarding(*view);
+        }
+      });
       tracking->routeKeyBacklogDelAll();
       std::printf("watching LFIB '%s': %zu routes\n", name.c_str(), known.size());
       std::fflush(stdout);
@@ -122,19 +127,23 @@ int runWatch(const WatchOptions& options) {
         break;
       }
       const uint32_t label = key.topLabel().value();
-      const LfibRoute route = lfib->lfibRoute(key);
-      if (route.key() != key) {
+      const std::optional<LfibRouteView> view = lfibRouteView(*lfib, key);
+      if (!view) {
         if (known.erase(key) > 0) {
           std::printf("deleted %u\n", label);
           ++lines;
         }
-      } else if (auto [it, added] = known.try_emplace(key, forwarding(route)); added) {
-        std::printf("added %u -> %s\n", label, routeSummary(*lfib, route).c_str());
+      } else if (!view->complete()) {
+        // The LFIB lacks the route's via set or one of its vias, though the route stayed
+        // as it was while it was read: not forwarding to print. The writer's next change
+        // of the route brings it back here.
+      } else if (auto [it, added] = known.try_emplace(key, forwarding(*view)); added) {
+        std::printf("added %u -> %s\n", label, routeSummary(*view).c_str());
         ++lines;
-      } else if (std::string now = forwarding(route); now != it->second) {
+      } else if (std::string now = forwarding(*view); now != it->second) {
         it->second = std::move(now);
         std::printf("changed %u version %u -> %s\n", label, tracking->routeVersion(key).version(),
-                    routeSummary(*lfib, route).c_str());
+                    routeSummary(*view).c_str());
         ++lines;
       }
       tracking->routeKeyBacklogDel(key);  // acknowledged
