@@ -10,11 +10,11 @@
 
 #include <fmt/format.h>
 
-#include "Kel/Trace.h"
 #include "Mpls/LfibIpLookupSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "Pond/PondMap.h"
 #include "support/LfibFixture.h"
+#include "support/TestUtil.h"
 
 namespace {
 
@@ -128,21 +128,14 @@ TEST(LfibIpLookupSm, StartsFromTheRoutesThatHaveVersionsTracesAndTheIsFormReturn
   EXPECT_EQ(l.triples(), "100:red:payloadTypeIpv4 101:blue:payloadTypeIpv4");
   EXPECT_EQ(LfibIpLookupSmIs(l.status, l.tracking, l.ipLookup), l.sm);
 
-  std::vector<std::string> lines;
-  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
-    if (facility.name() == "LfibIpLookupSm") {
-      lines.emplace_back(message);
-    }
-  });
-  Kel::traceConfigIs("LfibIpLookupSm/*");
-  l.lookupRoute(102, 3, "red", payloadTypeIpv4);
-  l.route(102, ipSetKey(3));
-  Kel::traceSinkIs({});
-  Kel::traceConfigIs("");
-  EXPECT_EQ(lines, (std::vector<std::string>{
-                       "updating mapping label= 102 vrfName= red af= payloadTypeIpv4",
-                       "no change for label= 102",
-                   }));
+  {
+    TestSupport::TraceCapture trace("LfibIpLookupSm");
+    l.lookupRoute(102, 3, "red", payloadTypeIpv4);
+    l.route(102, ipSetKey(3));
+    EXPECT_EQ(trace.text(),
+              "updating mapping label= 102 vrfName= red af= payloadTypeIpv4\n"
+              "no change for label= 102\n");
+  }
 
   auto other = lfibIpLookupStatusFactory();
   auto second = LfibIpLookupSmIs(l.status, l.tracking, other);

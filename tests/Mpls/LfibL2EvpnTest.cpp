@@ -12,10 +12,10 @@
 
 #include <fmt/format.h>
 
-#include "Kel/Trace.h"
 #include "Mpls/LfibL2EvpnSm.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "support/LfibFixture.h"
+#include "support/TestUtil.h"
 
 namespace {
 
@@ -274,20 +274,14 @@ TEST(LfibL2EvpnSm, TracesWhatItWritesAndTheIsFormReturnsTheMachineThere) {
   L2Lfib l("l2Trace");
   l.tag(1, 5, 50);
   l.start();
-  std::string text;
-  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int, std::string_view message) {
-    if (facility.name() == "LfibL2EvpnSm") {
-      text += std::string(message) + "\n";
-    }
-  });
-  Kel::traceConfigIs("LfibL2EvpnSm/*");
+  auto trace = std::make_unique<TestSupport::TraceCapture>("LfibL2EvpnSm");
   l.route(100, viaTypeVlan, 1, 10);
   l.config->controlWordIs(true);
   l.route(100, viaTypeEvpnVlanAware, 2, 1);
   l.tag(1, 5, 0);
   l.status->lfibRouteDel(RouteKey(100));
-  Kel::traceSinkIs({});
-  Kel::traceConfigIs("");
+  const std::string text = trace->text();
+  trace.reset();
   const std::string route = "Value('Mpls::RouteKey', ** {'label': 100})";
   const std::string decap = "Value('Mpls::VlanAwareDecapKey', ** {'label': 100, 'dot1qTag': 5})";
   for (const std::string& fragment : {

@@ -18,16 +18,20 @@ class GrWatcher : public LibProducerGrState::NotifieeConst {
   std::vector<std::string> events;
 };
 
-TEST(LibProducerGrState, InitialValuesAndNotificationsOnChangeOnly) {
-  auto s = libProducerGrStateFactory(LFib::sourceLdp);
-  EXPECT_EQ(s->source(), LFib::sourceLdp);
-  EXPECT_FALSE(s->tunnelProducer());
-  EXPECT_FALSE(s->inputReady());
-  EXPECT_FALSE(s->fibSmReady());
-  EXPECT_FALSE(s->lfibGenSmReady());
-  EXPECT_TRUE(s->fibSmBacklogEmpty());
-  EXPECT_FALSE(s->lfibGenSmBacklogEmpty());
-  EXPECT_EQ(s->tunnelTableSeqNum(), 0u);
+std::string dump(const auto& state, int indent) {
+  Kel::DumpContext context;
+  state->dumpState(context, indent);
+  return context.text();
+}
+
+// The dump shows every attribute, the initial values included.
+TEST(LibProducerGrState, InitialValuesDumpAndNotificationsOnChangeOnly) {
+  auto s = libProducerGrStateFactory(LFib::sourceBgpLu);
+  EXPECT_EQ(s->source(), LFib::sourceBgpLu);
+  EXPECT_EQ(dump(s, 0),
+            "LibProducerGrState sourceBgpLu\n  tunnelProducer=no\n  inputReady=no\n"
+            "  fibSmReady=no\n  lfibGenSmReady=no\n  fibSmBacklogEmpty=yes\n"
+            "  lfibGenSmBacklogEmpty=no\n  tunnelTableSeqNum=0\n");
 
   GrWatcher w(s);
   EXPECT_EQ(s->notifieeList().size(), 1u);
@@ -41,36 +45,16 @@ TEST(LibProducerGrState, InitialValuesAndNotificationsOnChangeOnly) {
   s->tunnelTableSeqNumIs(5 + (uint64_t{1} << 32));  // only the upper half changes
   EXPECT_EQ(w.events, (std::vector<std::string>{"inputReady", "fibSmBacklogEmpty",
                                                 "tunnelTableSeqNum", "tunnelTableSeqNum"}));
-}
-
-TEST(LibProducerGrState, Dump) {
-  auto s = libProducerGrStateFactory(LFib::sourceBgpLu);
   s->tunnelProducerIs(true);
   s->tunnelTableSeqNumIs(18446744073709551615ull);
-  Kel::DumpContext at0;
-  s->dumpState(at0, 0);
-  EXPECT_EQ(at0.text(),
-            "LibProducerGrState sourceBgpLu\n"
-            "  tunnelProducer=yes\n"
-            "  inputReady=no\n"
-            "  fibSmReady=no\n"
-            "  lfibGenSmReady=no\n"
-            "  fibSmBacklogEmpty=yes\n"
-            "  lfibGenSmBacklogEmpty=no\n"
-            "  tunnelTableSeqNum=18446744073709551615\n");
-  Kel::DumpContext at3;
-  s->dumpState(at3, 3);
-  EXPECT_TRUE(at3.text().starts_with("   LibProducerGrState sourceBgpLu\n     tunnelProducer=yes\n"))
-      << at3.text();
+  EXPECT_EQ(dump(s, 3),
+            "   LibProducerGrState sourceBgpLu\n     tunnelProducer=yes\n     inputReady=yes\n"
+            "     fibSmReady=no\n     lfibGenSmReady=no\n     fibSmBacklogEmpty=no\n"
+            "     lfibGenSmBacklogEmpty=no\n     tunnelTableSeqNum=18446744073709551615\n");
 
   auto l = lfibProducerGrStateFactory(LFib::sourceStatic);
   l->inputReadyIs(true);
-  Kel::DumpContext lfib0;
-  l->dumpState(lfib0, 0);
-  EXPECT_EQ(lfib0.text(), "LfibProducerGrState sourceStatic\n  inputReady=yes\n");
-  Kel::DumpContext lfib2;
-  l->dumpState(lfib2, 2);
-  EXPECT_EQ(lfib2.text(), "  LfibProducerGrState sourceStatic\n    inputReady=yes\n");
+  EXPECT_EQ(dump(l, 2), "  LfibProducerGrState sourceStatic\n    inputReady=yes\n");
 }
 
 }  // namespace

@@ -148,13 +148,17 @@ TEST(LfibStatusConsumerSm, MirrorsRowsTagByTagOnceItsGroupIsReadyAndFollowsANewG
     const char* maps;
   } steps[] = {
       {"the rows there when the group is ready", [] {}, "1{10:100 20:200}"},
-      {"a row deleted removes its tag", [&] { s.dot1qTagToVlanCompositeDel(rowKey(1, 10)); },
-       "1{20:200}"},
-      {"the last one removes the map", [&] { s.dot1qTagToVlanCompositeDel(rowKey(1, 20)); }, ""},
-      {"a row creates its map", [&] { putRow(s, 2, 5, 50); }, "2{5:50}"},
-      {"a changed row changes the tag", [&] { putRow(s, 2, 5, 51); }, "2{5:51}"},
-      {"rows of several maps",
+      // The rest is checked in another process too, through the producer (LfibReaderStack).
+      {"a row deleted removes its tag, a row creates its map",
        [&] {
+         s.dot1qTagToVlanCompositeDel(rowKey(1, 10));
+         putRow(s, 2, 5, 50);
+       },
+       "1{20:200} 2{5:50}"},
+      {"the last row removes the map, a changed row changes the tag",
+       [&] {
+         s.dot1qTagToVlanCompositeDel(rowKey(1, 20));
+         putRow(s, 2, 5, 51);
          putRow(s, 3, 5, 52);
          putRow(s, 2, 6, 60);
        },

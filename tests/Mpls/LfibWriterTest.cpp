@@ -2,6 +2,7 @@
 // rewrite change (observed through the LfibStatus's notifications, in order), key reuse,
 // weights, the 128-via limit, deletes, refused via types, the fatal assertions, and a
 // reading process that checks the write order; and ConsolidatedLfibRoute, what it is given.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,15 +17,18 @@
 #include <utility>
 #include <vector>
 
-#include "Kel/Trace.h"
 #include "Mpls/MplsLfibWriter.h"
 #include "support/LfibFixture.h"
+#include "support/TestUtil.h"
 
 namespace {
 
 using namespace Mpls;
 using Events = std::vector<std::string>;
 using TestSupport::LfibRecorder;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 // The via types the writer writes.
 constexpr LfibViaType kWritten[] = {viaTypeMplsIp, viaTypeMplsPseudowire, viaTypeIpLookup,
@@ -245,16 +249,7 @@ TEST(LfibWriter, EqualViasBecomeOneWeightedViaInValueOrder) {
 
 TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   Fixture f("limit");
-  std::vector<std::string> levelZero;
-  std::string text;
-  Kel::traceSinkIs([&](const Kel::TraceFacility& facility, int level, std::string_view message) {
-    if (facility.name() == "MplsLfibWriter" && level == 0) {
-      levelZero.emplace_back(message);
-    } else if (facility.name() == "MplsLfibWriter") {
-      text += std::string(message) + "\n";
-    }
-  });
-  Kel::traceConfigIs("MplsLfibWriter/*");
+  auto trace = std::make_unique<TestSupport::TraceCapture>("MplsLfibWriter");
   std::vector<uint32_t> vias(200);
   std::iota(vias.begin(), vias.end(), 0);
   const ConsolidatedLfibRoute r = route(100, viaTypeMplsIp, vias);
@@ -265,8 +260,9 @@ TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
   EXPECT_EQ(distinct.size(), 128u);
   EXPECT_EQ(distinct.count(LfibViaKey()), 0u);
   EXPECT_EQ(f.status->mplsVias(), 128u);
-  EXPECT_EQ(levelZero, std::vector<std::string>{
-                           "lfibRouteIsHelper Reached via index limit (127), ignoring extra vias"});
+  EXPECT_EQ(trace->lines(0),
+            std::vector<std::string>{
+                "lfibRouteIsHelper Reached via index limit (127), ignoring extra vias"});
 
   // The vias kept are the 128 lowest ones; writing the route again changes nothing.
   LfibMplsVia highestKept = f.status->mplsVia(set.viaKey(127));
@@ -281,14 +277,14 @@ TEST(LfibWriter, AViaSetHoldsAtMost128ViasAndTheStepsAreTraced) {
 
   ConsolidatedLfibRoute weighted = route(100, viaTypeMplsIp, {1});
   weighted.mplsViaIs(mplsVia(1, 4));
-  text.clear();
+  trace->clear();
   f.writer->lfibRouteIs(weighted);
   f.writer->lfibRouteIs(weighted);
   f.writer->lfibRouteIs(route(200, viaTypeExternalFec, {1}));
   f.writer->lfibRouteDel(RouteKey(100));
   f.writer->lfibRouteDelAll();
-  Kel::traceSinkIs({});
-  Kel::traceConfigIs("");
+  const std::string text = trace->text();
+  trace.reset();
   for (const char* line :
        {"lfibRouteIs routeKey: Value('Mpls::RouteKey', ** {'label': 100}) viaType: viaTypeMplsIp\n",
         "lfibRouteIsHelper add via with wt 1 - Value('Mpls::LfibMplsVia'",
@@ -623,17 +619,12 @@ TEST(ConsolidatedLfibRoute, KeyedViaIsStoredThenRefusedAndTheTextFormIsNeverRead
                 Kel::valueToStrep(mplsVia(1)) + ", " +
                 Kel::valueToStrep(mplsVia(2)) +
                 "}, 'pwVia': {}, 'ipLookupVia': {}, 'extFecVia': {}})");
-  try {
-    Kel::strepToValue<ConsolidatedLfibRoute>(text);
-    ADD_FAILURE() << "read from text";
-  } catch (const Kel::InternalException& e) {
-    std::string what = e.what();
-    EXPECT_TRUE(what.starts_with("Mpls/MplsLfibWriter:"));
-    EXPECT_NE(what.find(" -- assertion failed(!\"No String constructor for "
-                        "ConsolidatedLfibRoute - has collection\"): "),
-              std::string::npos)
-        << what;
-  }
+  EXPECT_THAT(
+      TestSupport::errorText<Kel::InternalException>(
+          [&] { Kel::strepToValue<ConsolidatedLfibRoute>(text); }),
+      AllOf(StartsWith("Mpls/MplsLfibWriter:"),
+            HasSubstr(" -- assertion failed(!\"No String constructor for ConsolidatedLfibRoute - "
+                      "has collection\"): ")));
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 #include "Mpls/MplsLfib.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
+
+#include "support/TestUtil.h"
 
 namespace {
 
@@ -18,14 +21,7 @@ LfibViaSetKey mplsViaSetKey(uint32_t index) {
   return LfibViaSetKey(LFib::sourceStatic, index, viaTypeMplsIp, viaSetTypeDefault);
 }
 
-std::string rangeError(auto&& f) {
-  try {
-    f();
-  } catch (const Kel::RangeException& e) {
-    return e.what();
-  }
-  return "no error";
-}
+std::string rangeError(auto&& f) { return TestSupport::errorText<Kel::RangeException>(f); }
 
 TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
   LfibViaKey a(LFib::sourceStatic, viaTypeMplsIp, 1);
@@ -37,9 +33,6 @@ TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
   // Via set keys order by index before via type.
   EXPECT_LT(LfibViaSetKey(LFib::sourceStatic, 1, viaTypeExternalFec, viaSetTypeDefault),
             LfibViaSetKey(LFib::sourceStatic, 2, viaTypeMplsIp, viaSetTypeDefault));
-  // Enumerations compare as signed 32-bit numbers.
-  EXPECT_LT(LfibViaKey(LFib::sourceStatic, static_cast<LfibViaType>(-1), 0),
-            LfibViaKey(LFib::sourceStatic, viaTypeMplsUnknown, 0));
 
   // Types 3 to 8, and nothing beyond the last.
   const bool expected[] = {0, 0, 0, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0};
@@ -56,7 +49,6 @@ TEST(LfibKeys, RangesAndFlags) {
             "allowed");
   EXPECT_EQ(rangeError([] { LfibViaIndexRange r(-1); }),
             rangeError([] { LfibViaIndexRange r(128); }));
-  EXPECT_EQ((LfibViaIndexRange(127) + 1).value(), 128);  // `+` is not checked
   EXPECT_EQ(LfibVrfNameIndexRange(100).value(), 100);
   EXPECT_EQ(rangeError([] { LfibVrfNameIndexRange r(101); }),
             "LfibVrfNameIndexRange::value < LfibVrfNameIndexRange::min or > "
@@ -64,35 +56,8 @@ TEST(LfibKeys, RangesAndFlags) {
 
   EXPECT_TRUE(LfibViaSetFlags(1).burnPrimaryVias());
   EXPECT_FALSE(LfibViaSetFlags(0).burnPrimaryVias());
-  EXPECT_THROW(LfibViaSetFlags(2), Kel::EnumSetRangeException);
-  EXPECT_EQ(rangeError([] { LfibViaSetFlags f(2); }),
+  EXPECT_EQ(TestSupport::errorText<Kel::EnumSetRangeException>([] { LfibViaSetFlags f(2); }),
             "LfibViaSetFlags::value > LfibViaSetFlags::max not allowed");
-}
-
-TEST(LfibViaSet, SparseViaKeyArray) {
-  LfibViaSet set(mplsViaSetKey(1));
-  set.viaKeyIs(5, mplsViaKey(5));
-  EXPECT_EQ(set.viaKeys(), 6u);
-  for (uint32_t i = 0; i < 5; ++i) {
-    EXPECT_EQ(set.viaKey(i), LfibViaKey());
-  }
-  set.viaKeyIs(2, mplsViaKey(2));
-  EXPECT_EQ(set.viaKeyDel(2), mplsViaKey(2));  // the middle: reset, nothing moves
-  EXPECT_EQ(set.viaKeys(), 6u);
-  EXPECT_EQ(set.viaKeyDel(5), mplsViaKey(5));  // the last: trailing empty slots go too
-  EXPECT_EQ(set.viaKeys(), 0u);
-  EXPECT_EQ(set.viaKeyDel(7), LfibViaKey());
-  EXPECT_EQ(set, LfibViaSet(mplsViaSetKey(1)));
-  EXPECT_THROW(set.viaKeyIs(128, mplsViaKey(1)), Kel::RangeException);
-
-  // Equality looks at the slots in use only.
-  LfibViaSet a(mplsViaSetKey(1));
-  LfibViaSet b(mplsViaSetKey(1));
-  a.viaKeyIs(3, mplsViaKey(3));
-  a.viaKeyDel(3);
-  EXPECT_EQ(a, b);
-  b.viaKeyIs(0, mplsViaKey(1));
-  EXPECT_NE(a, b);
 }
 
 TEST(LfibViaSet, BinaryForm) {
@@ -128,18 +93,14 @@ TEST(LfibViaSet, BinaryForm) {
   LfibViaSet back;
   EXPECT_EQ(back.deserialize(buf, 1584), 1584u);
   EXPECT_EQ(back, full);
+  EXPECT_THROW(back.viaKeyIs(128, mplsViaKey(1)), Kel::RangeException);  // 128 slots
 
   // A count above 128 is the size error, with the record's address and contents.
   uint32_t bad = 129;
   std::memcpy(buf + 44, &bad, 4);
-  try {
-    back.deserialize(buf, sizeof(buf));
-    ADD_FAILURE() << "accepted a count of 129";
-  } catch (const Kel::SizeError& e) {
-    EXPECT_TRUE(std::string(e.what()).starts_with(
-        "expected size <= 128, instead got 129. Buffer is at address: 0x"))
-        << e.what();
-  }
+  EXPECT_THAT(
+      TestSupport::errorText<Kel::SizeError>([&] { back.deserialize(buf, sizeof(buf)); }),
+      ::testing::StartsWith("expected size <= 128, instead got 129. Buffer is at address: 0x"));
   EXPECT_EQ(back, full);  // untouched by the failed read
   // A record that runs past the bytes given is refused, never read.
   uint32_t two = 2;
@@ -185,7 +146,6 @@ TEST(LfibIpLookupVia, VrfNameBufferAndBinaryForm) {
   LfibIpLookupVia full(key, L3::VrfName(longest), payloadTypeIpv6);
   EXPECT_EQ(full.vrfName().stringValue(), longest);
   EXPECT_EQ(full.vrfNameBuffers(), 101u);
-  EXPECT_THROW(L3::VrfName(std::string(101, 'x')), Kel::RangeException);
   // A buffer of 101 name bytes (no zero byte) does not make a name.
   full.vrfNameBufferIs(100, 'y');
   EXPECT_EQ(rangeError([&] { full.vrfName(); }),

@@ -4,6 +4,7 @@
 // exactly the fields, in the order, that agents parse.
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -28,12 +29,19 @@ using Netbase::IpGenPrefix;
 using Netbase::MplsLabel;
 using Netbase::UnboundedMplsLabelOperation;
 
-// "<type>: <field> <field> ...", from the type's own field list: its text form has these
-// fields, in this order.
-template <class T>
+// "<type>: <field> <field> ...\n" for each type, from the type's own field list: its text
+// form has these fields, in this order.
+template <class... Ts>
 std::string fieldsOf() {
-  std::string out = std::string(T::kelTypeName) + ":";
-  std::apply([&](const auto&... f) { ((out += " " + std::string(f.name)), ...); }, T::kelFields());
+  std::string out;
+  auto one = [&]<class T>(T*) {
+    out += T::kelTypeName;
+    out += ":";
+    std::apply([&](const auto&... f) { ((out += " " + std::string(f.name)), ...); },
+               T::kelFields());
+    out += "\n";
+  };
+  (one(static_cast<Ts*>(nullptr)), ...);
   return out;
 }
 
@@ -46,7 +54,7 @@ std::string swapFirstTwoLabels(std::string text, std::string_view a, std::string
 }
 
 template <class T>
-void checkConformance(const std::vector<T>& samples) {
+void checkConformance(std::initializer_list<T> samples) {
   std::vector<T> all = samples;
   all.push_back(T{});
   for (const T& v : all) {
@@ -127,112 +135,99 @@ TEST(ValueTypes, ConformanceOfEveryType) {
   LfibDot1qTagToVlanKey mapKey(LFib::sourceEvpn, 4);
   FwdEqvClass fec(IpGenPrefix("10.1.0.0/16"));
 
-  checkConformance<LfibViaKey>({viaKey(1), viaKey(1, viaTypeMplsIp, LFib::sourceLdp),
-                                viaKey(0xFFFFFFFF, viaTypeExternalFec)});
-  checkConformance<LfibViaSetKey>({viaSetKey(1), viaSetKey(2, viaTypeIpLookup)});
-  checkConformance<LfibViaSetKeyIndexDomain>(
-      {LfibViaSetKeyIndexDomain(viaTypeMplsIp, viaSetTypeUcmp)});
-  checkConformance<LfibMplsVia>({swap, push});
-  checkConformance<LfibPwVia>({pw});
-  checkConformance<LfibIpLookupVia>(
+  checkConformance({viaKey(1), viaKey(1, viaTypeMplsIp, LFib::sourceLdp),
+                    viaKey(0xFFFFFFFF, viaTypeExternalFec)});
+  checkConformance({viaSetKey(1), viaSetKey(2, viaTypeIpLookup)});
+  checkConformance({LfibViaSetKeyIndexDomain(viaTypeMplsIp, viaSetTypeUcmp)});
+  checkConformance({swap, push});
+  checkConformance({pw});
+  checkConformance(
       {LfibIpLookupVia(viaKey(5, viaTypeIpLookup), L3::VrfName("red"), payloadTypeIpv4),
        LfibIpLookupVia(viaKey(6, viaTypeIpLookup), L3::VrfName(std::string(100, 'v')),
                        payloadTypeAutoDecide)});
-  checkConformance<LfibVlanVia>({LfibVlanVia(viaKey(7, viaTypeVlan), 100, lfibFlagControlWord)});
-  checkConformance<LfibEvpnVlanAwareVia>(
-      {LfibEvpnVlanAwareVia(viaKey(8, viaTypeEvpnVlanAware), mapKey, lfibFlagNone)});
-  checkConformance<LfibEvpnEthernetSegmentFilterVia>({LfibEvpnEthernetSegmentFilterVia(
-      viaKey(9, viaTypeEvpnEthernetSegment), IntfId("Port-Channel10"))});
-  checkConformance<LfibEvpnVlanFloodVia>(
+  checkConformance({LfibVlanVia(viaKey(7, viaTypeVlan), 100, lfibFlagControlWord)});
+  checkConformance({LfibEvpnVlanAwareVia(viaKey(8, viaTypeEvpnVlanAware), mapKey, lfibFlagNone)});
+  checkConformance({LfibEvpnEthernetSegmentFilterVia(viaKey(9, viaTypeEvpnEthernetSegment),
+                                                     IntfId("Port-Channel10"))});
+  checkConformance(
       {LfibEvpnVlanFloodVia(viaKey(10, viaTypeEvpnVlanFlood), 4094, lfibFlagDot1qXlate)});
-  checkConformance<LfibEvpnVlanAwareFloodVia>(
+  checkConformance(
       {LfibEvpnVlanAwareFloodVia(viaKey(11, viaTypeEvpnVlanAwareFlood), mapKey, lfibFlagNone)});
-  checkConformance<LfibExtFecVia>({LfibExtFecVia(viaKey(12, viaTypeExternalFec),
-                                                 0xFFFFFFFFFFFFFFFFull, Netbase::labelActionPop,
-                                                 payloadTypeMpls)});
-  checkConformance<LfibViaSet>({set, full});
-  checkConformance<LfibRoute>(
-      {LfibRoute(RouteKey(100), viaSetKey(9), LFib::sourceLdp, fec, 20),
-       LfibRoute(RouteKey(MplsLabel::max), viaSetKey(1, viaTypeIpLookup), LFib::sourceStatic,
-                 FwdEqvClass(), 0)});
-  checkConformance<RouteInfo>({RouteInfo(RouteKey(16), conflict)});
-  checkConformance<LfibViaSetInfo>({LfibViaSetInfo(viaSetKey(3), viaSetUsingBackupVias)});
-  checkConformance<LfibDot1qTagToVlanKey>({mapKey});
-  checkConformance<LfibDot1qTagToVlanCompositeKey>({LfibDot1qTagToVlanCompositeKey(mapKey, 10)});
-  checkConformance<LfibDot1qTagToVlanComposite>(
-      {LfibDot1qTagToVlanComposite(LfibDot1qTagToVlanCompositeKey(mapKey, 10), 20)});
-  checkConformance<LfibViaSetFlags>({LfibViaSetFlags(1)});
-  checkConformance<LfibViaIndexRange>({LfibViaIndexRange(127)});
-  checkConformance<LfibVrfNameIndexRange>({LfibVrfNameIndexRange(100)});
-  checkConformance<LfibViaSetHwStatus>({viaSetUsingPrimaryVias, viaSetUsingBackupVias});
-  checkConformance<LfibHwProgrammingReturnCode>({programmed, adjacencyNotProgrammed});
-  checkConformance<LfibTrackingMode>({lfibTrackingMode(true, false, true), LfibTrackingMode(7)});
-  checkConformance<LfibRouteVersion>({LfibRouteVersion(RouteKey(100), 3)});
-  checkConformance<LfibIpLookupStatusLabelVrfAf>(
-      {LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv4),
-       LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv6)});
-  checkConformance<LfibL2EvpnStatusLabelInfo>(
-      {LfibL2EvpnStatusLabelInfo(100, 10, true, payloadTypeEthernet, false)});
-  checkConformance<VlanAwareDecapKey>({VlanAwareDecapKey(100, 5), VlanAwareDecapKey(100, 6)});
-  checkConformance<Netbase::TunnelTapIntfId>({Netbase::TunnelTapIntfId("tunnelTap0")});
+  checkConformance({LfibExtFecVia(viaKey(12, viaTypeExternalFec), 0xFFFFFFFFFFFFFFFFull,
+                                  Netbase::labelActionPop, payloadTypeMpls)});
+  checkConformance({set, full});
+  checkConformance({LfibRoute(RouteKey(100), viaSetKey(9), LFib::sourceLdp, fec, 20),
+                    LfibRoute(RouteKey(MplsLabel::max), viaSetKey(1, viaTypeIpLookup),
+                              LFib::sourceStatic, FwdEqvClass(), 0)});
+  checkConformance({RouteInfo(RouteKey(16), conflict)});
+  checkConformance({LfibViaSetInfo(viaSetKey(3), viaSetUsingBackupVias)});
+  checkConformance({mapKey});
+  checkConformance({LfibDot1qTagToVlanCompositeKey(mapKey, 10)});
+  checkConformance({LfibDot1qTagToVlanComposite(LfibDot1qTagToVlanCompositeKey(mapKey, 10), 20)});
+  checkConformance({LfibViaSetFlags(1)});
+  checkConformance({LfibViaIndexRange(127)});
+  checkConformance({LfibVrfNameIndexRange(100)});
+  checkConformance({viaSetUsingPrimaryVias, viaSetUsingBackupVias});
+  checkConformance({programmed, adjacencyNotProgrammed});
+  checkConformance({lfibTrackingMode(true, false, true), LfibTrackingMode(7)});
+  checkConformance({LfibRouteVersion(RouteKey(100), 3)});
+  checkConformance({LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv4),
+                    LfibIpLookupStatusLabelVrfAf(100, L3::VrfName("red"), payloadTypeIpv6)});
+  checkConformance({LfibL2EvpnStatusLabelInfo(100, 10, true, payloadTypeEthernet, false)});
+  checkConformance({VlanAwareDecapKey(100, 5), VlanAwareDecapKey(100, 6)});
+  checkConformance({Netbase::TunnelTapIntfId("tunnelTap0")});
   checkConformance<Netbase::MplsTapIntfConstants>({});
   // The platform types the LFIB carries.
-  checkConformance<RouteKey>({RouteKey(0x800000), RouteKey(3)});
-  checkConformance<FwdEqvClass>({fec, FwdEqvClass(IpGenPrefix("2001:db8::/32"))});
-  checkConformance<RouteMetric>({RouteMetric(255)});
-  checkConformance<LfibViaType>({viaTypeReserved, viaTypeMax});
-  checkConformance<LFib::Source>({LFib::sourceTiLfa});
-  checkConformance<IpGenAddr>({IpGenAddr("192.0.2.1"), IpGenAddr("::ffff:192.0.2.1")});
-  checkConformance<IpGenPrefix>({IpGenPrefix("0.0.0.0/0"), IpGenPrefix("fe80::/10")});
-  checkConformance<IntfId>({IntfId("Ethernet3/1/2.100"), IntfId("Vlan4094")});
-  checkConformance<UnboundedMplsLabelOperation>(
-      {UnboundedMplsLabelOperation(Netbase::labelActionPush, {16, 0x800000})});
-  checkConformance<MplsLabel>({MplsLabel::null()});
-  checkConformance<Bridging::VlanId>({Bridging::VlanId(4095)});
-  checkConformance<L3::VrfName>({L3::VrfName("it's \"quoted\"\n")});
-  checkConformance<Pond::Fib::FecId>({Pond::Fib::FecId(1ull << 63)});
+  checkConformance({RouteKey(0x800000), RouteKey(3)});
+  checkConformance({fec, FwdEqvClass(IpGenPrefix("2001:db8::/32"))});
+  checkConformance({RouteMetric(255)});
+  checkConformance({viaTypeReserved, viaTypeMax});
+  checkConformance({LFib::sourceTiLfa});
+  checkConformance({IpGenAddr("192.0.2.1"), IpGenAddr("::ffff:192.0.2.1")});
+  checkConformance({IpGenPrefix("0.0.0.0/0"), IpGenPrefix("fe80::/10")});
+  checkConformance({IntfId("Ethernet3/1/2.100"), IntfId("Vlan4094")});
+  checkConformance({UnboundedMplsLabelOperation(Netbase::labelActionPush, {16, 0x800000})});
+  checkConformance({MplsLabel::null()});
+  checkConformance({Bridging::VlanId(4095)});
+  checkConformance({L3::VrfName("it's \"quoted\"\n")});
+  checkConformance({Pond::Fib::FecId(1ull << 63)});
 }
 
 TEST(ValueTypes, TextFormsHaveTheirFieldsInOrder) {
-  const std::pair<std::string, std::string> table[] = {
-      {fieldsOf<LfibViaKey>(), "Mpls::LfibViaKey: source viaType index"},
-      {fieldsOf<LfibViaSetKey>(), "Mpls::LfibViaSetKey: source index viaType viaSetType"},
-      {fieldsOf<LfibViaSetKeyIndexDomain>(),
-       "Mpls::LfibViaIndexAllocator::ViaSetKeyIndexDomain: viaType viaSetType"},
-      {fieldsOf<LfibMplsVia>(),
-       "Mpls::LfibMplsVia: key nextHop labelAction labelStack intf payloadType skipEgressAcl "
-       "ttlMode weight"},
-      {fieldsOf<LfibPwVia>(),
-       "Mpls::LfibPwVia: key legacyPwIntfId pwIntfId controlWordPresent pwType flowLabelPresent"},
-      {fieldsOf<LfibIpLookupVia>(), "Mpls::LfibIpLookupVia: key payloadType vrfNameBuffer"},
-      {fieldsOf<LfibVlanVia>(), "Mpls::LfibVlanVia: key vlanId flag"},
-      {fieldsOf<LfibEvpnVlanAwareVia>(), "Mpls::LfibEvpnVlanAwareVia: key dot1qTagToVlanKey flag"},
-      {fieldsOf<LfibEvpnEthernetSegmentFilterVia>(),
-       "Mpls::LfibEvpnEthernetSegmentFilterVia: key intfId"},
-      {fieldsOf<LfibEvpnVlanFloodVia>(), "Mpls::LfibEvpnVlanFloodVia: key vlanId flag"},
-      {fieldsOf<LfibEvpnVlanAwareFloodVia>(),
-       "Mpls::LfibEvpnVlanAwareFloodVia: key dot1qTagToVlanKey flag"},
-      {fieldsOf<LfibExtFecVia>(), "Mpls::LfibExtFecVia: key fecId labelAction payloadType"},
-      {fieldsOf<LfibViaSet>(),
-       "Mpls::LfibViaSet: key backupViaSetKey isUsableAsPrimaryVia flags resetFailoverState "
-       "viaKey"},
-      {fieldsOf<LfibRoute>(), "Mpls::LfibRoute: key viaSetKey source fec metric"},
-      {fieldsOf<RouteInfo>(), "Mpls::RouteInfo: key status"},
-      {fieldsOf<LfibViaSetInfo>(), "Mpls::LfibViaSetInfo: key status"},
-      {fieldsOf<LfibDot1qTagToVlanKey>(), "Mpls::LfibDot1qTagToVlanKey: source index"},
-      {fieldsOf<LfibDot1qTagToVlanCompositeKey>(),
-       "Mpls::LfibDot1qTagToVlanCompositeKey: dot1qTagToVlanKey dot1qTag"},
-      {fieldsOf<LfibDot1qTagToVlanComposite>(), "Mpls::LfibDot1qTagToVlanComposite: key localVlan"},
-      {fieldsOf<LfibRouteVersion>(), "Mpls::LfibRouteVersion: key version"},
-      {fieldsOf<LfibIpLookupStatusLabelVrfAf>(),
-       "Mpls::LfibIpLookupStatusLabelVrfAf: label vrfName payloadType"},
-      {fieldsOf<LfibL2EvpnStatusLabelInfo>(),
-       "Mpls::LfibL2EvpnStatusLabelInfo: label dstVlanId hasControlWord payloadType dot1qXlate"},
-      {fieldsOf<VlanAwareDecapKey>(), "Mpls::VlanAwareDecapKey: label dot1qTag"},
-  };
-  for (const auto& [actual, expected] : table) {
-    EXPECT_EQ(actual, expected);
-  }
+  EXPECT_EQ((fieldsOf<LfibViaKey, LfibViaSetKey, LfibViaSetKeyIndexDomain, LfibMplsVia, LfibPwVia,
+                      LfibIpLookupVia, LfibVlanVia, LfibEvpnVlanAwareVia,
+                      LfibEvpnEthernetSegmentFilterVia, LfibEvpnVlanFloodVia,
+                      LfibEvpnVlanAwareFloodVia, LfibExtFecVia, LfibViaSet, LfibRoute, RouteInfo,
+                      LfibViaSetInfo, LfibDot1qTagToVlanKey, LfibDot1qTagToVlanCompositeKey,
+                      LfibDot1qTagToVlanComposite, LfibRouteVersion, LfibIpLookupStatusLabelVrfAf,
+                      LfibL2EvpnStatusLabelInfo, VlanAwareDecapKey>()),
+            "Mpls::LfibViaKey: source viaType index\n"
+            "Mpls::LfibViaSetKey: source index viaType viaSetType\n"
+            "Mpls::LfibViaIndexAllocator::ViaSetKeyIndexDomain: viaType viaSetType\n"
+            "Mpls::LfibMplsVia: key nextHop labelAction labelStack intf payloadType skipEgressAcl "
+            "ttlMode weight\n"
+            "Mpls::LfibPwVia: key legacyPwIntfId pwIntfId controlWordPresent pwType "
+            "flowLabelPresent\n"
+            "Mpls::LfibIpLookupVia: key payloadType vrfNameBuffer\n"
+            "Mpls::LfibVlanVia: key vlanId flag\n"
+            "Mpls::LfibEvpnVlanAwareVia: key dot1qTagToVlanKey flag\n"
+            "Mpls::LfibEvpnEthernetSegmentFilterVia: key intfId\n"
+            "Mpls::LfibEvpnVlanFloodVia: key vlanId flag\n"
+            "Mpls::LfibEvpnVlanAwareFloodVia: key dot1qTagToVlanKey flag\n"
+            "Mpls::LfibExtFecVia: key fecId labelAction payloadType\n"
+            "Mpls::LfibViaSet: key backupViaSetKey isUsableAsPrimaryVia flags resetFailoverState "
+            "viaKey\n"
+            "Mpls::LfibRoute: key viaSetKey source fec metric\n"
+            "Mpls::RouteInfo: key status\n"
+            "Mpls::LfibViaSetInfo: key status\n"
+            "Mpls::LfibDot1qTagToVlanKey: source index\n"
+            "Mpls::LfibDot1qTagToVlanCompositeKey: dot1qTagToVlanKey dot1qTag\n"
+            "Mpls::LfibDot1qTagToVlanComposite: key localVlan\n"
+            "Mpls::LfibRouteVersion: key version\n"
+            "Mpls::LfibIpLookupStatusLabelVrfAf: label vrfName payloadType\n"
+            "Mpls::LfibL2EvpnStatusLabelInfo: label dstVlanId hasControlWord payloadType "
+            "dot1qXlate\n"
+            "Mpls::VlanAwareDecapKey: label dot1qTag\n");
   // The form around the fields, and the flag sets.
   EXPECT_EQ(Kel::valueToStrep(viaKey(7)),
             "Value('Mpls::LfibViaKey', ** {'source': sourceStatic, 'viaType': viaTypeMplsIp, "
@@ -245,6 +240,7 @@ TEST(ValueTypes, TextFormsHaveTheirFieldsInOrder) {
 }
 
 TEST(ValueTypes, StrictReaderNamesTheFieldOutOfRange) {
+  // The accessors of the exception; its message joins them ("attribute '<a>': <text>").
   auto attributeOf = [](auto read) -> std::string {
     try {
       read();
@@ -257,8 +253,8 @@ TEST(ValueTypes, StrictReaderNamesTheFieldOutOfRange) {
   auto edited = [](std::string text, const std::string& from, const std::string& to) {
     return text.replace(text.find(from), from.size(), to);
   };
-  const std::string route = Kel::valueToStrep(
-      LfibRoute(RouteKey(1), viaSetKey(1), LFib::sourceLdp, FwdEqvClass(), 0));
+  const std::string route =
+      Kel::valueToStrep(LfibRoute(RouteKey(1), viaSetKey(1), LFib::sourceLdp, FwdEqvClass(), 0));
   EXPECT_EQ(attributeOf([&] {
               Kel::strepToValue<LfibRoute>(edited(route, "'label': 1}", "'label': 8388609}"));
             }),

@@ -92,8 +92,6 @@ std::vector<std::string> LfibRecorder::takeSorted() {
 
 namespace {
 
-std::string joined(const auto& items) { return fmt::format("{}", fmt::join(items, " ")); }
-
 template <class Range>
 std::string labels(const Range& keys) {
   std::set<uint32_t> out;

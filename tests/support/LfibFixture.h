@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "Mpls/LfibIpLookup.h"
 #include "Mpls/LfibL2Evpn.h"
 #include "Mpls/LfibTracking.h"
@@ -59,6 +61,9 @@ struct LfibFixture : PondTest::ScopedGroupName, WriterLfib {
 std::string assertionMismatch(std::string_view file, const std::function<void()>& f,
                               const std::string& signature, const std::string& expression,
                               const std::string& message);
+
+// The items, joined by spaces.
+std::string joined(const auto& items) { return fmt::format("{}", fmt::join(items, " ")); }
 
 // Short text of a key in the events below: a route's label, a via's or via set's index,
 // the text form of anything else.

@@ -4,7 +4,6 @@
 // another process's loads, the demo, and mldp decode.
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -12,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
 #include "Mpls/MplsLfib.h"
 #include "Pond/MountGroup.h"
 
@@ -30,40 +31,29 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // A program in a child process: stdin /dev/null, stdout and stderr into scratch files (read
-// with pread, which leaves the offset the child writes at alone). Killed if still running
-// when dropped.
+// with pread, which leaves the offset the child writes at alone).
 struct Child {
   FILE* outFile = std::tmpfile();
   FILE* errFile = std::tmpfile();
-  pid_t pid = -1;
-  int status = -1;  // exit status; 128 + signal
+  Kel::ChildProcess process;
 
-  Child(const std::string& program, const std::vector<std::string>& args) {
-    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-    for (const std::string& a : args) {
-      argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    pid = outFile && errFile ? fork() : -1;
-    if (pid == 0) {
-      dup2(open("/dev/null", O_RDONLY), 0);
-      dup2(fileno(outFile), 1);
-      dup2(fileno(errFile), 2);
-      execv(program.c_str(), argv.data());
-      _exit(127);
-    }
-    EXPECT_GT(pid, 0) << "cannot start " << program;
-  }
+  Child(const std::string& program, std::vector<std::string> args)
+      : process([&](Kel::ChildProcess::Channel&) {
+          std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+          for (std::string& a : args) {
+            argv.push_back(a.data());
+          }
+          argv.push_back(nullptr);
+          dup2(open("/dev/null", O_RDONLY), 0);
+          dup2(fileno(outFile), 1);
+          dup2(fileno(errFile), 2);
+          execv(program.c_str(), argv.data());
+          return 127;
+        }) {}
   ~Child() {
-    if (pid > 0) {
-      kill(pid, SIGKILL);
-      waitpid(pid, nullptr, 0);
-    }
-    for (FILE* f : {outFile, errFile}) {
-      if (f != nullptr) {
-        fclose(f);
-      }
-    }
+    process.kill();
+    fclose(outFile);
+    fclose(errFile);
   }
   static std::string textOf(FILE* f) {
     std::string s;
@@ -75,31 +65,15 @@ struct Child {
   }
   std::string out() const { return textOf(outFile); }
   std::string err() const { return textOf(errFile); }
-  bool ended() {
-    int s = 0;
-    if (pid > 0 && waitpid(pid, &s, WNOHANG) == pid) {
-      status = WIFEXITED(s) ? WEXITSTATUS(s) : 128 + WTERMSIG(s);
-      pid = -1;
-    }
-    return pid <= 0;
-  }
   // Whether stdout comes to hold `what` (polled for at most 10 s).
   bool outHas(const std::string& what) {
-    for (int i = 0; i < 5000 && !ended(); ++i) {
-      if (out().find(what) != std::string::npos) {
-        return true;
-      }
+    for (int i = 0; i < 5000 && out().find(what) == std::string::npos; ++i) {
       usleep(2000);
     }
     return out().find(what) != std::string::npos;
   }
-  // The exit status once it has ended; -1 if it did not within `ms`.
-  int wait(int ms = 10000) {
-    for (int i = 0; i < ms / 2 && !ended(); ++i) {
-      usleep(2000);
-    }
-    return ended() ? status : -1;
-  }
+  // The exit status (128 + signal) once it has ended; -1 (and killed) if not within `ms`.
+  int wait(int ms = 10000) { return process.wait(std::chrono::milliseconds(ms)); }
 };
 
 struct Result {
@@ -413,16 +387,15 @@ TEST(MplsctlMldp, DecodesHexAndNamesBadHex) {
   r = mplsctl({"mldp", "decode", "05 00 08 20 0a 00 00 01 e1 01 01 01"});
   EXPECT_EQ(r.out, " x05 x00 x08 x20 x0a x00 x00 x01 xe1 x01 x01 x01\n");
 
-  r = mplsctl({"mldp", "decode", "01 00 zz"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_THAT(r.err, StartsWith("mplsctl: bad hex 'zz': 'z' is not a hex digit"));
-  r = mplsctl({"mldp", "decode", "01:00:004"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_THAT(r.err, StartsWith("mplsctl: bad hex '004': an odd number of hex digits"));
-  r = mplsctl({"mldp", "decode", ": :"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "mplsctl: no octets to decode in ': :'\n");
+  for (const auto& [hex, err] : std::vector<std::pair<std::string, std::string>>{
+           {"01 00 zz", "mplsctl: bad hex 'zz': 'z' is not a hex digit"},
+           {"01:00:004", "mplsctl: bad hex '004': an odd number of hex digits"},
+           {": :", "mplsctl: no octets to decode in ': :'\n"}}) {
+    r = mplsctl({"mldp", "decode", hex});
+    EXPECT_EQ(r.status, 1) << hex;
+    EXPECT_EQ(r.out, "") << hex;
+    EXPECT_THAT(r.err, StartsWith(err));
+  }
   r = mplsctl({"mldp", "decode"});
   EXPECT_NE(r.status, 0);
   EXPECT_THAT(r.err, HasSubstr("HEX"));
@@ -460,7 +433,7 @@ TEST_F(Mplsctl, WatchFollowsLoads) {
 
   Child endless(MPLSCTL_PATH, {"watch", "--lfib", lfib_});
   ASSERT_TRUE(endless.outHas("\n")) << endless.out();
-  kill(endless.pid, SIGTERM);
+  kill(endless.process.pid(), SIGTERM);
   EXPECT_EQ(endless.wait(), 0);
   EXPECT_EQ(endless.out(), "watching LFIB '" + lfib_ + "': 5 routes\n");
 }

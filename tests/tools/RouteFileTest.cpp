@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/TestUtil.h"
 #include "tools/mplsctl/RouteFile.h"
 
 namespace {
@@ -32,12 +33,7 @@ ConsolidatedLfibRoute route(uint32_t label, LfibViaType type, LFib::Source sourc
 }
 
 std::string errorOf(const std::string& text) {
-  try {
-    parseRouteFile(text, "routes.txt");
-  } catch (const Mplsctl::RouteFileError& e) {
-    return e.what();
-  }
-  return "<no error>";
+  return TestSupport::errorText<RouteFileError>([&] { parseRouteFile(text, "routes.txt"); });
 }
 
 TEST(RouteFile, EveryRouteForm) {
@@ -164,18 +160,10 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
   EXPECT_EQ(parseRouteFile(wide, "routes.txt").at(0).vias, 128u);
 
   // What is not a route file at all.
-  EXPECT_THROW(
-      try { Mplsctl::readRouteFile("/"); } catch (const Mplsctl::RouteFileError& e) {
-        EXPECT_STREQ(e.what(), "/: is a directory, not a route file");
-        throw;
-      },
-      Mplsctl::RouteFileError);
-  EXPECT_THROW(
-      try { Mplsctl::readRouteFile("/dev/zero"); } catch (const Mplsctl::RouteFileError& e) {
-        EXPECT_STREQ(e.what(), "/dev/zero: longer than 268435456 bytes: not a route file");
-        throw;
-      },
-      Mplsctl::RouteFileError);
+  EXPECT_EQ(TestSupport::errorText<RouteFileError>([] { Mplsctl::readRouteFile("/"); }),
+            "/: is a directory, not a route file");
+  EXPECT_EQ(TestSupport::errorText<RouteFileError>([] { Mplsctl::readRouteFile("/dev/zero"); }),
+            "/dev/zero: longer than 268435456 bytes: not a route file");
 }
 
 }  // namespace

@@ -5,10 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <optional>
-#include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "Kel/Binary.h"
@@ -16,6 +13,7 @@
 #include "Kel/String.h"
 #include "Kel/ValueSet.h"
 #include "KelTestTypes.h"
+#include "support/TestUtil.h"
 
 namespace Demo {
 
@@ -53,39 +51,12 @@ using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 using ::testing::ThrowsMessage;
+using TestSupport::errorText;
+using TestSupport::expectTextForm;
 
 std::string keyText(const char* source, int index) {
   return std::string("Value('Demo::Key', ** {'source': ") + source +
          ", 'index': " + std::to_string(index) + "})";
-}
-
-// The E that `f` throws; a failure, and nothing, when it throws none.
-template <class E, class F>
-std::optional<E> thrown(F&& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e;
-  }
-  ADD_FAILURE() << "nothing thrown";
-  return std::nullopt;
-}
-
-// Writes `v`, compares the whole text, and reads it back through every entry point.
-template <class T>
-void expectTextForm(const T& v, const std::string& text) {
-  SCOPED_TRACE(text);
-  EXPECT_EQ(Kel::valueToStrep(v), text);
-  // operator<< writes the text form (Kel::String's writes its bytes instead).
-  if constexpr (!std::is_same_v<T, Kel::String> && requires(std::ostream& os) { os << v; }) {
-    std::ostringstream os;
-    os << v;
-    EXPECT_EQ(os.str(), text);
-  }
-  EXPECT_EQ(Kel::strepToValue<T>(text), v);
-  if constexpr (Kel::ValueType<T>) {
-    EXPECT_EQ(T(Kel::Strep(text)), v);
-  }
 }
 
 TEST(ValueType, TextFormIsExactAndReadsBack) {
@@ -147,26 +118,18 @@ TEST(ValueType, StrictReaderRefusesMalformedText) {
 
 TEST(ValueType, ReaderNamesTheAttributeOutOfRange) {
   const std::string range = "IdxRange::value < IdxRange::min or > IdxRange::max not allowed";
-  const auto index = thrown<Kel::RangeException>([] { Key{Kel::Strep(keyText("sourceLdp", 9))}; });
-  ASSERT_TRUE(index);
-  EXPECT_EQ(index->attribute(), "index");
-  EXPECT_EQ(index->text(), range);
+  EXPECT_EQ(errorText<Kel::RangeException>([] { Key{Kel::Strep(keyText("sourceLdp", 9))}; }),
+            "attribute 'index': " + range);
   auto holderError = [](const std::string& key) {
-    return thrown<Kel::RangeException>([&] {
+    return errorText<Kel::RangeException>([&] {
       Kel::strepToValue<Holder>(
           "Value('Demo::Holder', ** {'key': " + key +
           ", 'count': 0, 'color': blue, 'name': '', 'up': False, 'flags': Value('Demo::Flags', "
           "** {'on': False, 'up': False}), 'weight': 0, 'delta': 0})");
     });
   };
-  const auto nested = holderError(keyText("sourceLdp", 4));
-  ASSERT_TRUE(nested);
-  EXPECT_EQ(nested->attribute(), "key.index");
-  EXPECT_EQ(nested->text(), range);
-  EXPECT_EQ(std::string(nested->what()), "attribute 'key.index': " + range);
-  const auto source = holderError(keyText("sourceNone", 0));
-  ASSERT_TRUE(source);
-  EXPECT_EQ(source->attribute(), "key.source");
+  EXPECT_EQ(holderError(keyText("sourceLdp", 4)), "attribute 'key.index': " + range);
+  EXPECT_THAT(holderError(keyText("sourceNone", 0)), StartsWith("attribute 'key.source': "));
 }
 
 TEST(ValueType, EqualityAndOrderFollowTheFields) {
@@ -292,17 +255,12 @@ TEST(RangeType, BoundsAreInclusiveAndChecked) {
   EXPECT_EQ(IdxRange(3).value(), 3);
   EXPECT_EQ(IdxRange().value(), IdxRange::min);
   const std::string text = "IdxRange::value < IdxRange::min or > IdxRange::max not allowed";
-  auto expectRefused = [&](auto v) {
-    SCOPED_TRACE(::testing::Message() << static_cast<int64_t>(v));
-    const auto e = thrown<Kel::RangeException>([&] { (void)IdxRange(v); });
-    EXPECT_EQ(e ? e->text() + " | " + e->what() : "", text + " | " + text);
-  };
-  expectRefused(4);
-  expectRefused(-1);
-  expectRefused(256);  // would wrap to 0 in a uint8_t
-  expectRefused(int64_t{1} << 40);
-  expectRefused(uint64_t{0xffffffffffffff01u});
-  expectRefused(int8_t{-128});
+  auto refusal = [](auto v) { return errorText<Kel::RangeException>([&] { (void)IdxRange(v); }); };
+  // 256 would wrap to 0 in a uint8_t.
+  for (const std::string& what : {refusal(4), refusal(-1), refusal(256), refusal(int64_t{1} << 40),
+                                   refusal(uint64_t{0xffffffffffffff01u}), refusal(int8_t{-128})}) {
+    EXPECT_EQ(what, text);
+  }
   // Read wide: "256" is out of range for a range of 8 bits, not a malformed number.
   for (const char* text : {"256", "-1", "4"}) {
     SCOPED_TRACE(text);

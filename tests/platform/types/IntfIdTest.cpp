@@ -1,47 +1,44 @@
 // Netbase::IntfId and its interface-name parser.
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "TypesTestUtil.h"
+#include "support/TestUtil.h"
 #include "types/Netbase/IntfId.h"
 
 namespace {
 
 using Netbase::IntfId;
-using TypesTest::errorText;
-using TypesTest::expectTextForm;
+using TestSupport::errorText;
+using TestSupport::expectTextForm;
 
 std::string quoted(const std::string& name) { return "'" + name + "'"; }
 
 TEST(IntfId, CanonicalNamesRoundTrip) {
-  struct Case {
-    const char* name;
-    Netbase::IntfType type;
-  };
   using namespace Netbase;
-  for (const Case& c :
-       {Case{"Ethernet1", intfTypeEthernet}, Case{"Ethernet3/1", intfTypeEthernet},
-        Case{"Ethernet3/1/2", intfTypeEthernet}, Case{"Ethernet3/1.100", intfTypeEthernet},
-        Case{"Ethernet3/1/2.7", intfTypeEthernet}, Case{"Ethernet1/0", intfTypeEthernet},
-        Case{"Ethernet1.1", intfTypeEthernet},
-        Case{"Ethernet16777215/1022/62.65535", intfTypeEthernet},
-        Case{"Port-Channel10", intfTypePortChannel}, Case{"Port-Channel10.20", intfTypePortChannel},
-        Case{"Vlan1", intfTypeVlan}, Case{"Vlan4094", intfTypeVlan},
-        Case{"Loopback0", intfTypeLoopback}, Case{"Management1", intfTypeManagement},
-        Case{"Management1/1", intfTypeManagement}, Case{"Tunnel5", intfTypeTunnel},
-        Case{"Vxlan1", intfTypeVxlan}, Case{"Null0", intfTypeNull},
-        Case{"Recirc-Channel1", intfTypeRecircChannel}, Case{"Pseudowire1", intfTypePseudowire},
-        Case{"Fabric1", intfTypeFabric}, Case{"Dps1", intfTypeDps},
-        Case{"tunnelTap0", intfTypeTunnelTap}}) {
-    SCOPED_TRACE(c.name);
-    IntfId id(c.name);
-    EXPECT_TRUE(static_cast<bool>(id));
-    EXPECT_EQ(id.type(), c.type);
-    EXPECT_EQ(GenericIntfId::typeId(id), static_cast<uint32_t>(c.type));
-    expectTextForm(id, quoted(c.name));
-    EXPECT_EQ(IntfId(Kel::Strep(quoted(c.name))), id);
+  const std::pair<IntfType, std::vector<const char*>> names[] = {
+      {intfTypeEthernet,
+       {"Ethernet1", "Ethernet3/1", "Ethernet3/1/2", "Ethernet3/1.100", "Ethernet3/1/2.7",
+        "Ethernet1/0", "Ethernet1.1", "Ethernet16777215/1022/62.65535"}},
+      {intfTypePortChannel, {"Port-Channel10", "Port-Channel10.20"}},
+      {intfTypeVlan, {"Vlan1", "Vlan4094"}},
+      {intfTypeManagement, {"Management1", "Management1/1"}},
+      {intfTypeLoopback, {"Loopback0"}}, {intfTypeTunnel, {"Tunnel5"}},
+      {intfTypeVxlan, {"Vxlan1"}}, {intfTypeNull, {"Null0"}},
+      {intfTypeRecircChannel, {"Recirc-Channel1"}}, {intfTypePseudowire, {"Pseudowire1"}},
+      {intfTypeFabric, {"Fabric1"}}, {intfTypeDps, {"Dps1"}}, {intfTypeTunnelTap, {"tunnelTap0"}}};
+  for (const auto& [type, list] : names) {
+    for (const char* name : list) {
+      SCOPED_TRACE(name);
+      IntfId id(name);
+      EXPECT_TRUE(static_cast<bool>(id));
+      EXPECT_EQ(id.type(), type);
+      EXPECT_EQ(GenericIntfId::typeId(id), static_cast<uint32_t>(type));
+      expectTextForm(id, quoted(name));
+    }
   }
   EXPECT_EQ(IntfId("tunnelTap0").typeId(), 60u);
   EXPECT_EQ(IntfId("Ethernet1").typeId(), 1u);
@@ -49,23 +46,18 @@ TEST(IntfId, CanonicalNamesRoundTrip) {
 }
 
 TEST(IntfId, ReadsShortAndCaseInsensitiveTypeNames) {
-  struct Case {
-    const char* in;
-    const char* canonical;
-  };
-  for (const Case& c :
-       {Case{"et1", "Ethernet1"}, Case{"ETHERNET1", "Ethernet1"},
-        Case{"eThErNeT3/1.100", "Ethernet3/1.100"}, Case{"Et3/1/2", "Ethernet3/1/2"},
-        Case{"po10", "Port-Channel10"}, Case{"PORT-CHANNEL10.20", "Port-Channel10.20"},
-        Case{"vl100", "Vlan100"}, Case{"VLAN4094", "Vlan4094"}, Case{"lo0", "Loopback0"},
-        Case{"ma1/1", "Management1/1"}, Case{"tu5", "Tunnel5"}, Case{"vx1", "Vxlan1"},
-        Case{"nu0", "Null0"}, Case{"rc1", "Recirc-Channel1"}, Case{"pw1", "Pseudowire1"},
-        Case{"fa1", "Fabric1"}, Case{"DPS1", "Dps1"}, Case{"tunneltap0", "tunnelTap0"},
-        Case{"TUNNELTAP3", "tunnelTap3"}}) {
-    SCOPED_TRACE(c.in);
-    IntfId id(c.in);
-    EXPECT_EQ(id, IntfId(c.canonical));
-    EXPECT_EQ(Kel::strepToValue<IntfId>(quoted(c.in)), id);
+  for (const auto& c : std::initializer_list<std::pair<const char*, const char*>>{
+           {"et1", "Ethernet1"}, {"ETHERNET1", "Ethernet1"},
+           {"eThErNeT3/1.100", "Ethernet3/1.100"}, {"Et3/1/2", "Ethernet3/1/2"},
+           {"po10", "Port-Channel10"}, {"PORT-CHANNEL10.20", "Port-Channel10.20"},
+           {"vl100", "Vlan100"}, {"VLAN4094", "Vlan4094"}, {"lo0", "Loopback0"},
+           {"ma1/1", "Management1/1"}, {"tu5", "Tunnel5"}, {"vx1", "Vxlan1"}, {"nu0", "Null0"},
+           {"rc1", "Recirc-Channel1"}, {"pw1", "Pseudowire1"}, {"fa1", "Fabric1"},
+           {"DPS1", "Dps1"}, {"tunneltap0", "tunnelTap0"}, {"TUNNELTAP3", "tunnelTap3"}}) {
+    SCOPED_TRACE(c.first);
+    IntfId id(c.first);
+    EXPECT_EQ(id, IntfId(c.second));
+    EXPECT_EQ(Kel::strepToValue<IntfId>(quoted(c.first)), id);
   }
 }
 

@@ -4,14 +4,14 @@
 
 #include <string>
 
-#include "TypesTestUtil.h"
+#include "support/TestUtil.h"
 #include "types/L3/RouteDistinguisher.h"
 
 namespace {
 
 using L3::RouteDistinguisher;
-using TypesTest::errorText;
-using TypesTest::expectTextForm;
+using TestSupport::errorText;
+using TestSupport::expectTextForm;
 
 TEST(RouteDistinguisher, TextFormsOfEachType) {
   struct Case {

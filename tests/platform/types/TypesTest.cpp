@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "TypesTestUtil.h"
+#include "support/TestUtil.h"
 #include "types/Bridging/VlanId.h"
 #include "types/L3/VrfName.h"
 #include "types/Mpls/MplsTypes.h"
@@ -14,8 +14,8 @@ namespace {
 using Bridging::VlanId;
 using Bridging::VlanIdOrNone;
 using L3::VrfName;
-using TypesTest::errorText;
-using TypesTest::expectTextForm;
+using TestSupport::errorText;
+using TestSupport::expectTextForm;
 
 std::string rangeText(const std::string& type) {
   return type + "::value < " + type + "::min or > " + type + "::max not allowed";
