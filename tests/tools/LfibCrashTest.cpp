@@ -252,4 +252,49 @@ TEST_F(LfibCrashTest, ReadersUnderChurnNeverMeetAHalfWrittenRoute) {
   }
 }
 
+TEST_F(LfibCrashTest, RefusedLoadsLeaveTheLfibByteForByte) {
+  ASSERT_EQ(run(load(0, false)), 0);
+  const std::string log = fmt::format("/tmp/lfibcrash.{}.dump", ::getpid());
+  auto dump = [&] {
+    ::unlink(log.c_str());
+    EXPECT_EQ(mplsctl({"dump", "--lfib", name}, log)->wait(60s), 0);
+    std::ifstream in(log);
+    return std::string((std::istreambuf_iterator<char>(in)), {});
+  };
+  const std::string before = dump();
+  const std::string bad = fmt::format("/tmp/lfibcrash.{}.bad", ::getpid());
+  auto badFile = [&](const std::string& lastLine) {
+    std::ifstream good(files[1]);
+    std::ofstream(bad) << good.rdbuf() << lastLine;
+    return bad;
+  };
+  // Each refused after the file's good routes were read: a bad last line, a NUL byte, a
+  // line too long, more vias than the tables hold; and no route file at all.
+  for (const std::string& file :
+       {badFile("99 swap 1 via 10.0.0.1\n"), badFile(std::string("17 pop\0", 7)),
+        badFile(std::string(70000, '1')), std::string("/tmp"), std::string("/nonexistent"),
+        badFile([] {
+          std::string wide = "20000 swap 5";
+          for (int v = 0; v < 128; ++v) {
+            wide += fmt::format(" via 10.7.{}.1 dev Ethernet1", v);
+          }
+          std::string many;
+          for (int r = 0; r < 100; ++r) {
+            many += std::to_string(20000 + r) + wide.substr(5) + "\n";
+          }
+          return many;
+        }())}) {
+    for (const bool replace : {false, true}) {
+      std::vector<std::string> args = {"load", file, "--lfib", name};
+      if (replace) {
+        args.push_back("--replace");
+      }
+      EXPECT_EQ(run(args), 1) << file;
+      EXPECT_EQ(dump(), before) << file;
+    }
+  }
+  ::unlink(bad.c_str());
+  ::unlink(log.c_str());
+}
+
 }  // namespace
