@@ -129,9 +129,18 @@ uint64_t rowCount(const LfibStatus& lfib) {
 // must have its via set, and the set its vias.
 void refuseDamaged(const LfibStatus& lfib, const std::vector<RouteKey>& touched,
                    const std::string& name) {
+  // The writer's own tables: nothing changes them under it, one read is enough.
+  const auto* routes = lfib.lfibRouteTable();
+  const auto* viaSets = lfib.viaSetTable();
   for (const RouteKey& key : touched) {
-    std::vector<LfibIntegrityProblem> problems = lfibRouteProblems(lfib, key);
-    if (const LfibRoute route = lfib.lfibRoute(key); problems.empty() && route.key() == key) {
+    LfibRoute route;
+    if (!routes->find(key, route)) {
+      continue;
+    }
+    std::vector<LfibIntegrityProblem> problems;
+    if (!viaSets->contains(route.viaSetKey())) {
+      problems.push_back({LfibIntegrityProblem::Kind::viaSetMissing, key, route.viaSetKey(), {}});
+    } else {
       problems = lfibViaSetProblems(lfib, route.viaSetKey());
     }
     if (!problems.empty()) {

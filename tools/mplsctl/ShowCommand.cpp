@@ -170,22 +170,21 @@ int runShow(const ShowOptions& options) {
     lfib->lfibRouteForEach([&](const LfibRoute& r) { keys.push_back(r.key()); });
     std::sort(keys.begin(), keys.end());
   }
-  // Each route read whole, with the via set and vias it names at one instant; a route
-  // deleted since the walk is left out.
-  std::vector<LfibRouteView> routes;
-  for (const RouteKey& key : keys) {
-    if (std::optional<LfibRouteView> view = lfibRouteView(*lfib, key)) {
-      routes.push_back(std::move(*view));
-    } else if (options.label) {
-      throw CommandError(
-          fmt::format("LFIB '{}' has no route for label {}", options.lfib, *options.label));
-    }
-  }
-
   nlohmann::json out = nlohmann::json::array();
   std::vector<std::vector<std::string>> rows = {
       {"LABEL", "SOURCE", "METRIC", "VIA SET", "VIA", "ACTION", "NEXT HOP", "INTERFACE", "WEIGHT"}};
-  for (const LfibRouteView& view : routes) {
+  for (const RouteKey& key : keys) {
+    // Read whole, with the via set and vias it names at one instant; a route deleted
+    // since the walk is left out.
+    const std::optional<LfibRouteView> read = lfibRouteView(*lfib, key);
+    if (!read) {
+      if (options.label) {
+        throw CommandError(
+            fmt::format("LFIB '{}' has no route for label {}", options.lfib, *options.label));
+      }
+      continue;
+    }
+    const LfibRouteView& view = *read;
     const LfibRoute& r = view.route;
     const std::vector<ViaView> vias = viaViews(view);
     nlohmann::json route = {{"label", r.key().label().value()},
