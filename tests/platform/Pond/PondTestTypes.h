@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Kel/Binary.h"
+#include "Kel/Range.h"
 #include "Kel/Value.h"
 #include "Pond/MountGroup.h"
 
@@ -42,6 +43,12 @@ class PaddedKey {
 };
 class PaddedKeyRow {
   KEL_VALUE(PaddedKeyRow, "PondTest::PaddedKeyRow", (PaddedKey, key), (uint64_t, n));
+};
+
+// A fixed row whose fields have invariants a damaged byte can break.
+KEL_RANGE(Level, "PondTest::Level", uint32_t, 1, 9);
+class CheckedRow {
+  KEL_VALUE(CheckedRow, "PondTest::CheckedRow", (Key, key), (bool, on), (Level, level));
 };
 
 // A variable row: its key and 0 to 100 words, each derived from the first.
