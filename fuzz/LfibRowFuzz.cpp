@@ -49,7 +49,7 @@ Table makeTable(const Kel::Ptr<Pond::MountGroup>& writer, const std::string& nam
   Pond::TableSizing sizing;
   sizing.capacity = kRows;
   sizing.logEntries = 16;
-  sizing.heapBytes = 4 * 4096;
+  sizing.heapBytes = 16 * 4096;  // a chunk per size class in use
   {
     Pond::PondMap<K, T> table(writer, name, sizing);
     for (uint32_t i = 0; i < kRows; ++i) {

@@ -469,7 +469,7 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     // relaxed: ordered by the fence.
     if (loadRelaxed(&b->seq) == bucketSeq && (found || link == kNoSlot)) {
-      checkIntact();
+      readDone();
       return found;
     }
     // The chain changed, or a slot changed under us: walk it again.
@@ -529,7 +529,7 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
       } else {
         *recordLen = layout_.rowSize;
       }
-      checkIntact();
+      readDone();
       hint.slot = index + 1;
       hint.bucket = hash & bucketMask_;
       hint.version = version();

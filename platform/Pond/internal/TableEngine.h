@@ -235,6 +235,11 @@ class TableEngine {
     }
   }
   [[noreturn, gnu::cold]] void truncated() const;
+  // A read got through: checks the segment, and forgets a writer found stuck before.
+  void readDone() const {
+    checkIntact();
+    stuckWriter_ = 0;
+  }
   // A read retried: throws WriterStuckError once retries went on for the bound.
   void retried(uint32_t& retries, int64_t& since, const char* what, uint32_t index) const {
     if ((++retries & 1023) == 0) [[unlikely]] {

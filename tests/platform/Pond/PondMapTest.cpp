@@ -429,7 +429,8 @@ TEST(PondMap, BadSegmentsAreRefused) {
   ASSERT_EQ(::truncate(path.c_str(), 10), 0);
   EXPECT_THAT(readerError(), HasSubstr("truncated"));
 
-  EXPECT_THROW(MountGroup::reader("a/b"), Pond::SegmentError);
+  EXPECT_THAT([] { MountGroup::reader("a/b\x1b"); },
+              ::testing::ThrowsMessage<Pond::SegmentError>(HasSubstr("name 'a/b\\x1b'")));
   EXPECT_THROW(MountGroup::writer(".."), Pond::SegmentError);
   EXPECT_THROW((PondMap<Key, Row>(writer, "rows.x", sized(4))), Pond::SegmentError);
   ::stat(Pond::internal::Segment::pathOf(Pond::internal::Segment::groupShmName(*g)).c_str(), &st);
