@@ -11,6 +11,8 @@
 #include <string>
 
 #include "Pond/PondMap.h"
+#include "Pond/internal/Layout.h"
+#include "Pond/internal/Segment.h"
 #include "PondTestTypes.h"
 
 namespace {

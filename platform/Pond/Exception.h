@@ -31,11 +31,23 @@ class TableFullException : public PondException {
   using PondException::PondException;
 };
 
-// A reader found the shared structure inconsistent. Lookups and iterations hand its text
-// to the table's corruption handler and carry on as if the row were absent.
+// A reader found the shared structure inconsistent: an index out of bounds, a row that
+// does not decode or breaks its type's invariants, a segment truncated under the process
+// ("... segment was truncated to N bytes under the reader"). Lookups and iterations hand
+// its text to the table's corruption handler and carry on as if the row were absent.
 class CorruptionError : public PondException {
  public:
   using PondException::PondException;
+};
+
+// A reader got no stable read of a row within its bound (2 s) while the group's writer
+// lives: a sequence counter stayed odd, or kept changing, all that time. The writer is
+// stopped or hung, or a damaged group header names some other live process. The message
+// names the table, the writer's pid and what stayed half-written: "table 'route' of mount
+// group 'lfib': its writer (pid 1234) is stuck: slot 7 stayed half-written for 2 s".
+class WriterStuckError : public CorruptionError {
+ public:
+  using CorruptionError::CorruptionError;
 };
 
 // A mutating call on a table mounted for reading.

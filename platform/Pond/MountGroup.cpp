@@ -102,6 +102,7 @@ class GroupState final : public GroupLink {
   const SegmentOptions& segmentOptions() const override { return options; }
   void noteChange() override { group_.noteChange(); }
   bool writerAlive() const override { return group_.writerAlive(); }
+  uint32_t writerPid() const override { return group_.writerPid(); }
 
  private:
   MountGroup& group_;
@@ -127,6 +128,11 @@ const GroupHeader* MountGroup::header() const noexcept {
 
 MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& options) {
   Segment::checkName("mount group", name);
+  if ((options.mode & 0022) != 0) {
+    throw SegmentError(fmt::format("mount group '{}': mode {:04o} lets others than the writer "
+                                   "write its segments; readers would refuse them",
+                                   name, options.mode));
+  }
   internal::SegmentOptions segmentOptions{options.mode, options.group};
   Ptr group(new MountGroup(std::string(name), Role::writer, segmentOptions));
   std::string shm = Segment::groupShmName(name);
@@ -202,11 +208,44 @@ MountGroup::~MountGroup() {
 size_t MountGroup::removeSegments(std::string_view name) {
   Segment::checkName("mount group", name);
   size_t removed = 0;
+  std::optional<SegmentError> failed;
+  auto remove = [&](const std::string& shm) {
+    try {
+      removed += Segment::unlink(shm);
+    } catch (const SegmentError& e) {
+      failed = failed.value_or(e);
+    }
+  };
   for (const std::string& table : tableNames(name)) {
-    removed += Segment::unlink(Segment::tableShmName(name, table));
+    remove(Segment::tableShmName(name, table));
   }
-  removed += Segment::unlink(Segment::groupShmName(name));
+  remove(Segment::groupShmName(name));
+  if (failed) {
+    throw *failed;
+  }
   return removed;
+}
+
+std::optional<TableSizing> MountGroup::tableSizing(std::string_view name, std::string_view table) {
+  Segment::checkName("mount group", name);
+  Segment::checkName("table", table);
+  auto s = Segment::open(Segment::tableShmName(name, table), false, sizeof(internal::TableHeader));
+  if (!s) {
+    return std::nullopt;
+  }
+  internal::TableHeader h;
+  std::memcpy(&h, s->base(), sizeof(h));
+  if (h.magic != internal::kTableMagic || h.layoutVersion != internal::kLayoutVersion) {
+    throw SegmentError(fmt::format("table '{}' of mount group '{}' (segment {}) is not a Pond "
+                                   "table of this layout version",
+                                   table, name, s->name()));
+  }
+  TableSizing sizing;
+  sizing.capacity = h.capacity;
+  sizing.logEntries = h.logEntries;
+  sizing.heapBytes = h.variable ? uint64_t{h.chunkCount} * h.chunkSize : 0;
+  sizing.maxRecordLen = h.variable ? h.rowSize : 0;
+  return sizing;
 }
 
 std::vector<std::string> MountGroup::tableNames(std::string_view name) {

@@ -41,6 +41,7 @@
 #include "Kel/Entity.h"
 #include "Kel/EventLoop.h"
 #include "Pond/Exception.h"
+#include "Pond/TableSizing.h"
 
 namespace Pond {
 
@@ -97,8 +98,15 @@ class MountGroup : public Kel::Entity {
   // Mounts the group for reading; its segments may appear later.
   static Ptr reader(std::string_view name);
   // Removes the segments of a group and its tables; returns how many were removed.
-  // Processes that have them mapped keep their mappings.
+  // Processes that have them mapped keep their mappings. Throws SegmentError, after
+  // removing all it can, when a segment cannot be removed: "permission denied: cannot
+  // remove shared-memory segment /pond.lfib.route (owner uid 0, mode 0600)".
   static size_t removeSegments(std::string_view name);
+  // The sizes of the group's table `table` as its segment holds them, for a writer that
+  // takes over a group whose tables exist, all or some (a writer killed while creating
+  // them leaves some): its writer asks for the same sizes, and creates the missing tables.
+  // nullopt when the table does not exist. Throws SegmentError when it cannot be read.
+  static std::optional<TableSizing> tableSizing(std::string_view name, std::string_view table);
   // The names of the group's tables that exist now.
   static std::vector<std::string> tableNames(std::string_view name);
 

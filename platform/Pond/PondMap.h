@@ -28,9 +28,14 @@
 // writer, gets a notification for every row present and every row gone instead, so that
 // no change is ever lost.
 //
-// Corruption: a reader that finds the shared structure inconsistent hands the error's text
-// to the corruption handler (by default, the system log) and carries on as if the row were
-// absent.
+// Corruption: a reader that finds the shared structure inconsistent, a row that does not
+// decode or breaks its type's invariants (Kel/StoredValue.h: a bounded value out of its
+// range, a bool neither 0 nor 1, ...), a segment truncated under the process or a writer
+// stuck half-way through a change hands the error's text (a Pond::CorruptionError's,
+// naming the table) to the corruption handler (by default, the system log) and carries on
+// as if the row were absent; an iteration that meets a truncated segment or a stuck
+// writer ends there. A key in the change log that breaks its type's invariants is
+// reported and skipped.
 //
 // Threads: a table belongs to the thread of its group.
 #pragma once
@@ -47,6 +52,7 @@
 #include <absl/container/flat_hash_set.h>
 
 #include "Kel/Binary.h"
+#include "Kel/StoredValue.h"
 #include "Kel/Value.h"
 #include "Pond/IterHint.h"
 #include "Pond/MountGroup.h"
@@ -153,6 +159,9 @@ class PondMap final : public TableCore, private internal::TableBase {
         decodeFrom(row, bytes(), len);
       } catch (const Kel::Exception& e) {
         reportCorruption(e.what());
+        if (unreadable()) {
+          return true;
+        }
         ++hint.slot;
         continue;
       }
@@ -281,12 +290,39 @@ class PondMap final : public TableCore, private internal::TableBase {
     }
   }
 
-  static void decodeFrom(Row& row, const uint8_t* in, uint32_t len) {
+  // Throws CorruptionError naming the table for a record that does not decode, and for a
+  // row (fixed rows: copied as bytes) that breaks its type's invariants; `row` is a
+  // default row then.
+  void decodeFrom(Row& row, const uint8_t* in, uint32_t len) const {
     if constexpr (VariableRow<Row>) {
-      row.deserialize(in, len);
+      try {
+        row.deserialize(in, len);
+      } catch (const std::exception& e) {
+        row = Row{};
+        badRow("a record of " + std::to_string(len) + " bytes does not decode as " +
+               std::string(Row::kelTypeName) + ": " + e.what());
+      }
     } else {
       std::memcpy(&row, in, sizeof(Row));
     }
+    if (!Kel::storedValueValid(row)) [[unlikely]] {
+      std::string fault;
+      Kel::storedValueValid(row, &fault);
+      row = Row{};  // the caller's row never keeps bytes that break its invariants
+      badRow("a row breaks the invariants of " + std::string(Row::kelTypeName) + ": " + fault);
+    }
+  }
+
+  // Whether a key read from the change log is one; reports it when not.
+  bool validLogKey(const Key& key) const {
+    std::string fault;
+    if (Kel::storedValueValid(key, &fault)) [[likely]] {
+      return true;
+    }
+    reportCorruption("table '" + tableName() + "' of mount group '" + TableCore::group()->name() +
+                     "': a key in the change log breaks the invariants of " +
+                     std::string(Key::kelTypeName) + ": " + fault);
+    return false;
   }
 
   absl::flat_hash_set<Key, Kel::Hasher<Key>> presentKeys() const {
@@ -338,6 +374,9 @@ class PondMap final : public TableCore, private internal::TableBase {
       if (op == LogRead::overrun) {
         return delivered + resync();
       }
+      if (!validLogKey(key)) {
+        continue;
+      }
       if (tracking_) {
         if (op == LogRead::set) {
           known_.insert(key);
@@ -368,7 +407,9 @@ class PondMap final : public TableCore, private internal::TableBase {
         if (readLog(seq, &key) == LogRead::overrun) {
           break;
         }
-        logged.insert(key);
+        if (validLogKey(key)) {
+          logged.insert(key);
+        }
       }
     }
     auto present = presentKeys();

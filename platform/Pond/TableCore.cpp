@@ -52,6 +52,15 @@ uint32_t TableCore::capacity() const noexcept { return engine_ ? engine_->capaci
 uint64_t TableCore::version() const noexcept { return engine_ ? engine_->version() : 0; }
 uint64_t TableCore::residentBytes() const { return engine_ ? engine_->residentBytes() : 0; }
 
+bool TableCore::unreadable() const {
+  return engine_ && (engine_->damaged() || engine_->writerStuck());
+}
+
+void TableCore::badRow(const std::string& why) const {
+  throw CorruptionError(
+      fmt::format("table '{}' of mount group '{}': {}", name_, group_->name(), why));
+}
+
 bool TableCore::findCopy(const void* key, uint32_t hash, uint32_t* len) const {
   return engine_->find(key, hash, bytes(), len);
 }

@@ -44,6 +44,10 @@ class TableCore {
   uint64_t version() const noexcept;
   // Bytes of the table's segment resident in memory.
   uint64_t residentBytes() const;
+  // The table's segment was truncated under this process, or the last read found its
+  // writer stuck (see Pond::WriterStuckError): reads fail row after row, so iterations
+  // stop at the first failure.
+  bool unreadable() const;
 
   void corruptionHandlerIs(std::function<void(const std::string&)> handler) {
     corruptionHandler_ = std::move(handler);
@@ -104,6 +108,10 @@ class TableCore {
   bool openReader();
   // Reader: drops the table's mapping; false when it was not open.
   bool closeReader() noexcept;
+
+  // Throws CorruptionError naming the table: a row that does not decode, or whose
+  // decoded value breaks its type's invariants, described by `why`.
+  [[noreturn]] void badRow(const std::string& why) const;
 
   // Hands a reader's corruption finding to the corruption handler (by default, the system
   // log).

@@ -61,7 +61,12 @@ int runCheck(const std::string& name) {
 }
 
 int runClear(const std::string& name) {
-  const size_t removed = Pond::MountGroup::removeSegments(name);
+  size_t removed = 0;
+  try {
+    removed = Pond::MountGroup::removeSegments(name);
+  } catch (const Pond::SegmentError& e) {
+    throw CommandError(fmt::format("cannot clear LFIB '{}': {}", name, e.what()));
+  }
   if (removed == 0) {
     throw CommandError(fmt::format("no LFIB named '{}' (no shared-memory segments)", name));
   }

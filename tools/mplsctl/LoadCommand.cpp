@@ -4,7 +4,8 @@
 // must ask for the very same sizes, so every size here is a function of the tables'
 // capacities: a first load takes them from the file (twice its counts of routes and of
 // each via type's vias, at least 1024, rounded up to a power of two); a later load reads
-// them back from the existing tables.
+// the sizes of the tables that exist back from their segments, so that it also takes over
+// an LFIB whose writer was killed while creating its tables (it creates the rest).
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -105,18 +106,15 @@ Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
   return c;
 }
 
-// The sizes of the tables the LFIB has: a writer that died while it created them may have
-// left some; those missing get `fromFile`'s.
-Capacities existingCapacities(const std::string& name, Capacities fromFile) {
-  LfibStatus::Ptr lfib = lfibStatusFactory();
-  lfib->mountGroupIs(Pond::MountGroup::reader(name));
-  lfib->mountGroup()->processChanges();
-  lfib->tableForEach([&](const auto& table) {
-    if (const uint32_t capacity = table.capacity()) {
-      fromFile[std::string(table.name)] = capacity;
+// The sizes for the file, but those of the tables that exist already.
+LfibStatusSizing writerSizing(const std::string& name, const std::vector<ParsedRoute>& routes) {
+  LfibStatusSizing s = sizingFor(fileCapacities(routes));
+  s.forEach([&](std::string_view table, Pond::TableSizing& t) {
+    if (auto existing = Pond::MountGroup::tableSizing(name, table)) {
+      t = *existing;
     }
   });
-  return fromFile;
+  return s;
 }
 
 uint64_t rowCount(const LfibStatus& lfib) {
@@ -189,11 +187,7 @@ int runLoad(const LoadOptions& options) {
   const std::vector<ParsedRoute> routes = readRouteFile(options.file);
   const std::string& name = options.lfib;
 
-  Capacities capacities = fileCapacities(routes);
-  if (!Pond::MountGroup::tableNames(name).empty()) {
-    capacities = existingCapacities(name, std::move(capacities));
-  }
-
+  const LfibStatusSizing sizing = writerSizing(name, routes);
   Kel::Ptr<Pond::MountGroup> group;
   try {
     group = Pond::MountGroup::writer(name);
@@ -201,7 +195,7 @@ int runLoad(const LoadOptions& options) {
     throw CommandError(fmt::format("LFIB '{}' has a live writer process: {}", name, e.what()));
   }
   LfibStatus::Ptr lfib = lfibStatusFactory();
-  lfib->mountGroupIs(group, sizingFor(capacities));
+  lfib->mountGroupIs(group, sizing);
   LfibWriter::Ptr writer = lfibWriterFactory(lfib);
 
   std::unordered_set<uint32_t> inFile;

@@ -12,13 +12,87 @@
 
 #include <fmt/format.h>
 
+#include "Kel/Quote.h"
 #include "Pond/Exception.h"
+#include "Pond/internal/MappingGuard.h"
 
 namespace Pond::internal {
 
 namespace {
 
 std::string errnoText(int err) { return std::strerror(err); }
+
+const char* fileKind(mode_t mode) {
+  switch (mode & S_IFMT) {
+    case S_IFREG:
+      return "a regular file";
+    case S_IFDIR:
+      return "a directory";
+    case S_IFIFO:
+      return "a FIFO";
+    case S_IFLNK:
+      return "a symbolic link";
+    case S_IFSOCK:
+      return "a socket";
+    case S_IFCHR:
+      return "a character device";
+    case S_IFBLK:
+      return "a block device";
+    default:
+      return "of an unknown kind";
+  }
+}
+
+// "(owner uid 0, mode 0600)", from the name itself (not followed); empty when it is gone.
+std::string ownerText(const std::string& shmName) {
+  struct stat st {};
+  if (::lstat(Segment::pathOf(shmName).c_str(), &st) != 0) {
+    return {};
+  }
+  return fmt::format(" (owner uid {}, mode {:04o})", st.st_uid, st.st_mode & 07777);
+}
+
+bool permissionDenied(int err) { return err == EACCES || err == EPERM; }
+
+[[noreturn]] void throwOpenError(const std::string& shmName, int err) {
+  if (permissionDenied(err)) {
+    throw SegmentError(fmt::format("permission denied: cannot open shared-memory segment {}{}",
+                                   shmName, ownerText(shmName)));
+  }
+  if (err == ELOOP) {
+    throw SegmentError(fmt::format(
+        "shared-memory segment {} is a symbolic link, not a regular file: refused", shmName));
+  }
+  if (err == EISDIR) {
+    throw SegmentError(fmt::format(
+        "shared-memory segment {} is a directory, not a regular file: refused", shmName));
+  }
+  if (err == ENXIO || err == ENODEV) {
+    throw SegmentError(fmt::format("shared-memory segment {} is not a regular file: refused",
+                                   shmName));
+  }
+  throw SegmentError(fmt::format("cannot open shared-memory segment {}: {}", shmName,
+                                 errnoText(err)));
+}
+
+// A writer writes only into segments it owns that nobody else may write: a segment someone
+// else created first (squatting the name) or may change is refused. A reader refuses the
+// ones others may write: Pond never makes them, so anyone may have written what they hold.
+void checkOwnership(const std::string& shmName, const struct stat& st, bool writable) {
+  const mode_t mode = st.st_mode & 07777;
+  if (writable && st.st_uid != ::geteuid()) {
+    throw SegmentError(fmt::format(
+        "shared-memory segment {} is owned by uid {} (mode {:04o}), not by this writer's uid "
+        "{}: refused; remove it so that the writer creates it anew",
+        shmName, st.st_uid, mode, ::geteuid()));
+  }
+  if ((mode & (S_IWGRP | S_IWOTH)) != 0) {
+    throw SegmentError(fmt::format(
+        "shared-memory segment {} (owner uid {}, mode {:04o}) may be written by others than "
+        "its owner: refused",
+        shmName, st.st_uid, mode));
+  }
+}
 
 // Closes an fd unless released.
 struct FdGuard {
@@ -39,7 +113,8 @@ Segment::Segment(Segment&& o) noexcept
       size_(std::exchange(o.size_, 0)),
       fd_(std::exchange(o.fd_, -1)),
       inode_(o.inode_),
-      writable_(o.writable_) {}
+      writable_(o.writable_),
+      guard_(std::exchange(o.guard_, nullptr)) {}
 
 Segment& Segment::operator=(Segment&& o) noexcept {
   if (this != &o) {
@@ -50,6 +125,7 @@ Segment& Segment::operator=(Segment&& o) noexcept {
     fd_ = std::exchange(o.fd_, -1);
     inode_ = o.inode_;
     writable_ = o.writable_;
+    guard_ = std::exchange(o.guard_, nullptr);
   }
   return *this;
 }
@@ -58,6 +134,8 @@ Segment::~Segment() { reset(); }
 
 void Segment::reset() noexcept {
   if (base_) {
+    unguardMapping(guard_);
+    guard_ = nullptr;
     ::munmap(base_, size_);
     base_ = nullptr;
   }
@@ -75,7 +153,7 @@ void Segment::checkName(std::string_view what, std::string_view name) {
   }
   if (!ok) {
     throw SegmentError(fmt::format(
-        "invalid {} name '{}': use 1 to 64 letters, digits, '_' and '-'", what, name));
+        "invalid {} name {}: use 1 to 64 letters, digits, '_' and '-'", what, Kel::quoted(name)));
   }
 }
 
@@ -124,6 +202,7 @@ std::optional<Segment> Segment::create(const std::string& shmName, uint64_t size
   s.base_ = static_cast<uint8_t*>(base);
   s.size_ = size;
   s.writable_ = true;
+  s.guard_ = guardMapping(base, size, fd, true);
   try {
     init(s.base_);
   } catch (...) {
@@ -149,13 +228,15 @@ std::optional<Segment> Segment::create(const std::string& shmName, uint64_t size
 }
 
 std::optional<Segment> Segment::open(const std::string& shmName, bool writable, size_t minSize) {
-  int fd = ::shm_open(shmName.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+  // O_NONBLOCK: a FIFO in a segment's place must not hold the open; O_NOFOLLOW: nor may a
+  // symbolic link lead it elsewhere. What is not a regular file is refused below.
+  int fd = ::open(pathOf(shmName).c_str(),
+                  (writable ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT) {
       return std::nullopt;
     }
-    throw SegmentError(fmt::format("cannot open shared-memory segment {}: {}", shmName,
-                                   errnoText(errno)));
+    throwOpenError(shmName, errno);
   }
   FdGuard guard{fd};
   struct stat st {};
@@ -164,8 +245,10 @@ std::optional<Segment> Segment::open(const std::string& shmName, bool writable, 
                                    errnoText(errno)));
   }
   if (!S_ISREG(st.st_mode)) {
-    throw SegmentError(fmt::format("shared-memory segment {} is not a regular file", shmName));
+    throw SegmentError(fmt::format("shared-memory segment {} is {}, not a regular file: refused",
+                                   shmName, fileKind(st.st_mode)));
   }
+  checkOwnership(shmName, st, writable);
   if (static_cast<uint64_t>(st.st_size) < minSize) {
     throw SegmentError(fmt::format(
         "shared-memory segment {} is truncated: {} bytes, at least {} expected", shmName,
@@ -185,9 +268,43 @@ std::optional<Segment> Segment::open(const std::string& shmName, bool writable, 
   s.fd_ = guard.release();
   s.inode_ = st.st_ino;
   s.writable_ = writable;
+  s.guard_ = guardMapping(base, size, s.fd_, writable);
   return s;
 }
 
-bool Segment::unlink(const std::string& shmName) { return ::shm_unlink(shmName.c_str()) == 0; }
+bool Segment::unlink(const std::string& shmName) {
+  const std::string path = pathOf(shmName);
+  if (::unlink(path.c_str()) == 0) {
+    return true;
+  }
+  int err = errno;
+  if (err == ENOENT) {
+    return false;
+  }
+  if (err == EISDIR && ::rmdir(path.c_str()) == 0) {  // an empty directory in its place
+    return true;
+  }
+  err = err == EISDIR ? errno : err;
+  if (permissionDenied(err)) {
+    throw SegmentError(fmt::format("permission denied: cannot remove shared-memory segment {}{}",
+                                   shmName, ownerText(shmName)));
+  }
+  throw SegmentError(fmt::format("cannot remove shared-memory segment {}: {}", shmName,
+                                 errnoText(err)));
+}
+
+bool Segment::damaged() const noexcept {
+  // relaxed: see MappingState.
+  return guard_ != nullptr && guard_->damaged.load(std::memory_order_relaxed) != 0;
+}
+
+uint64_t Segment::fileSizeFound() const noexcept {
+  return guard_ != nullptr ? guard_->fileSize.load(std::memory_order_relaxed) : 0;
+}
+
+const std::atomic<uint32_t>* Segment::damagedFlag() const noexcept {
+  static const std::atomic<uint32_t> never{0};
+  return guard_ != nullptr ? &guard_->damaged : &never;
+}
 
 }  // namespace Pond::internal

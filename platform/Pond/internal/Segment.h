@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,6 +18,8 @@
 #include <string_view>
 
 namespace Pond::internal {
+
+struct MappingState;
 
 struct SegmentOptions {
   mode_t mode = 0600;
@@ -48,10 +51,15 @@ class Segment {
                                        const SegmentOptions& options,
                                        const std::function<void(uint8_t*)>& init);
   // Opens and maps an existing segment, read-only unless `writable`. Returns nullopt when
-  // there is none. Throws Pond::SegmentError on another error, or when it is not a regular
-  // file of at least `minSize` bytes.
+  // there is none. Never blocks (a FIFO in its place is refused, not waited on). Throws
+  // Pond::SegmentError on another error ("permission denied: ..." when access is denied),
+  // or when it is not a regular file (symbolic links are not followed) of at least
+  // `minSize` bytes, or when group or others may write it, or, `writable`, when this
+  // process's effective uid does not own it.
   static std::optional<Segment> open(const std::string& shmName, bool writable, size_t minSize);
-  // Removes the name; mappings stay valid until they are dropped. False when absent.
+  // Removes the name (an empty directory in its place too); mappings stay valid until they
+  // are dropped. False when absent. Throws Pond::SegmentError when it cannot be removed
+  // ("permission denied: ..." when that is why).
   static bool unlink(const std::string& shmName);
 
   uint8_t* base() const noexcept { return base_; }
@@ -60,6 +68,12 @@ class Segment {
   ino_t inode() const noexcept { return inode_; }
   bool writable() const noexcept { return writable_; }
   const std::string& name() const noexcept { return name_; }
+  // Whether the file was found truncated under the mapping (see MappingGuard.h): the
+  // mapping's tail is zero pages now. The flag, for a cheap load in hot paths; the file's
+  // size when the damage was found.
+  bool damaged() const noexcept;
+  const std::atomic<uint32_t>* damagedFlag() const noexcept;
+  uint64_t fileSizeFound() const noexcept;
 
  private:
   void reset() noexcept;
@@ -70,6 +84,7 @@ class Segment {
   int fd_ = -1;
   ino_t inode_ = 0;
   bool writable_ = false;
+  MappingState* guard_ = nullptr;
 };
 
 }  // namespace Pond::internal

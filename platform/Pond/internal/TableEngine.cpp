@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <chrono>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -23,6 +24,14 @@ constexpr uint32_t kMaxCapacity = 1u << 30;
 constexpr uint32_t kDefaultLogMin = 1024;
 constexpr uint32_t kDefaultLogMax = 65536;
 constexpr uint32_t kMinChunk = 4096;
+// How long a reader tries to get a stable read of one row or chain.
+constexpr std::chrono::seconds kStableReadBound{2};
+
+int64_t steadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
 
 constexpr uint64_t align(uint64_t n, uint64_t to) { return (n + to - 1) / to * to; }
 
@@ -273,6 +282,7 @@ void TableEngine::bind() {
   if (layout_.keyOffset != RowLayout::kKeyNotBytewise) {
     keyOffset_ = layout_.keyOffset + (layout_.variable ? static_cast<uint32_t>(sizeof(HeapRef)) : 0);
   }
+  damaged_ = segment_.damagedFlag();
   uint8_t* base = segment_.base();
   buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
   slots_ = base + h->slotsOffset;
@@ -310,15 +320,46 @@ uint64_t TableEngine::residentBytes() const {
 }
 
 void TableEngine::corrupt(const std::string& what) const {
+  checkIntact();  // what looks inconsistent may be the zero pages of a truncated segment
   throw CorruptionError(fmt::format("{}: {}", where_, what));
 }
 
+void TableEngine::truncated() const {
+  throw CorruptionError(fmt::format("{}: its segment was truncated to {} bytes under the {} "
+                                    "(it mapped {} bytes)",
+                                    where_, segment_.fileSizeFound(),
+                                    writer_ ? "writer" : "reader", segment_.size()));
+}
+
+bool TableEngine::writerStuck() const {
+  return stuckWriter_ != 0 && stuckWriter_ == group_.writerPid();
+}
+
+void TableEngine::stuck(const std::string& what) const {
+  stuckWriter_ = group_.writerPid();
+  throw WriterStuckError(fmt::format("{}: its writer (pid {}) is stuck: {} for {} s", where_,
+                                     stuckWriter_, what, kStableReadBound.count()));
+}
+
+void TableEngine::checkProgress(int64_t& since, const char* what, uint32_t index) const {
+  checkIntact();
+  const int64_t now = steadyNanos();
+  if (since == 0) {
+    since = now;
+  } else if (now - since >= std::chrono::nanoseconds(kStableReadBound).count()) {
+    stuck(fmt::format("{} {} kept changing without one stable read", what, index));
+  }
+}
+
 // The writer holds a counter odd for the few stores of one change; a counter that stays
-// odd means the writer was preempted, or died.
+// odd means the writer was preempted, stopped or hung, or died. The clock and the writer's
+// liveness are looked at only after many spins.
 uint32_t TableEngine::waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const {
+  int64_t since = 0;
   for (uint32_t spins = 0;; ++spins) {
     uint32_t s = loadAcquire(seq);  // acquire: as waitEven's
     if ((s & 1) == 0) {
+      stuckWriter_ = 0;
       return s;
     }
     if (spins < 256) {
@@ -326,8 +367,20 @@ uint32_t TableEngine::waitEvenSlow(const uint32_t* seq, const char* what, uint32
       continue;
     }
     ::sched_yield();
-    if ((spins == 256 || (spins & 0xfff) == 0) && !group_.writerAlive()) {
-      corrupt(fmt::format("{} {} was left half-written by a writer that died", what, index));
+    if (spins == 256 || (spins & 0xfff) == 0) {
+      checkIntact();
+      if (!group_.writerAlive()) {
+        corrupt(fmt::format("{} {} was left half-written by a writer that died", what, index));
+      }
+      const int64_t now = steadyNanos();
+      if (spins == 256) {
+        since = now;
+        if (writerStuck()) {
+          stuck(fmt::format("{} {} stayed half-written", what, index));
+        }
+      } else if (now - since >= std::chrono::nanoseconds(kStableReadBound).count()) {
+        stuck(fmt::format("{} {} stayed half-written", what, index));
+      }
     }
   }
 }
@@ -343,6 +396,8 @@ void TableEngine::checkRecord(HeapRef ref, uint32_t index) const {
 bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* recordLen) const {
   alignas(8) uint8_t slotKey[kMaxKeySize];
   const Bucket* b = bucket(hash);
+  uint32_t retries = 0;
+  int64_t since = 0;
   for (;;) {
     // acquire (waitEven): the chain is read after the bucket's sequence number.
     uint32_t bucketSeq = waitEven(&b->seq, "bucket", hash & bucketMask_);
@@ -414,9 +469,11 @@ bool TableEngine::find(const void* key, uint32_t hash, uint8_t* out, uint32_t* r
     __atomic_thread_fence(__ATOMIC_ACQUIRE);
     // relaxed: ordered by the fence.
     if (loadRelaxed(&b->seq) == bucketSeq && (found || link == kNoSlot)) {
+      readDone();
       return found;
     }
     // The chain changed, or a slot changed under us: walk it again.
+    retried(retries, since, "bucket", hash & bucketMask_);
   }
 }
 
@@ -430,10 +487,12 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
   // acquire: the slots below the mark are read after it (allocSlot raises it before it
   // fills a slot).
   uint32_t highWater = std::min(loadAcquire(&header()->slotHighWater), capacity_);
+  uint32_t retries = 0;
+  int64_t since = 0;
   for (uint32_t index = hint.slot; index < highWater; ++index) {
     const SlotHeader* s = slot(index);
     const uint8_t* data = slotData(index);
-    for (;;) {
+    for (;; retried(retries, since, "slot", index)) {
       // acquire (waitEven): the slot's fields are read after its sequence number.
       uint32_t seq = waitEven(&s->seq, "slot", index);
       // relaxed, these and the copies: trusted only once the sequence number is read again
@@ -470,12 +529,14 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
       } else {
         *recordLen = layout_.rowSize;
       }
+      readDone();
       hint.slot = index + 1;
       hint.bucket = hash & bucketMask_;
       hint.version = version();
       return true;
     }
   }
+  checkIntact();
   hint.slot = highWater;
   hint.version = version();
   return false;
@@ -496,7 +557,10 @@ TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* 
   // acquire: the op and key are read before the sequence number is read again.
   __atomic_thread_fence(__ATOMIC_ACQUIRE);
   // relaxed: ordered by the fence.
-  if (loadRelaxed(&e->seq) != seq || (o != kLogSet && o != kLogDelete)) {
+  // relaxed: as checkIntact's. A truncated log reads as overrun: the reader resynchronises
+  // from the table, which reports the damage.
+  if (loadRelaxed(&e->seq) != seq || (o != kLogSet && o != kLogDelete) ||
+      damaged_->load(std::memory_order_relaxed)) {
     return LogRead::overrun;
   }
   std::memcpy(keyOut, key, layout_.keySize);
@@ -576,11 +640,13 @@ void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uin
   if (!writer_) {
     throw NotWriterError(fmt::format("{} is mounted for reading", where_));
   }
+  checkIntact();
   alignas(8) uint8_t keyBuf[kMaxKeySize] = {};
   std::memcpy(keyBuf, key, layout_.keySize);
   uint32_t prev;
   uint32_t link = findSlot(key, hash, &prev);
   if (link == kNoSlot && freeSlots_.empty() && header()->slotHighWater >= capacity_) {
+    checkIntact();  // a truncated segment reads as empty chains: not a full table
     throw TableFullException(fmt::format("{} is full ({} rows)", where_, capacity_));
   }
   HeapRef ref{};
@@ -632,6 +698,7 @@ void TableEngine::upsert(const void* key, uint32_t hash, const uint8_t* row, uin
   }
   appendLog(kLogSet, keyBuf);
   changed();
+  checkIntact();
 }
 
 // Makes a chain skip slots: the slot `prev` (kNoSlot: the bucket `b`) links to `next`.
@@ -654,6 +721,7 @@ bool TableEngine::erase(const void* key, uint32_t hash) {
   if (!writer_) {
     throw NotWriterError(fmt::format("{} is mounted for reading", where_));
   }
+  checkIntact();
   uint32_t prev;
   uint32_t link = findSlot(key, hash, &prev);
   if (link == kNoSlot) {
@@ -679,6 +747,7 @@ bool TableEngine::erase(const void* key, uint32_t hash) {
   storeRelaxed(&header()->rowCount, header()->rowCount - 1);  // relaxed: a statistic
   appendLog(kLogDelete, keyBuf);
   changed();
+  checkIntact();
   return true;
 }
 
@@ -732,6 +801,7 @@ uint32_t TableEngine::allocBlock(uint32_t len) {
   } else if (chunkHighWater_ < chunkCount_) {
     c = chunkHighWater_++;
   } else {
+    checkIntact();
     throw TableFullException(fmt::format("{} is full: its record heap of {} bytes is used up",
                                          where_, heapBytes_));
   }
@@ -810,6 +880,7 @@ void TableEngine::rebuildWriterState() {
   if (!repair.dropped.empty()) {
     changed();
   }
+  checkIntact();
 }
 
 // Closes the bucket's seqlock if it was left open and walks its chain, unlinking the slots

@@ -15,7 +15,10 @@
 // (per-slot seqlocks; rows are copied out, then checked). A lookup that races with the
 // writer sees the row before or after the change. A reader that finds the structure
 // inconsistent (an index out of bounds, a chain that loops, a record that does not fit)
-// throws Pond::CorruptionError, never reads out of bounds.
+// throws Pond::CorruptionError, never reads out of bounds. A reader never waits without
+// bound: a row that stays half-written, or keeps changing, for 2 s while the writer lives
+// is Pond::WriterStuckError. A segment truncated under a reader or the writer does not
+// kill it (see MappingGuard.h): every call that met the damage throws CorruptionError.
 //
 // The writer's allocator state (free slots, free heap blocks) lives in the writer's own
 // memory and is rebuilt from the segment whenever a writer attaches: a writer killed at any
@@ -48,8 +51,9 @@ class GroupLink {
   virtual const SegmentOptions& segmentOptions() const = 0;
   // Writer: a change was logged (the group decides when readers are woken).
   virtual void noteChange() = 0;
-  // Whether the group's writer process is alive.
+  // Whether the group's writer process is alive, and its pid (0 when none).
   virtual bool writerAlive() const = 0;
+  virtual uint32_t writerPid() const = 0;
 
  protected:
   ~GroupLink() = default;
@@ -81,6 +85,10 @@ class TableEngine {
   ino_t inode() const noexcept { return segment_.inode(); }
   // Segment bytes resident in memory (pages touched), from mincore.
   uint64_t residentBytes() const;
+  // The segment was truncated under this process: every row read fails from now on.
+  bool damaged() const noexcept { return segment_.damaged(); }
+  // The last read gave up on a stuck writer, which is still the group's writer.
+  bool writerStuck() const;
 
   // Copies the row (fixed rows: rowSize bytes) or record of `key` into `out` (bufferSize()
   // bytes) and returns true; false when absent. `recordLen` receives the record's length.
@@ -92,6 +100,14 @@ class TableEngine {
   // `key`, and its length; null when absent. Inline: the typed face's one out-of-line
   // call reaches it, and it compares key bytes itself (see holdsKey).
   const uint8_t* findOwn(const void* key, uint32_t hash, uint32_t* len) const {
+    const uint8_t* found = findOwnUnchecked(key, hash, len);
+    // relaxed: the flag is this thread's own (see MappingGuard.h).
+    if (damaged_->load(std::memory_order_relaxed)) [[unlikely]] {
+      truncated();
+    }
+    return found;
+  }
+  const uint8_t* findOwnUnchecked(const void* key, uint32_t hash, uint32_t* len) const {
     // Plain loads: only this process stores to the table.
     uint32_t link = buckets_[hash & bucketMask_].head;
     for (uint32_t hops = 0; link != kNoSlot; ++hops) {
@@ -210,6 +226,28 @@ class TableEngine {
     return (s & 1) == 0 ? s : waitEvenSlow(seq, what, index);
   }
   uint32_t waitEvenSlow(const uint32_t* seq, const char* what, uint32_t index) const;
+  // Throws CorruptionError when the segment was found truncated.
+  void checkIntact() const {
+    // relaxed: the flag is set by this thread's fault handler, or another's (see
+    // MappingGuard.h); a read that met the zero pages is checked after it.
+    if (damaged_->load(std::memory_order_relaxed)) [[unlikely]] {
+      truncated();
+    }
+  }
+  [[noreturn, gnu::cold]] void truncated() const;
+  // A read got through: checks the segment, and forgets a writer found stuck before.
+  void readDone() const {
+    checkIntact();
+    stuckWriter_ = 0;
+  }
+  // A read retried: throws WriterStuckError once retries went on for the bound.
+  void retried(uint32_t& retries, int64_t& since, const char* what, uint32_t index) const {
+    if ((++retries & 1023) == 0) [[unlikely]] {
+      checkProgress(since, what, index);
+    }
+  }
+  void checkProgress(int64_t& since, const char* what, uint32_t index) const;
+  [[noreturn, gnu::cold]] void stuck(const std::string& what) const;
   [[noreturn]] void corrupt(const std::string& what) const;
   [[noreturn, gnu::cold]] void corruptChain(uint32_t hash, uint32_t link, uint32_t hops) const;
   void checkRecord(HeapRef ref, uint32_t index) const;
@@ -229,6 +267,10 @@ class TableEngine {
   RowLayout layout_;
   Segment segment_;
   bool writer_;
+  const std::atomic<uint32_t>* damaged_ = nullptr;  // segment_.damagedFlag()
+  // The pid of a writer found stuck by the last read, until a read gets through: later
+  // reads give up on it without waiting the whole bound again.
+  mutable uint32_t stuckWriter_ = 0;
 
   // Cached from the validated header.
   uint32_t capacity_ = 0;

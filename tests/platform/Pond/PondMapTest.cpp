@@ -11,9 +11,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
+
+#include "Kel/ChildProcess.h"
 
 #include "Pond/internal/Layout.h"
 #include "Pond/internal/Segment.h"
@@ -26,6 +31,7 @@ using Pond::IterHint;
 using Pond::MountGroup;
 using Pond::PondMap;
 using Pond::TableSizing;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -423,7 +429,8 @@ TEST(PondMap, BadSegmentsAreRefused) {
   ASSERT_EQ(::truncate(path.c_str(), 10), 0);
   EXPECT_THAT(readerError(), HasSubstr("truncated"));
 
-  EXPECT_THROW(MountGroup::reader("a/b"), Pond::SegmentError);
+  EXPECT_THAT([] { MountGroup::reader("a/b\x1b"); },
+              ::testing::ThrowsMessage<Pond::SegmentError>(HasSubstr("name 'a/b\\x1b'")));
   EXPECT_THROW(MountGroup::writer(".."), Pond::SegmentError);
   EXPECT_THROW((PondMap<Key, Row>(writer, "rows.x", sized(4))), Pond::SegmentError);
   ::stat(Pond::internal::Segment::pathOf(Pond::internal::Segment::groupShmName(*g)).c_str(), &st);
@@ -466,6 +473,227 @@ TEST(PondMap, SegmentsBelongToTheGroupTheWriterNames) {
     EXPECT_EQ(st.st_mode & 0777, 0640u) << shm;
     EXPECT_EQ(st.st_gid, ::getegid()) << shm;
   }
+}
+
+
+// ---------------------------------------------------------------------------------------
+// Hostile segments: what another process (or user) may put in a group's place.
+
+std::string tablePath(const std::string& group, const char* table) {
+  return Pond::internal::Segment::pathOf(Pond::internal::Segment::tableShmName(group, table));
+}
+
+// Makes the group with its table "rows" holding `rows` rows, and drops its writer.
+void makeRows(const std::string& group, uint32_t rows) {
+  auto writer = MountGroup::writer(group);
+  PondMap<Key, Row> w(writer, "rows", sized(std::max(rows, 16u)));
+  for (uint32_t i = 0; i < rows; ++i) {
+    w.upsert(Row::of(i, i));
+  }
+}
+
+// What mounting the table "rows" as a writer or a reader fails with; "accepted" if nothing.
+std::string mountError(const std::string& group, bool writer) {
+  try {
+    auto g = writer ? MountGroup::writer(group) : MountGroup::reader(group);
+    PondMap<Key, Row> t(g, "rows", sized(16));
+    return "accepted";
+  } catch (const Pond::SegmentError& e) {
+    return e.what();
+  }
+}
+
+// Nothing in a segment's place makes a reader or a writer block (a FIFO) or look
+// elsewhere (a symbolic link): what is not a regular file is refused, naming the segment.
+TEST(PondMap, NonRegularSegmentsAreRefusedWithoutBlocking) {
+  ScopedGroupName g("nonregular");
+  makeRows(*g, 1);
+  const std::string path = tablePath(*g, "rows");
+  const std::vector<std::pair<std::string, std::function<int()>>> cases = {
+      {"a FIFO", [&] { return ::mkfifo(path.c_str(), 0600); }},
+      {"a directory", [&] { return ::mkdir(path.c_str(), 0700); }},
+      {"a symbolic link", [&] { return ::symlink("/dev/zero", path.c_str()); }}};
+  for (const auto& [kind, make] : cases) {
+    std::filesystem::remove(path);
+    ASSERT_EQ(make(), 0) << kind;
+    for (bool writer : {false, true}) {
+      EXPECT_THAT(mountError(*g, writer),
+                  AllOf(HasSubstr("/pond." + *g + ".rows is " + kind), HasSubstr("refused")));
+    }
+  }
+}
+
+// A reader bounds every wait: rows that stay half-written while the group's writer lives
+// (this very process) give the writer-stuck error after 2 s, naming the writer; the reader
+// then gives up on that writer at once, and an iteration ends at its first such row.
+TEST(PondMap, ReaderGivesUpOnAStuckWriter) {
+  ScopedGroupName g("stuck");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(16));
+  w.upsert(Row::of(1, 1));
+  w.upsert(Row::of(2, 2));
+  auto raw = rawTable(*g, "rows");
+  const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
+  for (uint32_t i = 0; i < h->bucketCount; ++i) {
+    reinterpret_cast<Pond::internal::Bucket*>(raw->base() + h->bucketsOffset)[i].seq |= 1;
+  }
+  for (uint32_t i = 0; i < h->capacity; ++i) {
+    reinterpret_cast<Pond::internal::SlotHeader*>(raw->base() + h->slotsOffset +
+                                                  uint64_t{i} * h->slotSize)->seq |= 1;
+  }
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  std::vector<std::string> reports;
+  r.corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(r.find(Key(1), *std::make_unique<Row>()));
+  r.forEach([](const Row&) { ADD_FAILURE(); });
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
+  ASSERT_EQ(reports.size(), 2u);
+  const std::string stuck = fmt::format("its writer (pid {}) is stuck: ", ::getpid());
+  EXPECT_THAT(reports[0], HasSubstr(stuck + "bucket "));
+  EXPECT_THAT(reports[1], HasSubstr(stuck + "slot 0 stayed half-written for 2 s"));
+}
+
+// A segment truncated under its reader and its writer kills neither (no SIGBUS): the
+// reader's iteration reports the truncation and ends, the writer's next change throws.
+TEST(PondMap, TruncatedSegmentIsCorruptionNotASignal) {
+  ScopedGroupName g("truncated");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(4096));
+  for (uint32_t i = 0; i < 4096; ++i) {
+    w.upsert(Row::of(i, i));
+  }
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  std::vector<std::string> reports;
+  r.corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  uint32_t seen = 0;
+  r.forEach([&](const Row&) {
+    if (++seen == 10) {
+      ASSERT_EQ(::truncate(tablePath(*g, "rows").c_str(), 4096), 0);
+    }
+  });
+  EXPECT_LT(seen, 4096u);
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_THAT(reports[0], HasSubstr("segment was truncated to 4096 bytes under the reader"));
+  EXPECT_THAT([&] { w.upsert(Row::of(4000, 1)); },
+              ::testing::ThrowsMessage<Pond::CorruptionError>(HasSubstr("under the writer")));
+}
+
+// Segments someone else made first are not a writer's to write: another owner, or a mode
+// that lets others write, is refused, naming the segment, its owner and its mode. Readers
+// refuse the second too (anyone may have written what it holds), not the first.
+TEST(PondMap, SquattedSegmentsAreRefused) {
+  ScopedGroupName g("squat");
+  makeRows(*g, 1);
+  const std::string path = tablePath(*g, "rows");
+  ASSERT_EQ(::chmod(path.c_str(), 0666), 0);
+  const std::string others =
+      fmt::format("/pond.{}.rows (owner uid {}, mode 0666) may be written by others", *g,
+                  ::geteuid());
+  EXPECT_THAT(mountError(*g, true), HasSubstr(others));
+  EXPECT_THAT(mountError(*g, false), HasSubstr(others));
+  ASSERT_EQ(::chmod(path.c_str(), 0600), 0);
+  if (::geteuid() == 0) {
+    ASSERT_EQ(::chown(path.c_str(), 4242, static_cast<gid_t>(-1)), 0);
+    EXPECT_THAT(mountError(*g, true), HasSubstr("rows is owned by uid 4242 (mode 0600), not by "
+                                                "this writer's uid 0: refused"));
+    EXPECT_EQ(mountError(*g, false), "accepted");
+  }
+  const std::string groupPath =
+      Pond::internal::Segment::pathOf(Pond::internal::Segment::groupShmName(*g));
+  ASSERT_EQ(::chmod(groupPath.c_str(), 0622), 0);
+  EXPECT_THROW(MountGroup::writer(*g), Pond::SegmentError);
+  Pond::MountOptions groupWritable;
+  groupWritable.mode = 0660;
+  EXPECT_THROW(MountGroup::writer(*g + "x", groupWritable), Pond::SegmentError);
+}
+
+// Another user may neither remove nor read a group: both say so, naming the segment.
+TEST(PondMap, PermissionDeniedIsSaidSo) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "acting as another user needs root";
+  }
+  ScopedGroupName g("denied");
+  makeRows(*g, 1);
+  Kel::ChildProcess child([&](Kel::ChildProcess::Channel&) {
+    if (::setuid(65534) != 0) {
+      return 2;
+    }
+    auto says = [](const std::function<void()>& f, const std::string& text) {
+      try {
+        f();
+      } catch (const Pond::SegmentError& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        return std::string(e.what()).find(text) != std::string::npos;
+      }
+      return false;
+    };
+    const std::string table = fmt::format(" shared-memory segment /pond.{}.rows (owner uid 0", *g);
+    return says([&] { MountGroup::removeSegments(*g); }, "permission denied: cannot remove" + table) &&
+                   says([&] { MountGroup::reader(*g); }, "permission denied: cannot open")
+               ? 0
+               : 1;
+  });
+  EXPECT_EQ(child.wait(std::chrono::seconds(10)), 0);
+  EXPECT_EQ(MountGroup::tableNames(*g), std::vector<std::string>{"rows"});  // all still there
+}
+
+// A writer killed while creating a group's tables leaves some of them: the next writer
+// learns their sizes from their segments, keeps their rows and creates the others.
+TEST(PondMap, WriterTakesOverAHalfCreatedGroup) {
+  ScopedGroupName g("half");
+  makeRows(*g, 3);
+  EXPECT_FALSE(MountGroup::tableSizing(*g, "var"));
+  auto sizing = MountGroup::tableSizing(*g, "rows");
+  ASSERT_TRUE(sizing);
+  EXPECT_EQ(sizing->capacity, 16u);
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> rows(writer, "rows", *sizing);
+  PondMap<Key, VarRow> var(writer, "var", sized(8));
+  EXPECT_EQ(rows.size(), 3u);
+  EXPECT_EQ(MountGroup::tableSizing(*g, "var")->heapBytes, 4u * 4096);
+}
+
+// A row that does not decode, or whose values break their types' invariants, is
+// corruption naming the table: a record claiming 1000 words, a bool holding 2, a level
+// out of its range.
+TEST(PondMap, DamagedRowsAreCorruption) {
+  ScopedGroupName g("damagedrows");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, VarRow> v(writer, "var", sized(8));
+  PondMap<Key, CheckedRow> c(writer, "checked", sized(8));
+  v.upsert(VarRow::of(1, 1, 3));
+  c.upsert(CheckedRow(Key(1), true, Level(3)));
+  c.upsert(CheckedRow(Key(2), true, Level(3)));
+  auto rawVar = rawTable(*g, "var");
+  auto rawChecked = rawTable(*g, "checked");
+  auto at = [](auto& raw, auto field) {
+    const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
+    return raw->base() + h->*field;
+  };
+  reinterpret_cast<uint32_t*>(at(rawVar, &Pond::internal::TableHeader::heapOffset))[1] = 1000;
+  uint8_t* slots = at(rawChecked, &Pond::internal::TableHeader::slotsOffset);
+  const uint32_t slotSize = 16 + 16;
+  slots[16 + 4] = 2;                                    // slot 0: key 1's bool
+  slots[slotSize + 16 + 8] = 77;                        // slot 1: key 2's level
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, VarRow> rv(reader, "var");
+  PondMap<Key, CheckedRow> rc(reader, "checked");
+  std::vector<std::string> reports;
+  rv.corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  rc.corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  EXPECT_EQ(rv.lookup(Key(1)), VarRow());
+  EXPECT_EQ(rc.lookup(Key(1)), CheckedRow());
+  EXPECT_EQ(rc.lookup(Key(2)), CheckedRow());
+  EXPECT_THAT(reports, ::testing::ElementsAre(
+      StartsWith(fmt::format("table 'var' of mount group '{}': a record of 20 bytes does not "
+                             "decode as PondTest::VarRow: expected size <= 100, instead got 1000",
+                             *g)),
+      fmt::format("table 'checked' of mount group '{}': a row breaks the invariants of "
+                  "PondTest::CheckedRow: on: a bool holds 2", *g),
+      HasSubstr("PondTest::CheckedRow: level: 77 outside 1..9")));
 }
 
 }  // namespace
