@@ -1,5 +1,5 @@
-// LfibStatus on real shared-memory tables: the checks of every write,
-// what a reading process sees, and the dump.
+// LfibStatus on real shared-memory tables: the checks of every write, the integrity check
+// and the dump (a reader in another process: LfibReaderStack in LfibTrackingTest.cpp).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -215,65 +215,6 @@ TEST(LfibStatus, EvpnRoutesNeedMetricZeroViaSetsAreHomogeneousAndEvpnSetsHoldOne
   report = lfibIntegrityCheck(s);
   EXPECT_TRUE(report.consistent());
   EXPECT_EQ(std::tie(report.routes, report.viaSets, report.vias), std::tuple(2u, 2u, 2u));
-}
-
-// Another process's view of the same tables (here a second, read-only mapping): the same
-// rows, and after processChanges() a notification for every key that changed.
-TEST(LfibStatus, ReaderSeesTheWritersRowsAndHearsEveryChangedKey) {
-  LfibFixture lfib("reader");
-  LfibStatus& w = *lfib.status;
-  auto reader = lfibStatusFactory();
-  LfibRecorder rec(reader);
-  auto readerGroup = Pond::MountGroup::reader(*lfib);
-  reader->mountGroupIs(readerGroup);
-  reader->mountGroupIs(readerGroup);
-  EXPECT_EQ(rec.takeSorted(), Events{"mountGroup"});
-  EXPECT_EQ(reader->mountGroup(), readerGroup);
-
-  // The three kinds of row stored in their binary form, and two stored as they are.
-  const LfibViaSetKey mplsSet = setKey(viaTypeMplsIp);
-  const LfibViaKey swapKey(LFib::sourceStatic, viaTypeMplsIp, 1);
-  const LfibViaKey lookupKey(LFib::sourceVrfLabel, viaTypeIpLookup, 1);
-  LfibViaSet set(mplsSet);
-  set.viaKeyIs(0, swapKey);
-  set.viaKeyIs(1, LfibViaKey(LFib::sourceStatic, viaTypeMplsIp, 2));
-  const LfibMplsVia swap(swapKey, Netbase::IpGenAddr("10.0.0.1"), Netbase::labelActionSwap,
-                         {Netbase::labelActionPush, {300, 301, 302}}, true);
-  const LfibIpLookupVia lookup(lookupKey, L3::VrfName("red"), payloadTypeIpv4);
-  const LfibRoute route(RouteKey(1000), mplsSet, LFib::sourceStatic, FwdEqvClass(), 5);
-  const LfibDot1qTagToVlanCompositeKey rowKey(LfibDot1qTagToVlanKey(LFib::sourceEvpn, 2), 7);
-  w.mplsViaIs(swap);
-  w.ipLookupViaIs(lookup);
-  w.viaSetIs(set);
-  w.lfibRouteIs(route);
-  w.dot1qTagToVlanCompositeIs(LfibDot1qTagToVlanComposite(rowKey, 70));
-
-  EXPECT_EQ(reader->mplsVia(swapKey), swap);
-  EXPECT_EQ(reader->ipLookupVia(lookupKey).vrfName(), L3::VrfName("red"));
-  EXPECT_EQ(reader->viaSet(mplsSet), set);
-  EXPECT_EQ(reader->lfibRoute(RouteKey(1000)), route);
-  EXPECT_EQ(reader->dot1qTagToVlanComposite(rowKey).localVlan(), 70);
-  EXPECT_EQ(rec.takeSorted(), Events{});  // nothing until the reader processes the changes
-  readerGroup->processChanges();
-  EXPECT_EQ(rec.takeSorted(), (Events{lfibEvent("dot1qTagToVlanComposite", rowKey),
-                                lfibEvent("ipLookupVia", lookupKey), lfibEvent("lfibRoute", RouteKey(1000)),
-                                lfibEvent("mplsVia", swapKey), lfibEvent("viaSet", mplsSet)}));
-  Kel::DumpContext writerDump, readerDump;
-  w.dumpState(writerDump, 0);
-  reader->dumpState(readerDump, 0);
-  EXPECT_EQ(readerDump.text(), writerDump.text());
-
-  w.lfibRouteDel(RouteKey(1000));
-  set.viaKeyDel(1);
-  w.viaSetIs(set);
-  w.mplsViaDel(swapKey);
-  readerGroup->processChanges();
-  EXPECT_EQ(rec.takeSorted(), (Events{lfibEvent("lfibRoute", RouteKey(1000)), lfibEvent("mplsVia", swapKey),
-                                lfibEvent("viaSet", mplsSet)}));
-  EXPECT_EQ(reader->lfibRoute(RouteKey(1000)), LfibRoute());
-  EXPECT_EQ(reader->mplsVia(swapKey), LfibMplsVia());
-  EXPECT_EQ(reader->viaSet(mplsSet), set);
-  EXPECT_THROW(reader->lfibRouteIs(route), Pond::NotWriterError);
 }
 
 TEST(LfibStatus, DumpState) {
