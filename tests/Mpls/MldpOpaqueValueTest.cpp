@@ -78,14 +78,10 @@ TEST(MldpOpaqueValTlvParser, RendersEveryTransitTypeInBothModes) {
     EXPECT_EQ(parser->getOpaqueString(false, true), c.line);
   }
 
-  // The slot of the type views the input; the records read their fields.
+  // The slot of the type views the input; a record prints its fields a line each.
   auto p = mldpOpaqueValTlvParserFactory(cases[6].oVal);
   const MldpOpaqueValTransitVpnV4BidirTlv& vpn = p->mldpOpaqueValTransitVpnV4BidirTlv();
   ASSERT_TRUE(vpn.valid());
-  EXPECT_EQ(vpn.maskLen(), 24);
-  EXPECT_EQ(vpn.rp(), Netbase::IpGenAddr("10.0.0.2"));
-  EXPECT_EQ(vpn.group(), Netbase::IpGenAddr("239.1.1.1"));
-  EXPECT_EQ(vpn.rd(), L3::RouteDistinguisher::twoOctetAs(65000, 100));
   EXPECT_EQ(vpn.stringValue(true, false), "RP: 10.0.0.2/24\nG: 239.1.1.1\nRD: 65000:100\n");
   EXPECT_TRUE(p->mldpOpaqueValGenTlv().empty());
   EXPECT_EQ(p->mldpOpaqueValUnsupportedTlv().octets(), cases[6].oVal);
@@ -206,7 +202,7 @@ TEST(MldpOpaqueValTlvParser, NestingIsBoundedAtSixteenLevels) {
   EXPECT_EQ(oneLine(nested(10000)).size(), 128u * 4);
 }
 
-TEST(MldpOpaqueValTlvParser, HeadersTypesAndConstants) {
+TEST(MldpOpaqueValTlvParser, HeadersAndParsingOnInitialization) {
   const std::string tlv = octets({3, 1, 2, 9});
   MldpOpaqueTlvU8Hdr hdr(tlv);
   EXPECT_TRUE(hdr.valid());
@@ -218,9 +214,6 @@ TEST(MldpOpaqueValTlvParser, HeadersTypesAndConstants) {
   EXPECT_FALSE(MldpOpaqueTlvU8Hdr(octets({1, 0})).valid());
 
   const auto fec = MldpFecTlvP2mpElementHdr::fromOctets(octets({6, 0, 2, 16}));
-  EXPECT_EQ(fec.type(), 6);
-  EXPECT_EQ(fec.family(), 2);
-  EXPECT_EQ(fec.rootIpLenOctets(), 16);
   // familyNbo is the wire's octets as they lie in memory: its number depends on the host.
   const std::string text = Kel::valueToStrep(fec);
   EXPECT_TRUE(
@@ -229,9 +222,6 @@ TEST(MldpOpaqueValTlvParser, HeadersTypesAndConstants) {
       << text;
   EXPECT_TRUE(text.ends_with(", 'rootIpLenOctets': 16})")) << text;
   EXPECT_EQ(Kel::strepToValue<MldpFecTlvP2mpElementHdr>(text), fec);
-
-  EXPECT_EQ(MldpOpaqueValueTypeEnumInstance(mldpTransitVpnV6Src).name(), "mldpTransitVpnV6Src");
-  EXPECT_EQ(MldpOpaqueValueTypeEnumInstance("mldpVpnRecursiveOpaque").value(), 8);
 
   // Parsing is handleInitialized()'s work: printing before it is refused.
   MldpOpaqueValTlvParser parser(octets({1, 0, 4, 0, 0, 0, 1}));

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "Mpls/LfibSourceGrState.h"
 #include "support/TestUtil.h"
 
 namespace {
@@ -40,24 +41,6 @@ TEST(LfibKeys, IdentityOrderingAndEvpnTypes) {
     EXPECT_EQ(isEvpnViaType(static_cast<LfibViaType>(t)), expected[t]) << t;
   }
   EXPECT_FALSE(isEvpnViaType(static_cast<LfibViaType>(0xFFFFFFFF)));
-}
-
-TEST(LfibKeys, RangesAndFlags) {
-  EXPECT_EQ(LfibViaIndexRange(127).value(), 127);
-  EXPECT_EQ(rangeError([] { LfibViaIndexRange r(128); }),
-            "LfibViaIndexRange::value < LfibViaIndexRange::min or > LfibViaIndexRange::max not "
-            "allowed");
-  EXPECT_EQ(rangeError([] { LfibViaIndexRange r(-1); }),
-            rangeError([] { LfibViaIndexRange r(128); }));
-  EXPECT_EQ(LfibVrfNameIndexRange(100).value(), 100);
-  EXPECT_EQ(rangeError([] { LfibVrfNameIndexRange r(101); }),
-            "LfibVrfNameIndexRange::value < LfibVrfNameIndexRange::min or > "
-            "LfibVrfNameIndexRange::max not allowed");
-
-  EXPECT_TRUE(LfibViaSetFlags(1).burnPrimaryVias());
-  EXPECT_FALSE(LfibViaSetFlags(0).burnPrimaryVias());
-  EXPECT_EQ(TestSupport::errorText<Kel::EnumSetRangeException>([] { LfibViaSetFlags f(2); }),
-            "LfibViaSetFlags::value > LfibViaSetFlags::max not allowed");
 }
 
 TEST(LfibViaSet, BinaryForm) {
@@ -190,41 +173,29 @@ TEST(LfibElements, DumpLines) {
   EXPECT_TRUE(lookup.pondString().ends_with("] vrfName 'red' payloadType payloadTypeIpv4"));
 }
 
-TEST(LfibDot1qTagToVlan, NotifiesEachChangeOnce) {
-  auto map = lfibDot1qTagToVlanFactory(LfibDot1qTagToVlanKey(LFib::sourceEvpn, 1));
-  struct : LfibDot1qTagToVlan::NotifieeConst {
-    void onDot1qTagToVlanId(const Bridging::VlanId& tag) override { tags.push_back(tag.value()); }
-    std::vector<uint32_t> tags;
-  } w;
-  w.notifierIs(map);
-  map->dot1qTagToVlanIdIs(10, 100);
-  map->dot1qTagToVlanIdIs(10, 100);  // the same entry again: nothing
-  map->dot1qTagToVlanIdIs(10, 101);
-  map->dot1qTagToVlanIdIs(20, 0);
-  EXPECT_EQ(map->dot1qTagToVlanId(10), Bridging::VlanIdOrNone(101));
-  EXPECT_EQ(map->dot1qTagToVlanId(30), Bridging::VlanIdOrNone::none());
-  EXPECT_EQ(map->dot1qTagToVlanIds(), 2u);
-  EXPECT_EQ(map->dot1qTagToVlanIdDel(10), Bridging::VlanIdOrNone(101));
-  EXPECT_EQ(map->dot1qTagToVlanIdDel(10), Bridging::VlanIdOrNone::none());  // absent: nothing
-  map->dot1qTagToVlanIdDelAll();
-  EXPECT_EQ(w.tags, (std::vector<uint32_t>{10, 10, 20, 10, 20}));
-  EXPECT_EQ(map->dot1qTagToVlanIds(), 0u);
-}
+// The graceful-restart states dump every attribute, the initial values included.
+TEST(LibProducerGrState, DumpShowsEveryAttribute) {
+  auto dump = [](const auto& state, int indent) {
+    Kel::DumpContext context;
+    state->dumpState(context, indent);
+    return context.text();
+  };
+  auto s = libProducerGrStateFactory(LFib::sourceBgpLu);
+  EXPECT_EQ(dump(s, 0),
+            "LibProducerGrState sourceBgpLu\n  tunnelProducer=no\n  inputReady=no\n"
+            "  fibSmReady=no\n  lfibGenSmReady=no\n  fibSmBacklogEmpty=yes\n"
+            "  lfibGenSmBacklogEmpty=no\n  tunnelTableSeqNum=0\n");
+  s->inputReadyIs(true);
+  s->tunnelProducerIs(true);
+  s->tunnelTableSeqNumIs(18446744073709551615ull);
+  EXPECT_EQ(dump(s, 3),
+            "   LibProducerGrState sourceBgpLu\n     tunnelProducer=yes\n     inputReady=yes\n"
+            "     fibSmReady=no\n     lfibGenSmReady=no\n     fibSmBacklogEmpty=yes\n"
+            "     lfibGenSmBacklogEmpty=no\n     tunnelTableSeqNum=18446744073709551615\n");
 
-TEST(LocalLfibInfo, ReadinessIsAnnouncedOncePerChange) {
-  auto info = localLfibInfoFactory();
-  struct : LocalLfibInfo::NotifieeConst {
-    void onSystemLfibReady() override { ++count; }
-    int count = 0;
-  } w;
-  w.notifierIs(info);
-  info->systemLfibReadyIs(false);
-  EXPECT_EQ(w.count, 0);
-  info->systemLfibReadyIs(true);
-  info->systemLfibReadyIs(true);
-  EXPECT_EQ(w.count, 1);
-  info->systemLfibReadyIs(false);
-  EXPECT_EQ(w.count, 2);
+  auto l = lfibProducerGrStateFactory(LFib::sourceStatic);
+  l->inputReadyIs(true);
+  EXPECT_EQ(dump(l, 2), "  LfibProducerGrState sourceStatic\n    inputReady=yes\n");
 }
 
 }  // namespace

@@ -239,40 +239,15 @@ TEST(ValueTypes, TextFormsHaveTheirFieldsInOrder) {
             "'shadowRouteKeys': True})");
 }
 
-TEST(ValueTypes, StrictReaderNamesTheFieldOutOfRange) {
-  // The accessors of the exception; its message joins them ("attribute '<a>': <text>").
-  auto attributeOf = [](auto read) -> std::string {
-    try {
-      read();
-    } catch (const Kel::RangeException& e) {
-      return e.attribute() + ": " + e.text();
-    }
-    return "accepted";
-  };
-  // A valid text with `from` replaced by `to`.
-  auto edited = [](std::string text, const std::string& from, const std::string& to) {
-    return text.replace(text.find(from), from.size(), to);
-  };
-  const std::string route =
-      Kel::valueToStrep(LfibRoute(RouteKey(1), viaSetKey(1), LFib::sourceLdp, FwdEqvClass(), 0));
-  EXPECT_EQ(attributeOf([&] {
-              Kel::strepToValue<LfibRoute>(edited(route, "'label': 1}", "'label': 8388609}"));
-            }),
-            "key.label: MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  EXPECT_EQ(attributeOf([&] {
-              Kel::strepToValue<LfibRoute>(edited(route, "'metric': 0}", "'metric': 256}"));
-            }),
-            "metric: RouteMetric::value < RouteMetric::min or > RouteMetric::max not allowed");
-  EXPECT_EQ(attributeOf([&] {
-              Kel::strepToValue<LfibViaKey>(
-                  edited(Kel::valueToStrep(viaKey(1)), "viaTypeMplsIp", "viaTypeBogus"));
-            }),
-            "viaType: 'viaTypeBogus' is not a name of Mpls::LfibViaType");
-  // A via set key whose fields stand in the via key's order is refused.
-  EXPECT_THROW(Kel::strepToValue<LfibViaSetKey>(
-                   "Value('Mpls::LfibViaSetKey', ** {'source': sourceLdp, 'viaType': "
-                   "viaTypeMplsIp, 'index': 1, 'viaSetType': viaSetTypeEcmp})"),
-               Kel::ParseError);
+// The interface the LFIB's tunnel tap is known by.
+TEST(TunnelTapIntfId, ConstantAndNameCheck) {
+  const Netbase::TunnelTapIntfId tap = Netbase::MplsTapIntfConstants::tunnelTapIntfId();
+  EXPECT_EQ(Kel::valueToStrep(tap), "Value('Netbase::TunnelTapIntfId', ** {'intfId': 'tunnelTap0'})");
+  EXPECT_TRUE(Netbase::TunnelTapIntfId::isTunnelTapIntfId(tap));
+  EXPECT_FALSE(Netbase::TunnelTapIntfId::isTunnelTapIntfId(IntfId("Ethernet1")));
+  EXPECT_FALSE(Netbase::TunnelTapIntfId::isTunnelTapIntfId(IntfId()));
+  EXPECT_EQ(Netbase::TunnelTapIntfId(), Netbase::TunnelTapIntfId(""));
+  EXPECT_THROW(Netbase::TunnelTapIntfId("tunnelTrap0"), Kel::ParseError);
 }
 
 }  // namespace

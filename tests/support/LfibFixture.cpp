@@ -60,8 +60,8 @@ std::vector<LfibViaKey> WriterLfib::viaKeysOf(uint32_t label) const {
   return std::vector<LfibViaKey>(set.viaKey().begin(), set.viaKey().end());
 }
 
-LfibFixture::LfibFixture(const std::string& test)
-    : PondTest::ScopedGroupName(test), WriterLfib(**this) {}
+LfibFixture::LfibFixture(const std::string& test, const LfibStatusSizing& sizing)
+    : PondTest::ScopedGroupName(test), WriterLfib(**this, sizing) {}
 
 std::string assertionMismatch(std::string_view file, const std::function<void()>& f,
                               const std::string& signature, const std::string& expression,
@@ -167,7 +167,7 @@ std::string decapsText(const LfibL2EvpnStatus& s) {
   return joined(out);
 }
 
-LfibReaderProcess::LfibReaderProcess(const std::string& groupName, Follow follow,
+LfibReaderProcess::LfibReaderProcess(const std::string& groupName,
                                      const std::function<Answer(const LfibStatus::Ptr&)>& setup)
     : child_([&](Kel::ChildProcess::Channel& channel) {
         auto group = Pond::MountGroup::reader(groupName);
@@ -175,22 +175,17 @@ LfibReaderProcess::LfibReaderProcess(const std::string& groupName, Follow follow
         status->mountGroupIs(group);
         const Answer answer = setup(status);
         channel.reply("ready");
-        const bool continuously = follow == Follow::continuously;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
         while (std::chrono::steady_clock::now() < deadline) {
           const std::optional<std::string> request =
-              channel.request(std::chrono::milliseconds(continuously ? 0 : 100));
+              channel.request(std::chrono::milliseconds(100));
           if (!request) {
             return 0;  // the test is done with us
           }
-          if (request->empty()) {
-            if (continuously && group->waitForChange(std::chrono::milliseconds(5))) {
-              group->processChanges();
-            }
-            continue;
+          if (!request->empty()) {
+            group->processChanges();
+            channel.reply(answer(*request));
           }
-          group->processChanges();
-          channel.reply(answer(*request));
         }
         return 1;
       }) {

@@ -51,7 +51,7 @@ struct WriterLfib {
 
 // A WriterLfib on a group of its own, removed at the end.
 struct LfibFixture : PondTest::ScopedGroupName, WriterLfib {
-  explicit LfibFixture(const std::string& test);
+  explicit LfibFixture(const std::string& test, const Mpls::LfibStatusSizing& sizing = {});
 };
 
 // Runs `f`; "" when it throws Kel::InternalException with the text of an assertion in
@@ -120,15 +120,13 @@ std::string decapsText(const Mpls::LfibL2EvpnStatus& s);
 // The child mounts a reader-role LfibStatus, builds its readers with setup(status), which
 // returns the function that answers a request, and says it is ready. For each request it
 // processes every change so far, then replies answer(request) (one line). Between requests
-// it follows the writer change by change (continuously: it sees intermediate states), or
-// leaves the group alone (whenAsked: the writer's first rows are there when its tables open,
-// and come with no notification).
+// it leaves the group alone: the writer's first rows are there when its tables open, and
+// come with no notification.
 class LfibReaderProcess {
  public:
   using Answer = std::function<std::string(const std::string& request)>;
-  enum class Follow { continuously, whenAsked };
 
-  LfibReaderProcess(const std::string& groupName, Follow follow,
+  LfibReaderProcess(const std::string& groupName,
                     const std::function<Answer(const Mpls::LfibStatus::Ptr&)>& setup);
   // Whether the child said it was ready.
   bool ready() const noexcept { return ready_; }

@@ -1,5 +1,5 @@
-// Helpers shared by every test suite: the message of an expected exception, the text form
-// of a value, and the lines a trace facility writes. Header-only: any test target may use it.
+// Helpers shared by every test suite: the message of an expected exception and the text
+// form of a value. Header-only: any test target may use it.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,12 +7,9 @@
 #include <sstream>
 #include <string>
 #include <type_traits>
-#include <utility>
-#include <vector>
 
 #include "Kel/Strep.h"
 #include "Kel/String.h"
-#include "Kel/Trace.h"
 
 namespace TestSupport {
 
@@ -45,45 +42,5 @@ void expectTextForm(const T& v, const std::string& text) {
     EXPECT_EQ(T(Kel::Strep(text)), v);
   }
 }
-
-// Turns on every level of trace facility `facility` and keeps what it writes, until
-// destroyed (which turns tracing off again).
-class TraceCapture {
- public:
-  explicit TraceCapture(const std::string& facility) {
-    Kel::traceSinkIs([this, facility](const Kel::TraceFacility& f, int level, std::string_view m) {
-      if (f.name() == facility) {
-        lines_.emplace_back(level, std::string(m));
-      }
-    });
-    Kel::traceConfigIs(facility + "/*");
-  }
-  ~TraceCapture() {
-    Kel::traceSinkIs({});
-    Kel::traceConfigIs("");
-  }
-  // The lines written at `level` (any level: -1), in order.
-  std::vector<std::string> lines(int level = -1) const {
-    std::vector<std::string> out;
-    for (const auto& [l, line] : lines_) {
-      if (level < 0 || l == level) {
-        out.push_back(line);
-      }
-    }
-    return out;
-  }
-  // Every line, each ended by "\n".
-  std::string text() const {
-    std::string out;
-    for (const auto& [l, line] : lines_) {
-      out += line + "\n";
-    }
-    return out;
-  }
-  void clear() { lines_.clear(); }
-
- private:
-  std::vector<std::pair<int, std::string>> lines_;
-};
 
 }  // namespace TestSupport

@@ -405,34 +405,6 @@ TEST(Reactor, ZombieStopsNestedNotifieesAndCollectionMembers) {
   EXPECT_EQ(sm->take(), (Lines{"level 1"}));
 }
 
-TEST(Ptr, CountsCopiesMovesAndConversions) {
-  std::atomic<int> destroyed{0};
-  auto a = Kel::make<Child>(1u, &destroyed);
-  EXPECT_EQ(a->kelRefCount(), 1u);
-  Kel::Ptr<Child> b = a;
-  Kel::Ptr<Child> c = std::move(b);
-  EXPECT_EQ(b, nullptr);
-  EXPECT_EQ(a->kelRefCount(), 2u);
-  Kel::Ptr<Kel::Entity> base = a;          // to a base
-  Kel::PtrConst<Child> constant = a;       // to const
-  Kel::Ptr<Kel::Entity> moved = std::move(c);
-  EXPECT_EQ(a->kelRefCount(), 4u);
-  EXPECT_TRUE(base == a && constant == a && moved == a);
-  EXPECT_EQ(Kel::ptrDynamicCast<Child>(moved), a);
-  EXPECT_EQ(Kel::ptrDynamicCast<Box>(moved), nullptr);
-  b = a;
-  b = a;
-  EXPECT_EQ(a->kelRefCount(), 5u);
-  a = nullptr;
-  base.reset();
-  moved = nullptr;
-  constant = nullptr;
-  EXPECT_EQ(b->kelRefCount(), 1u);
-  EXPECT_EQ(destroyed, 0);
-  b = nullptr;
-  EXPECT_EQ(destroyed, 1);
-}
-
 // Invariant: each thread holds a reference of its own while it makes and drops copies, so
 // the count cannot reach zero early and no increment or decrement may be lost. With the
 // main thread keeping one reference the count ends at exactly 1; when the main thread lets

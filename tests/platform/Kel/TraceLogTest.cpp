@@ -1,10 +1,9 @@
-// Trace configuration and sinks, the operator log, dump formats.
+// Trace configuration and sinks, and the operator log.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "Kel/DumpContext.h"
 #include "Kel/Exception.h"
 #include "Kel/Log.h"
 #include "Kel/Trace.h"
@@ -89,15 +88,6 @@ TEST(Log, CatalogueLineThroughSink) {
   EXPECT_EQ(lines, std::vector<std::string>{"VRF_LABEL_CONFLICT %MPLS-4-VRF_LABEL_CONFLICT: "
                                             "Dynamic VRF label 100 is claimed by more than one "
                                             "source"});
-}
-
-TEST(DumpContext, PrintfFormats) {
-  Kel::DumpContext ctx;
-  ctx.printf("%*clfibRoutes #%u\n", 4, ' ', 3u);
-  ctx.printf("%s: %d/%x\n", "label", -5, 255u);
-  EXPECT_EQ(ctx.text(), "    lfibRoutes #3\nlabel: -5/ff\n");
-  ctx.clear();
-  EXPECT_EQ(ctx.text(), "");
 }
 
 }  // namespace

@@ -129,7 +129,8 @@ TEST(ValueType, ReaderNamesTheAttributeOutOfRange) {
     });
   };
   EXPECT_EQ(holderError(keyText("sourceLdp", 4)), "attribute 'key.index': " + range);
-  EXPECT_THAT(holderError(keyText("sourceNone", 0)), StartsWith("attribute 'key.source': "));
+  EXPECT_EQ(holderError(keyText("sourceNone", 0)),
+            "attribute 'key.source': 'sourceNone' is not a name of Demo::Source");
 }
 
 TEST(ValueType, EqualityAndOrderFollowTheFields) {
@@ -235,19 +236,6 @@ TEST(ValueType, HashIsConsistentWithEquality) {
   zero.weightIs(0.0);
   ASSERT_EQ(negZero, zero);
   EXPECT_EQ(negZero.hash(5), zero.hash(5));
-}
-
-// Names and numbers both read; the reflective view of one enumerator.
-TEST(Enum, NamesAndNumbers) {
-  EXPECT_EQ(Kel::strepToValue<Source>("-2"), sourceLdp);
-  Kel::EnumValue bgp = SourceInstance(sourceBgp);
-  EXPECT_EQ(bgp.name(), "sourceBgp");
-  EXPECT_EQ(bgp.value(), 7);
-  EXPECT_EQ(bgp.typeName(), "Demo::Source");
-  EXPECT_EQ(SourceInstance("sourceLdp").value(), -2);
-  EXPECT_TRUE(SourceInstance("sourceLdp") == SourceInstance(sourceLdp));
-  EXPECT_TRUE(SourceInstance(static_cast<Source>(5)).name().empty());
-  EXPECT_THROW(SourceInstance("sourceNone"), Kel::RangeException);
 }
 
 TEST(RangeType, BoundsAreInclusiveAndChecked) {
@@ -397,32 +385,23 @@ TEST(FixedArray, CountRules) {
   EXPECT_EQ(contents(copied), (std::vector<Key>{a, Key(), Key(), b}));
 }
 
-TEST(FixedArray, BinaryForm) {
+// Round trips and cut records: LfibViaSet.BinaryForm. Here, records of another shape.
+TEST(FixedArray, BinaryFormRefusesRecordsOfAnotherShape) {
   Slots a;
   a.set(0, Key(sourceLdp, 1));
   a.set(2, Key(sourceBgp, 3));
-  const size_t len = Slots::kBinaryHeadLen + 3 * sizeof(Key);
-  ASSERT_EQ(a.serializeLen(), len);
-  std::vector<uint8_t> buf(len);
-  EXPECT_EQ(a.serialize(buf.data()), len);
-  EXPECT_EQ(Slots::deserializeLen(buf.data(), buf.size()), len);
-  Slots b;
-  EXPECT_EQ(b.deserialize(buf.data(), buf.size()), len);
-  EXPECT_EQ(b, a);
-
-  Slots c;
-  EXPECT_THROW(c.deserialize(buf.data(), len - 1), Kel::SizeError);
-  EXPECT_THROW(c.deserialize(buf.data(), Slots::kBinaryHeadLen - 1), Kel::SizeError);
-  EXPECT_EQ(c.count(), 0u);
-
+  std::vector<uint8_t> buf(a.serializeLen());
+  ASSERT_EQ(a.serialize(buf.data()), buf.size());
   std::vector<uint8_t> big = buf;
   uint32_t five = 5;
   std::memcpy(big.data(), &five, 4);
+  Slots c;
   EXPECT_THAT([&] { c.deserialize(big.data(), big.size()); },
               ThrowsMessage<Kel::SizeError>(AllOf(
                   StartsWith("expected size <= 4, instead got 5. Buffer is at address: "),
                   HasSubstr(fmt::format(" with contents: 05 00 00 00 04 00 {:02x}",
                                         sizeof(Key))))));
+  EXPECT_EQ(c.count(), 0u);
   std::vector<uint8_t> wide = buf;
   uint16_t eight = 8;
   std::memcpy(wide.data() + 4, &eight, 2);
