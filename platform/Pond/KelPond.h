@@ -22,6 +22,8 @@
 //     entity is then left partly attached; drop it). Giving the group already attached
 //     does nothing. mountGroup() is the group attached;
 //   - tableForEach(f): f(KelPond::TableRef<K, T>) for every table, in declaration order;
+//   - tableCorruptionHandlerIs(handler): every mounted table's corruption handler (what a
+//     reader does with a row or structure it finds damaged; by default the system log);
 //   - tableVersions(): the sum of the tables' versions, which every change raises: a
 //     reader that finds it unchanged across a walk of several tables saw no change;
 //   - dumpTables(context, indent): every table's rows in key order, under a header
@@ -59,6 +61,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -221,6 +224,10 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
 #define KEL_POND_TABLE_REF(name, Name, K, T, check, capacity) \
   f(::KelPond::TableRef<K, T>{#name, name##_.get()});
 #define KEL_POND_TABLE_COUNT(name, Name, K, T, check, capacity) +1
+#define KEL_POND_TABLE_CORRUPTION(name, Name, K, T, check, capacity) \
+  if (name##_) {                                                     \
+    name##_->corruptionHandlerIs(handler);                           \
+  }
 #define KEL_POND_TABLE_NOTIFIEE(name, Name, K, T, check, capacity) \
   virtual void on##Name(const K& key) { (void)key; }
 
@@ -265,6 +272,10 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
   template <class F>                                                                      \
   void tableForEach(F&& f) const {                                                        \
     TABLES(KEL_POND_TABLE_REF)                                                            \
+  }                                                                                       \
+  /* Every table's corruption handler (Pond::TableCore), for the tables mounted now. */   \
+  void tableCorruptionHandlerIs(const std::function<void(const std::string&)>& handler) {  \
+    TABLES(KEL_POND_TABLE_CORRUPTION)                                                     \
   }                                                                                       \
   /* The sum of the tables' versions: unchanged, no table changed. */                    \
   uint64_t tableVersions() const {                                                        \

@@ -75,6 +75,10 @@ int runClear(const std::string& lfib);
 // open. Throws CommandError "no LFIB named 'x' (no shared-memory segments)" when the LFIB
 // has no tables, and when it does not open in time.
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name);
+// Whether an LFIB mounted by mountLfibReader was found damaged by a reader (a row that does
+// not decode, a table that is inconsistent): each finding has been printed to stderr once,
+// and the command ends with status 1 whatever it printed.
+bool lfibDamageFound();
 
 // Short names for show and check: "mplsIp", "ecmp", "swap" (a via type's is its label in
 // MPLS_LFIB_VIA_TYPES).

@@ -271,7 +271,13 @@ class Demo {
     explicit Segments(const std::string& lfib) : lfib(lfib) {
       Pond::MountGroup::removeSegments(lfib);
     }
-    ~Segments() { Pond::MountGroup::removeSegments(lfib); }
+    ~Segments() {
+      try {
+        Pond::MountGroup::removeSegments(lfib);
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "mplsctl: demo: %s\n", e.what());
+      }
+    }
     const std::string& lfib;
   };
 

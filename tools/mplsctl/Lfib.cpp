@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
 #include <chrono>
+#include <cstdio>
+#include <set>
 
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
@@ -9,6 +11,24 @@
 namespace Mplsctl {
 
 using namespace Mpls;
+
+namespace {
+
+// What the readers of this run found damaged: each finding once on stderr, the count for
+// the exit status.
+size_t damageFound = 0;
+
+void reportDamage(const std::string& lfib, const std::string& text) {
+  static std::set<std::string> said;
+  ++damageFound;
+  if (said.size() < 20 && said.insert(text).second) {
+    std::fprintf(stderr, "mplsctl: LFIB '%s' is damaged: %s\n", lfib.c_str(), text.c_str());
+  }
+}
+
+}  // namespace
+
+bool lfibDamageFound() { return damageFound > 0; }
 
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
   if (Pond::MountGroup::tableNames(name).empty()) {
@@ -29,6 +49,8 @@ Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
     group->waitForChange(std::chrono::milliseconds(100));
     group->processChanges();
   }
+  // A damaged row or table is read as absent: say so, and fail the command.
+  lfib->tableCorruptionHandlerIs([name](const std::string& text) { reportDamage(name, text); });
   return lfib;
 }
 

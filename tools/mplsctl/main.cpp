@@ -153,7 +153,8 @@ void addMldp(CLI::App& app, Invocation& in) {
 // Runs the chosen subcommand; the errors a user can act on go to stderr, with status 1.
 int runReportingErrors(const std::function<int()>& run) {
   try {
-    return run();
+    const int status = run();
+    return status == 0 && Mplsctl::lfibDamageFound() ? 1 : status;
   } catch (const Mplsctl::CommandError& e) {
     std::fprintf(stderr, "mplsctl: %s\n", e.what());
   } catch (const Mplsctl::RouteFileError& e) {
