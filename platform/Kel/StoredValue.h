@@ -41,7 +41,7 @@ concept StoredFixedArray = requires(const T& v) {
   v.count();
 };
 
-inline bool storedFault(std::string* fault, std::string text) {
+[[gnu::cold, gnu::noinline]] inline bool storedFault(std::string* fault, std::string text) {
   if (fault) {
     *fault = std::move(text);
   }
@@ -49,7 +49,7 @@ inline bool storedFault(std::string* fault, std::string text) {
 }
 
 // Prefixes the path of a nested fault with the field's name (or index).
-inline bool storedIn(bool ok, std::string* fault, std::string_view name) {
+[[gnu::cold, gnu::noinline]] inline bool storedIn(bool ok, std::string* fault, std::string_view name) {
   if (!ok && fault) {
     *fault = std::string(name) + (fault->starts_with(':') || fault->starts_with('[') ? "" : ".") +
              *fault;
@@ -80,9 +80,9 @@ bool storedValid(const T& v, std::string* fault) {
     bool ok = true;
     std::apply(
         [&](const auto&... f) {
-          ((ok = ok && storedIn(
-                           storedValid(v.*(std::remove_cvref_t<decltype(f)>::member), fault),
-                           fault, f.name)),
+          // The path is made only for a fault: a valid value costs its checks alone.
+          ((ok = ok && (storedValid(v.*(std::remove_cvref_t<decltype(f)>::member), fault) ||
+                        storedIn(false, fault, f.name))),
            ...);
         },
         T::kelFields());
