@@ -233,18 +233,22 @@ TEST_F(SegmentDamage, LoadTakesOverAHalfCreatedLfib) {
             fmt::format("LFIB '{}' is consistent: 7 routes, 7 via sets, 8 vias\n", lfib_));
 }
 
-// Another user may not clear the LFIB, and is told why.
-TEST_F(SegmentDamage, ClearByAnotherUserSaysPermissionDenied) {
+// Another user may neither clear the LFIB nor read it, and is told why; it stays whole.
+TEST_F(SegmentDamage, AnotherUserIsToldPermissionDenied) {
   if (::geteuid() != 0) {
     GTEST_SKIP() << "acting as another user needs root";
   }
-  const ToolTest::Result r =
-      ToolTest::runProgram(MPLSCTL_PATH, {"clear", "--lfib", lfib_}, 30000, 65534);
+  const std::string segment = fmt::format(" shared-memory segment /pond.{}.", lfib_);
+  ToolTest::Result r = ToolTest::runProgram(MPLSCTL_PATH, {"clear", "--lfib", lfib_}, 30000, 65534);
   EXPECT_EQ(r.status, 1);
   EXPECT_THAT(r.err, ::testing::StartsWith(fmt::format(
-                         "mplsctl: cannot clear LFIB '{}': permission denied: cannot remove "
-                         "shared-memory segment /pond.{}.",
-                         lfib_, lfib_)));
+                         "mplsctl: cannot clear LFIB '{}': permission denied: cannot remove{}",
+                         lfib_, segment)));
+  r = ToolTest::runProgram(MPLSCTL_PATH, {"show", "--lfib", lfib_}, 30000, 65534);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(r.err, ::testing::HasSubstr("permission denied: cannot open" + segment));
+  EXPECT_EQ(ctl({"check"}).out,
+            fmt::format("LFIB '{}' is consistent: 7 routes, 7 via sets, 8 vias\n", lfib_));
 }
 
 }  // namespace
