@@ -323,22 +323,6 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
   EXPECT_EQ(stored, 4u * 9);
 }
 
-// A writer may let the members of a group read its segments; nobody else, ever.
-TEST(PondMap, SegmentsBelongToTheGroupTheWriterNames) {
-  ScopedGroupName g("owner");
-  Pond::MountOptions options;
-  options.group = ::getegid();
-  auto writer = MountGroup::writer(*g, options);
-  PondMap<Key, Row> w(writer, "rows", sized(4));
-  for (const std::string& shm : {Pond::internal::Segment::groupShmName(*g),
-                                 Pond::internal::Segment::tableShmName(*g, "rows")}) {
-    struct stat st {};
-    ASSERT_EQ(::stat(Pond::internal::Segment::pathOf(shm).c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u) << shm;
-    EXPECT_EQ(st.st_gid, ::getegid()) << shm;
-  }
-}
-
 // ---------------------------------------------------------------------------------------
 // Hostile segments: what another process (or user) may put in a group's place.
 
@@ -436,8 +420,9 @@ TEST(PondMap, HostileSegmentsAreRefusedSayingWhy) {
   }
 }
 
-// Names, row types and modes a group may not have.
-TEST(PondMap, BadNamesTypesAndModesAreRefused) {
+// Names, row types and modes a group may not have; and the owner group a writer names,
+// whose members may read its segments, nobody else, ever.
+TEST(PondMap, NamesTypesModesAndOwnersAreChecked) {
   ScopedGroupName g("bad");
   auto writer = MountGroup::writer(*g);
   { PondMap<Key, Row> w(writer, "rows", sized(16)); }
@@ -460,6 +445,18 @@ TEST(PondMap, BadNamesTypesAndModesAreRefused) {
   Pond::MountOptions groupWritable;
   groupWritable.mode = 0660;
   EXPECT_THROW(MountGroup::writer(*g + "x", groupWritable), Pond::SegmentError);
+
+  ScopedGroupName shared("owner");
+  Pond::MountOptions options;
+  options.group = ::getegid();
+  writer = MountGroup::writer(*shared, options);
+  PondMap<Key, Row> w(writer, "rows", sized(4));
+  for (const std::string& shm : {Pond::internal::Segment::groupShmName(*shared),
+                                 Pond::internal::Segment::tableShmName(*shared, "rows")}) {
+    ASSERT_EQ(::stat(Pond::internal::Segment::pathOf(shm).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u) << shm;
+    EXPECT_EQ(st.st_gid, ::getegid()) << shm;
+  }
 }
 
 // A reader bounds every wait: rows that stay half-written while the group's writer lives
