@@ -233,18 +233,23 @@ TEST_F(SegmentDamage, LoadTakesOverAHalfCreatedLfib) {
             fmt::format("LFIB '{}' is consistent: 7 routes, 7 via sets, 8 vias\n", lfib_));
 }
 
-// Another user may not clear the LFIB, and is told why.
-TEST_F(SegmentDamage, ClearByAnotherUserSaysPermissionDenied) {
+// Another user may neither clear the LFIB nor read it, and is told why; it stays whole.
+TEST_F(SegmentDamage, AnotherUserIsToldPermissionDenied) {
   if (::geteuid() != 0) {
     GTEST_SKIP() << "acting as another user needs root";
   }
-  const ToolTest::Result r =
-      ToolTest::runProgram(MPLSCTL_PATH, {"clear", "--lfib", lfib_}, 30000, 65534);
+  ToolTest::Result r = ToolTest::runProgram(MPLSCTL_PATH, {"clear", "--lfib", lfib_}, 30000, 65534);
   EXPECT_EQ(r.status, 1);
   EXPECT_THAT(r.err, ::testing::StartsWith(fmt::format(
                          "mplsctl: cannot clear LFIB '{}': permission denied: cannot remove "
                          "shared-memory segment /pond.{}.",
                          lfib_, lfib_)));
+  r = ToolTest::runProgram(MPLSCTL_PATH, {"show", "--lfib", lfib_}, 30000, 65534);
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, fmt::format("mplsctl: permission denied: cannot open shared-memory segment "
+                               "/pond.{} (owner uid 0, mode 0600)\n", lfib_));
+  EXPECT_EQ(ctl({"check"}).out,
+            fmt::format("LFIB '{}' is consistent: 7 routes, 7 via sets, 8 vias\n", lfib_));
 }
 
 }  // namespace

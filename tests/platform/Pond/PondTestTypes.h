@@ -13,6 +13,7 @@
 #include "Kel/Range.h"
 #include "Kel/Value.h"
 #include "Pond/MountGroup.h"
+#include "Pond/TableSizing.h"
 
 namespace PondTest {
 
@@ -70,14 +71,6 @@ class VarRow {
   std::string pondString() const {
     return "[" + std::to_string(key_.id()) + "] " + std::to_string(words_.size()) + " words";
   }
-  bool consistent() const {
-    for (size_t i = 1; i < words_.size(); ++i) {
-      if (words_[i] != words_[0] + i * 7) {
-        return false;
-      }
-    }
-    return true;
-  }
   uint32_t serializeLen() const { return static_cast<uint32_t>(8 + 4 * words_.size()); }
   void serialize(uint8_t* out) const {
     Kel::ByteWriter w(out);
@@ -109,6 +102,11 @@ class VarRow {
     return need;
   }
 };
+
+// A table's sizing: its capacity, its log's entries and its record heap's bytes.
+inline Pond::TableSizing sized(uint32_t capacity, uint32_t log = 0, uint64_t heapBytes = 0) {
+  return {.capacity = capacity, .logEntries = log, .heapBytes = heapBytes};
+}
 
 // A mount group name of its own for each test, removed at the end.
 class ScopedGroupName {
