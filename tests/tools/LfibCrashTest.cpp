@@ -243,7 +243,8 @@ TEST_F(LfibCrashTest, RefusedLoadsLeaveTheLfibByteForByte) {
   // error the route file parser finds takes the same way), more vias than the tables hold;
   // and no route file at all.
   for (const std::string& file :
-       {badFile("99 swap 1 via 10.0.0.1\n"), std::string("/nonexistent"), badFile([] {
+       {badFile("99 swap 1 via 10.0.0.1\n"), std::string("/nonexistent"), std::string("/tmp"),
+        badFile([] {
           std::string wide = "20000 swap 5";
           for (int v = 0; v < 128; ++v) {
             wide += fmt::format(" via 10.7.{}.1 dev Ethernet1", v);

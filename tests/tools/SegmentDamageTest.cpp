@@ -175,7 +175,7 @@ std::string mutate(const std::string& path, const std::string& group, std::mt199
 
 TEST_F(SegmentDamage, EveryCommandEndsCleanlyWhateverTheSegmentsHold) {
   const uint64_t seed = envOr("MPLS_DAMAGE_SEED", std::random_device()());
-  const uint64_t iterations = envOr("MPLS_DAMAGE_ITERATIONS", 20);
+  const uint64_t iterations = envOr("MPLS_DAMAGE_ITERATIONS", 150);
   std::printf("seed %llu, %llu iterations\n", static_cast<unsigned long long>(seed),
               static_cast<unsigned long long>(iterations));
   std::mt19937 rng(static_cast<uint32_t>(seed));
