@@ -47,11 +47,15 @@ class Progress {
       std::fflush(stderr);
     }
   }
-  void done() const {
-    if (shown_) {
+  // Clears the bar; also when the load ends in an error, whose message then starts on a
+  // clean line.
+  ~Progress() { done(); }
+  void done() {
+    if (shown_ && done_ > 0) {
       std::fprintf(stderr, "\r\033[K");
       std::fflush(stderr);
     }
+    shown_ = false;
   }
 
  private:
