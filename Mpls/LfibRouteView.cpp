@@ -55,29 +55,33 @@ std::optional<LfibRouteView> lfibRouteView(const LfibStatus& lfib, const RouteKe
   if (!routes) {
     return std::nullopt;
   }
-  std::optional<LfibRouteView> last;  // the last read, and whether it was stable
-  bool lastStable = false;
+  std::optional<LfibRouteView> last;
   for (int read = 0; read < kMaxReads; ++read) {
+    const uint64_t versions = lfib.tableVersions();
     LfibRouteView view;
     if (!routes->find(key, view.route)) {
       return std::nullopt;
     }
     readViaSet(lfib, view);
-    // The route and via set again: unchanged, nothing read in between was replaced (the
-    // writer deletes a via set or via only after what named it moved on).
-    LfibRoute route;
-    if (!routes->find(key, route)) {
-      return std::nullopt;
-    }
-    LfibViaSet viaSet;
-    const bool viaSetFound = viaSets && viaSets->find(view.route.viaSetKey(), viaSet);
-    const bool stable =
-        route == view.route && viaSetFound == view.viaSetFound && viaSet == view.viaSet;
-    if (stable && (view.complete() || (lastStable && *last == view))) {
+    if (view.complete()) {
+      // The route and via set again: unchanged, nothing read in between was replaced (the
+      // writer deletes a via set or via only after what named it moved on).
+      LfibRoute route;
+      if (!routes->find(key, route)) {
+        return std::nullopt;
+      }
+      LfibViaSet viaSet;
+      if (route == view.route && viaSets->find(view.route.viaSetKey(), viaSet) &&
+          viaSet == view.viaSet) {
+        return view;
+      }
+    } else if (lfib.tableVersions() == versions) {
+      // No table changed while it was read: one state of the LFIB, in which the route
+      // names what is not there. Damage, not a race (an unchanged route and via set would
+      // not tell: the writer may have moved the route away and back meanwhile).
       return view;
     }
     last = std::move(view);
-    lastStable = stable;
   }
   return last;
 }

@@ -8,9 +8,11 @@
 // another one; a via set rewritten in place may have dropped the via looked up next.
 // lfibRouteView reads the route and its via set again after the vias: when both are
 // unchanged, nothing that the view holds was replaced in between, and the view is taken;
-// otherwise it reads again. A view that still lacks its via set or a via is what the LFIB
-// holds, found so twice in a row with the route and via set unchanged: a damaged LFIB,
-// not a race (lfibIntegrityCheck reports it).
+// otherwise it reads again. A view that lacks its via set or a via is taken only when no
+// table of the LFIB changed while it was read (their versions): then it is what the LFIB
+// holds, a damaged LFIB, not a race (lfibIntegrityCheck reports it). A route and via set
+// found unchanged would not prove it: the writer may have moved the route away and back
+// in between.
 #pragma once
 
 #include <optional>

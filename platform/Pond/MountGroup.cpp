@@ -4,7 +4,9 @@
 #include <fcntl.h>
 #include <linux/futex.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -43,6 +45,50 @@ long futexWait(const uint32_t* word, uint32_t expected, std::chrono::millisecond
 
 void futexWakeAll(const uint32_t* word) {
   ::syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
+
+// The names under /dev/shm of the group's segments and of its temporaries.
+template <class F>
+void forEachShmFile(std::string_view group, F&& f) {
+  const std::string prefix = fmt::format("pond.{}.", group);
+  DIR* dir = ::opendir("/dev/shm");
+  if (!dir) {
+    return;
+  }
+  while (dirent* e = ::readdir(dir)) {
+    std::string_view file(e->d_name);
+    if (file.starts_with(prefix)) {
+      f(file, file.substr(prefix.size()));
+    }
+  }
+  ::closedir(dir);
+}
+
+// Removes the temporaries ("<segment>.tmp<pid>.<n>", see Segment::create) that processes
+// which died while creating a segment left, and returns how many there were. A live
+// process's temporary is its own business.
+size_t removeDeadTemporaries(std::string_view group) {
+  std::vector<std::string> dead;
+  forEachShmFile(group, [&](std::string_view file, std::string_view rest) {
+    size_t at = rest.starts_with("tmp") ? 0 : rest.find(".tmp");
+    if (at == std::string_view::npos) {
+      return;
+    }
+    at += rest[at] == '.' ? 4 : 3;
+    pid_t pid = 0;
+    for (; at < rest.size() && rest[at] >= '0' && rest[at] <= '9' && pid < 1 << 24; ++at) {
+      pid = pid * 10 + (rest[at] - '0');
+    }
+    if (pid > 0 && at < rest.size() && rest[at] == '.' && ::kill(pid, 0) != 0 &&
+        errno == ESRCH) {
+      dead.emplace_back(file);
+    }
+  });
+  size_t removed = 0;
+  for (const std::string& file : dead) {
+    removed += ::shm_unlink(("/" + file).c_str()) == 0;
+  }
+  return removed;
 }
 
 // A process's start time in clock ticks since boot (field 22 of /proc/PID/stat), so that
@@ -180,6 +226,8 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   }
   group->incarnation_ = h->incarnation;
   group->changes_ = 1;
+  // What a writer killed while it created a table left.
+  removeDeadTemporaries(name);
   group->publish();
   return group;
 }
@@ -220,6 +268,7 @@ size_t MountGroup::removeSegments(std::string_view name) {
     remove(Segment::tableShmName(name, table));
   }
   remove(Segment::groupShmName(name));
+  removed += removeDeadTemporaries(name);
   if (failed) {
     throw *failed;
   }
@@ -250,21 +299,11 @@ std::optional<TableSizing> MountGroup::tableSizing(std::string_view name, std::s
 
 std::vector<std::string> MountGroup::tableNames(std::string_view name) {
   std::vector<std::string> out;
-  std::string prefix = fmt::format("pond.{}.", name);
-  DIR* dir = ::opendir("/dev/shm");
-  if (!dir) {
-    return out;
-  }
-  while (dirent* e = ::readdir(dir)) {
-    std::string_view file(e->d_name);
-    if (file.substr(0, prefix.size()) == prefix) {
-      std::string_view table = file.substr(prefix.size());
-      if (table.find('.') == std::string_view::npos) {  // not a temporary name
-        out.emplace_back(table);
-      }
+  forEachShmFile(name, [&](std::string_view, std::string_view table) {
+    if (table.find('.') == std::string_view::npos) {  // not a temporary name
+      out.emplace_back(table);
     }
-  }
-  ::closedir(dir);
+  });
   std::sort(out.begin(), out.end());
   return out;
 }

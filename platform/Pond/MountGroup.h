@@ -91,13 +91,15 @@ class MountGroup : public Kel::Entity {
     virtual void onWriterIncarnation() {}
   };
 
-  // Creates the group, or re-attaches to the segments a previous writer left. Throws
+  // Creates the group, or re-attaches to the segments a previous writer left (removing the
+  // half-made segments of writers killed while they created one). Throws
   // WriterExistsError when another live process writes the group, SegmentError when its
   // name or segment is bad.
   static Ptr writer(std::string_view name, const MountOptions& options = {});
   // Mounts the group for reading; its segments may appear later.
   static Ptr reader(std::string_view name);
-  // Removes the segments of a group and its tables; returns how many were removed.
+  // Removes the segments of a group and its tables, and the half-made ones of processes
+  // that died creating one; returns how many were removed.
   // Processes that have them mapped keep their mappings. Throws SegmentError, after
   // removing all it can, when a segment cannot be removed: "permission denied: cannot
   // remove shared-memory segment /pond.lfib.route (owner uid 0, mode 0600)".

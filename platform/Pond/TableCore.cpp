@@ -50,6 +50,11 @@ TableCore::~TableCore() = default;
 uint32_t TableCore::size() const noexcept { return engine_ ? engine_->rowCount() : 0; }
 uint32_t TableCore::capacity() const noexcept { return engine_ ? engine_->capacity() : 0; }
 uint64_t TableCore::version() const noexcept { return engine_ ? engine_->version() : 0; }
+uint64_t TableCore::heapBytes() const noexcept { return engine_ ? engine_->heapBytes() : 0; }
+bool TableCore::heapHolds(const std::vector<uint32_t>& recordLengths) const {
+  requireWriter();
+  return !engine_ || engine_->heapHolds(recordLengths);
+}
 uint64_t TableCore::residentBytes() const { return engine_ ? engine_->residentBytes() : 0; }
 
 bool TableCore::unreadable() const {

@@ -42,6 +42,11 @@ class TableCore {
   uint32_t size() const noexcept;
   uint32_t capacity() const noexcept;
   uint64_t version() const noexcept;
+  // Variable rows: bytes of record heap (0 for fixed rows).
+  uint64_t heapBytes() const noexcept;
+  // Writer: whether the record heap takes records of these lengths (as serializeLen gives
+  // them) on top of what it holds now. A writer that must not fail half way asks first.
+  bool heapHolds(const std::vector<uint32_t>& recordLengths) const;
   // Bytes of the table's segment resident in memory.
   uint64_t residentBytes() const;
   // The table's segment was truncated under this process, or the last read found its

@@ -250,6 +250,28 @@ TEST_F(Mplsctl, GeneratedRoutesAndTheExample) {
   EXPECT_EQ(r.out, consistent(7, 7, 9));
 }
 
+// An LFIB another writer sized with a small via-set record heap: a load that would fill it
+// is refused before its first write.
+TEST_F(Mplsctl, LoadRefusedBeforeTheRecordHeapFills) {
+  {
+    Mpls::LfibStatusSizing sizing;
+    sizing.viaSet.heapBytes = 8192;
+    auto lfib = Mpls::lfibStatusFactory();
+    lfib->mountGroupIs(Pond::MountGroup::writer(lfib_), sizing);
+  }
+  ASSERT_EQ(ctl({"load", MPLS_EXAMPLES_DIR "/routes.txt"}).status, 0);
+  const std::string before = ctl({"dump"}).out;
+  const Result gen = runProgram(MPLS_EXAMPLES_DIR "/gen-routes", {"300"});
+  ASSERT_EQ(gen.status, 0) << gen.err;
+  const Result r = ctl({"load", file("gen.txt", gen.out)});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "mplsctl: LFIB '" + lfib_ + "' has no room for 21600 bytes more of via sets "
+                   "in the 16384-byte record heap of its table 'viaSet': nothing loaded (run "
+                   "'mplsctl clear --lfib " + lfib_ + "' and load again to size it for the "
+                   "file)\n");
+  EXPECT_EQ(ctl({"dump"}).out, before);
+}
+
 // An LFIB written here, past the LFIB writer: a route without its via set, a via set
 // without its via, and a via no via set uses.
 TEST_F(Mplsctl, CheckReportsWhatIsMissing) {

@@ -155,32 +155,63 @@ void refuseDamaged(const LfibStatus& lfib, const std::vector<RouteKey>& touched,
 }
 
 // Refuses a load that could fill a table half way: what the LFIB holds now plus all the
-// file brings, as though nothing were rewritten in place.
+// file brings, as though nothing were rewritten in place, in rows and in record heap bytes.
 void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
                const std::unordered_set<uint32_t>& deleted, const std::string& name) {
+  auto refuse = [&](const std::string& shortfall) {
+    throw CommandError(fmt::format("LFIB '{}' {}: nothing loaded (run 'mplsctl clear --lfib {}' "
+                                   "and load again to size it for the file)",
+                                   name, shortfall, name));
+  };
+  // Rows, and the records of each as the writer stores them.
+  auto checkTable = [&](const auto& table, std::string_view what, uint64_t rows,
+                        const std::vector<uint32_t>& records) {
+    if (rows > table.capacity()) {
+      refuse(fmt::format("has room for {} {}, this load may need {}", table.capacity(), what,
+                         rows));
+    }
+    if (!table.heapHolds(records)) {
+      uint64_t bytes = 0;
+      for (uint32_t len : records) {
+        bytes += len;
+      }
+      refuse(fmt::format("has no room for {} bytes more of {} in the {}-byte record heap of "
+                         "its table '{}'",
+                         bytes, what, table.heapBytes(), table.tableName()));
+    }
+  };
+
   uint64_t newRoutes = 0;
-  std::map<LfibViaType, uint64_t> vias;
+  std::vector<uint32_t> viaSetRecords;
+  std::map<LfibViaType, std::vector<uint32_t>> viaRecords;
   for (const ParsedRoute& r : routes) {
     if (lfib.lfibRoute(r.route.key()).key() != r.route.key()) {
       ++newRoutes;
     }
+    viaSetRecords.push_back(LfibViaSet::kHeadLen +
+                            LfibViaSet::kViaKeyLen *
+                                std::min<uint32_t>(r.vias, LfibViaKeyArray::capacity));
+    lfibViaTypeVisit(r.route.viaType(), [&](auto via) {
+      using V = typename decltype(via)::Row;
+      if constexpr (ConsolidatedLfibRoute::carries<V> && Pond::VariableRow<V>) {
+        for (const V& v : r.route.template viasOf<V>()) {
+          viaRecords[via.viaType].push_back(v.serializeLen());
+        }
+      }
+    });
+  }
+  checkTable(*lfib.lfibRouteTable(), "routes",
+             uint64_t{lfib.lfibRoutes()} - deleted.size() + newRoutes, {});
+  checkTable(*lfib.viaSetTable(), "via sets", uint64_t{lfib.viaSets()} + routes.size(),
+             viaSetRecords);
+  std::map<LfibViaType, uint64_t> vias;
+  for (const ParsedRoute& r : routes) {
     vias[r.route.viaType()] += r.vias;
   }
-  auto refuse = [&](std::string_view what, uint64_t needed, uint32_t capacity) {
-    if (needed > capacity) {
-      throw CommandError(fmt::format(
-          "LFIB '{}' has room for {} {}, this load may need {}: nothing loaded (run 'mplsctl "
-          "clear --lfib {}' and load again to size it for the file)",
-          name, capacity, what, needed, name));
-    }
-  };
-  refuse("routes", uint64_t{lfib.lfibRoutes()} - deleted.size() + newRoutes,
-         lfib.lfibRouteTable()->capacity());
-  refuse("via sets", uint64_t{lfib.viaSets()} + routes.size(), lfib.viaSetTable()->capacity());
   lfibViaTypeForEach([&](auto via) {
     if (const uint64_t added = vias[via.viaType]) {
-      refuse(fmt::format("{} vias", via.label), via.size(lfib) + added,
-             via.table(lfib)->capacity());
+      checkTable(*via.table(lfib), fmt::format("{} vias", via.label), via.size(lfib) + added,
+                 viaRecords[via.viaType]);
     }
   });
 }

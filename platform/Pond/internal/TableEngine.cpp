@@ -819,6 +819,38 @@ uint32_t TableEngine::allocBlock(uint32_t len) {
   return c * chunkSize_;
 }
 
+bool TableEngine::heapHolds(const std::vector<uint32_t>& recordLengths) const {
+  if (!layout_.variable || recordLengths.empty()) {
+    return true;
+  }
+  const uint32_t maxLen = static_cast<uint32_t>(roundUp8(header()->rowSize));
+  std::vector<uint64_t> wanted(classSize_.size(), 0);
+  for (uint32_t len : recordLengths) {
+    if (len == 0 || len > maxLen) {
+      return false;  // upsert refuses it anyway
+    }
+    ++wanted[classOf8_[(len + 7) / 8]];
+  }
+  // Blocks free in chunks already carved for a class, and chunks free for any class.
+  std::vector<uint64_t> freeBlocks(classSize_.size(), 0);
+  uint64_t freeChunks = chunkCount_ - chunkHighWater_;
+  for (uint32_t c = 0; c < chunkHighWater_; ++c) {
+    if (chunkClass_[c] == 0) {
+      ++freeChunks;
+    } else if (chunkClass_[c] <= classSize_.size()) {
+      freeBlocks[chunkClass_[c] - 1] += chunks_[c].freeBlocks.size();
+    }
+  }
+  uint64_t chunksNeeded = 0;
+  for (size_t cls = 0; cls < wanted.size(); ++cls) {
+    if (wanted[cls] > freeBlocks[cls]) {
+      const uint64_t perChunk = chunkSize_ / classSize_[cls];
+      chunksNeeded += (wanted[cls] - freeBlocks[cls] + perChunk - 1) / perChunk;
+    }
+  }
+  return chunksNeeded <= freeChunks;
+}
+
 void TableEngine::freeBlock(HeapRef ref) {
   uint32_t c = ref.offset / chunkSize_;
   uint8_t cls = chunkClass_[c] - 1;

@@ -136,6 +136,10 @@ class TableEngine {
   // full; nothing is changed then.
   void upsert(const void* key, uint32_t hash, const uint8_t* row, uint32_t len);
   bool erase(const void* key, uint32_t hash);
+  // Writer only: whether the record heap takes records of these lengths on top of what it
+  // holds, each in a block of its size class. True for fixed rows, which need no heap.
+  bool heapHolds(const std::vector<uint32_t>& recordLengths) const;
+  uint64_t heapBytes() const noexcept { return heapBytes_; }
 
   enum class LogRead { entry, overrun };
   uint64_t logHead() const noexcept;

@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -12,6 +13,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <set>
 
@@ -111,6 +113,9 @@ TEST(PondMap, VariableRowsTakeAboutTheirLength) {
   // Erasing everything gives every chunk back: the whole heap takes 408-byte records now
   // (nine to a chunk, in 416-byte blocks).
   w.clear();
+  // The writer can ask beforehand, per size class, whether records fit.
+  EXPECT_TRUE(w.heapHolds(std::vector<uint32_t>(64 * 9, 408)));
+  EXPECT_FALSE(w.heapHolds(std::vector<uint32_t>(64 * 9 + 1, 408)));
   uint32_t stored = 0;
   try {
     for (; stored < 1000; ++stored) {
@@ -121,6 +126,12 @@ TEST(PondMap, VariableRowsTakeAboutTheirLength) {
   }
   EXPECT_EQ(stored, 64u * 9);
   EXPECT_EQ(r.size(), stored);
+  // One block free in a chunk of the 416-byte class: one more of its records fits, a
+  // record of another class does not.
+  w.erase(Key(0));
+  EXPECT_TRUE(w.heapHolds({400}));
+  EXPECT_FALSE(w.heapHolds({408, 408}));
+  EXPECT_FALSE(w.heapHolds({16}));
 }
 
 TEST(PondMap, IterationResumesFromItsHint) {
@@ -418,6 +429,22 @@ TEST(PondMap, HostileSegmentsAreRefusedSayingWhy) {
     EXPECT_EQ(mountResult(*g, false), d.reader) << d.what;
     EXPECT_EQ(mountResult(*g, true), d.writer) << d.what;
   }
+
+  // The half-made segment of a creator killed before it published it goes with the next
+  // writer; a live creator's stays.
+  const pid_t dead = ::fork();
+  if (dead == 0) {
+    ::_exit(0);
+  }
+  ::waitpid(dead, nullptr, 0);
+  const std::string deadTemp = fmt::format("{}.tmp{}.0", path, dead);
+  const std::string liveTemp = fmt::format("/dev/shm/pond.{}.tmp{}.3", *g, ::getpid());
+  std::ofstream(deadTemp) << "half";
+  std::ofstream(liveTemp) << "half";
+  MountGroup::writer(*g);
+  EXPECT_FALSE(std::filesystem::exists(deadTemp));
+  EXPECT_TRUE(std::filesystem::exists(liveTemp));
+  ::unlink(liveTemp.c_str());
 }
 
 // Names, row types and modes a group may not have; and the owner group a writer names,
