@@ -1,10 +1,15 @@
 #include "BenchSupport.h"
 
 #include <absl/strings/escaping.h>
+#include <linux/futex.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstring>
 #include <cmath>
 #include <cstdlib>
 #include <optional>
@@ -225,6 +230,68 @@ void figure(const std::string& name, double value, const char* unit) {
 void note(const std::string& text) {
   std::printf("# %s\n", text.c_str());
   std::fflush(stdout);
+}
+
+void sleepFor(std::chrono::microseconds d) {
+  timespec ts{0, long(d.count()) * 1000};
+  while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, &ts) == EINTR) {
+  }
+}
+
+NotifyResult futexFloor() {
+  struct Shared {
+    alignas(64) uint32_t word;
+    alignas(64) uint64_t stamp;
+    uint32_t round;
+  };
+  void* m =
+      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (m == MAP_FAILED) {
+    throw std::runtime_error(std::string("mmap: ") + std::strerror(errno));
+  }
+  auto* sh = new (m) Shared{};
+  struct Unmap {
+    void* m;
+    ~Unmap() { ::munmap(m, sizeof(Shared)); }
+  } unmap{m};
+  const uint32_t total = kNotifyWarm + kNotifyRounds;
+  Child waiter("futex waiter (P3-futex)", [&](Child& c) {
+    std::vector<uint64_t> latency;
+    latency.reserve(kNotifyRounds);
+    uint32_t seen = __atomic_load_n(&sh->word, __ATOMIC_ACQUIRE);
+    c.ready();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    uint32_t round = 0;
+    while (round + 1 < total) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        throw std::runtime_error("the last round never came");
+      }
+      timespec timeout{0, 100'000'000};
+      ::syscall(SYS_futex, &sh->word, FUTEX_WAIT, seen, &timeout, nullptr, 0);
+      uint64_t now = monoNs();
+      uint32_t w = __atomic_load_n(&sh->word, __ATOMIC_ACQUIRE);
+      if (w == seen) {
+        continue;
+      }
+      seen = w;
+      round = __atomic_load_n(&sh->round, __ATOMIC_ACQUIRE);
+      if (round >= kNotifyWarm) {
+        latency.push_back(now - __atomic_load_n(&sh->stamp, __ATOMIC_ACQUIRE));
+      }
+    }
+    NotifyResult res{quantile(latency, 0.50) / 1000, quantile(latency, 0.99) / 1000,
+                     latency.size()};
+    return bytesOf(res);
+  });
+  waiter.waitReady(std::chrono::seconds(60));
+  for (uint32_t round = 0; round < total; ++round) {
+    __atomic_store_n(&sh->stamp, monoNs(), __ATOMIC_RELAXED);
+    __atomic_store_n(&sh->round, round, __ATOMIC_RELAXED);
+    __atomic_store_n(&sh->word, round + 1, __ATOMIC_RELEASE);
+    ::syscall(SYS_futex, &sh->word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+    sleepFor(kNotifyGap);
+  }
+  return waiter.result<NotifyResult>(std::chrono::seconds(60));
 }
 
 }  // namespace Bench

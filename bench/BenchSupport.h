@@ -212,6 +212,30 @@ class Child {
 };
 
 // ---------------------------------------------------------------------------------------
+// Notification latency: rounds of one change each, a gap apart, the first ones not counted.
+
+constexpr uint32_t kNotifyWarm = 200;     // rounds not counted
+constexpr uint32_t kNotifyRounds = 3000;  // one change each, ~200 us apart
+constexpr auto kNotifyGap = std::chrono::microseconds(200);
+
+struct NotifyResult {
+  double p50us;
+  double p99us;
+  uint64_t samples;
+};
+
+template <class T>
+std::string bytesOf(const T& t) {
+  return std::string(reinterpret_cast<const char*>(&t), sizeof(T));
+}
+
+void sleepFor(std::chrono::microseconds d);
+
+// The notification cadence with a bare futex word in shared memory instead of a table:
+// the wake-up cost of the machine, which no notification between processes goes below.
+NotifyResult futexFloor();
+
+// ---------------------------------------------------------------------------------------
 // Names in /dev/shm that this process created: removed at exit, after an exception, and
 // on SIGINT, SIGTERM, SIGHUP and SIGALRM (which also bounds the whole run).
 

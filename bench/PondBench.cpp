@@ -35,9 +35,6 @@ using std::chrono::seconds;
 
 constexpr uint32_t kProbes = 2'000'000;
 constexpr uint32_t kLookupRounds = 3;     // P2 figures: the median of the rounds
-constexpr uint32_t kNotifyWarm = 200;     // rounds not counted
-constexpr uint32_t kNotifyRounds = 3000;  // one row each, ~200 us apart
-constexpr auto kNotifyGap = std::chrono::microseconds(200);
 constexpr uint32_t kBursts = 20;               // P3-rate: bursts of changes, each written as
 constexpr uint32_t kBurstRows = 50'000;        // fast as possible; a burst stays below the
                                                // change log (65,536 entries at a million rows)
@@ -49,28 +46,11 @@ struct BurstFigures {
   double burstWriteRate = 0;  // and how fast it made them
 };
 
-struct NotifyResult {
-  double p50us;
-  double p99us;
-  uint64_t samples;
-};
-
 struct RateResult {
   uint64_t handled;    // notifications
   uint64_t elapsedNs;  // summed over the bursts, from its first notification to its last row
   uint64_t offBursts;  // bursts whose notifications were not one per change (a resync)
 };
-
-template <class T>
-std::string bytesOf(const T& t) {
-  return std::string(reinterpret_cast<const char*>(&t), sizeof(T));
-}
-
-void sleepFor(std::chrono::microseconds d) {
-  timespec ts{0, long(d.count()) * 1000};
-  while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, &ts) == EINTR) {
-  }
-}
 
 // A reader whose change handler times each round's row: now - the stamp the writer put in
 // it just before committing it. With `eventLoop`, a Kel::EventLoop drives the group (its
@@ -271,64 +251,6 @@ class PondStore : public Store {
   std::unique_ptr<Table> table_;
   std::unique_ptr<Child> reader_;
 };
-
-// The same cadence as P3 with a bare futex word in shared memory instead of Pond: the
-// wake-up cost of the machine, which no notification between processes goes below.
-NotifyResult futexFloor() {
-  struct Shared {
-    alignas(64) uint32_t word;
-    alignas(64) uint64_t stamp;
-    uint32_t round;
-  };
-  void* m =
-      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (m == MAP_FAILED) {
-    throw std::runtime_error(std::string("mmap: ") + std::strerror(errno));
-  }
-  auto* sh = new (m) Shared{};
-  struct Unmap {
-    void* m;
-    ~Unmap() { ::munmap(m, sizeof(Shared)); }
-  } unmap{m};
-  const uint32_t total = kNotifyWarm + kNotifyRounds;
-  Child waiter("futex waiter (P3-futex)", [&](Child& c) {
-    std::vector<uint64_t> latency;
-    latency.reserve(kNotifyRounds);
-    uint32_t seen = __atomic_load_n(&sh->word, __ATOMIC_ACQUIRE);
-    c.ready();
-    auto deadline = std::chrono::steady_clock::now() + seconds(60);
-    uint32_t round = 0;
-    while (round + 1 < total) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        throw std::runtime_error("the last round never came");
-      }
-      timespec timeout{0, 100'000'000};
-      ::syscall(SYS_futex, &sh->word, FUTEX_WAIT, seen, &timeout, nullptr, 0);
-      uint64_t now = monoNs();
-      uint32_t w = __atomic_load_n(&sh->word, __ATOMIC_ACQUIRE);
-      if (w == seen) {
-        continue;
-      }
-      seen = w;
-      round = __atomic_load_n(&sh->round, __ATOMIC_ACQUIRE);
-      if (round >= kNotifyWarm) {
-        latency.push_back(now - __atomic_load_n(&sh->stamp, __ATOMIC_ACQUIRE));
-      }
-    }
-    NotifyResult res{quantile(latency, 0.50) / 1000, quantile(latency, 0.99) / 1000,
-                     latency.size()};
-    return bytesOf(res);
-  });
-  waiter.waitReady(seconds(60));
-  for (uint32_t round = 0; round < total; ++round) {
-    __atomic_store_n(&sh->stamp, monoNs(), __ATOMIC_RELAXED);
-    __atomic_store_n(&sh->round, round, __ATOMIC_RELAXED);
-    __atomic_store_n(&sh->word, round + 1, __ATOMIC_RELEASE);
-    ::syscall(SYS_futex, &sh->word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
-    sleepFor(kNotifyGap);
-  }
-  return waiter.result<NotifyResult>(seconds(60));
-}
 
 std::string loadAverage() {
   std::ifstream in("/proc/loadavg");

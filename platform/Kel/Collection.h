@@ -52,6 +52,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
+#include "Kel/Attribute.h"
 #include "Kel/Entity.h"
 #include "Kel/OrdinalMap.h"
 #include "Kel/Strep.h"
@@ -354,26 +355,38 @@ inline void attachParent(Entity* parent, Entity* child) {
 
 }  // namespace Kel
 
-#define KEL_ATTR(T, name, Name, ...)                         \
- public:                                                     \
-  const T& name() const noexcept { return name##_; }         \
-  void name##Is(const T& v) {                                \
-    if (name##_ == v) {                                      \
-      return;                                                \
-    }                                                        \
-    name##_ = v;                                             \
-    kelNotify(&NotifieeConst::on##Name);                     \
-  }                                                          \
-                                                             \
- private:                                                    \
-  T name##_ = ::Kel::defaultValue<T>(__VA_ARGS__);           \
-                                                             \
+#define KEL_ATTR(T, name, Name, ...)                                    \
+  KEL_ATTR_DESCRIBE_(name, scalar)                                      \
+  struct KelAttr_##name : KelAttrBase_##name {                          \
+    using ValueT = T;                                                    \
+    template <class E>                                                  \
+    static const T& get(const E& e) { return e.name(); }                \
+    template <class E>                                                  \
+    static void set(E& e, const T& v) { e.name##Is(v); }                \
+  };                                                                    \
+  static KelAttr_##name kelAttr(::Kel::AttrIndex<kelAttrIndex_##name>); \
+  const T& name() const noexcept { return name##_; }                    \
+  void name##Is(const T& v) {                                           \
+    if (name##_ == v) {                                                 \
+      return;                                                           \
+    }                                                                   \
+    name##_ = v;                                                        \
+    kelObserve(kelAttrIndex_##name, nullptr);                           \
+    kelNotify(&NotifieeConst::on##Name);                                \
+  }                                                                     \
+                                                                        \
+ private:                                                               \
+  T name##_ = ::Kel::defaultValue<T>(__VA_ARGS__);                      \
+                                                                        \
  public:
 
-// The parts every keyed collection shares: count, iteration, notify, quiesce.
+// The parts every keyed collection shares: count, version, iteration, notify, quiesce.
+// name##Changed_(k) counts a change of k, shows it to the observer and announces it.
 #define KEL_COLL_COMMON_(K, StorageT, name, Name)                                      \
  public:                                                                              \
   uint32_t name##s() const noexcept { return static_cast<uint32_t>(name##_.size()); } \
+  /* raised by every change of the collection */                                      \
+  uint64_t name##Version() const noexcept { return name##Version_; }                  \
   const StorageT& name##Iter() const noexcept { return name##_; }                     \
   void name##Notify(const K& k) const {                                               \
     if (!name##Quiesced_) {                                                           \
@@ -389,18 +402,39 @@ inline void attachParent(Entity* parent, Entity* child) {
   }                                                                                   \
                                                                                       \
  private:                                                                             \
+  void name##Changed_(const K& k) {                                                   \
+    ++name##Version_;                                                                 \
+    kelObserve(kelAttrIndex_##name, &k);                                              \
+    name##Notify(k);                                                                  \
+  }                                                                                   \
   StorageT name##_;                                                                   \
+  uint64_t name##Version_ = 0;                                                        \
   bool name##Quiesced_ = false;                                                       \
                                                                                       \
  public:
 
 #define KEL_MAP_ATTR_IN_(Storage, K, V, name, Name)                      \
+  KEL_COLL_DESCRIBE_(K, (V), name, map,                                  \
+    template <class E> static bool has(const E& e, const K& k) {         \
+      return e.name##Has(k);                                             \
+    }                                                                    \
+    template <class E> static const V& get(const E& e, const K& k) {     \
+      return e.name(k);                                                  \
+    }                                                                    \
+    template <class E> static void set(E& e, const K& k, const V& v) {   \
+      e.name##Is(k, v);                                                  \
+    }                                                                    \
+    template <class E, class F> static void forEach(const E& e, F&& f) { \
+      for (auto&& [k, v] : e.name##Iter()) {                             \
+        f(k, v);                                                         \
+      }                                                                  \
+    })                                                                   \
   KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, V>)), name, Name) \
   const V& name(const K& k) const { return name##_.lookup(k); }          \
   bool name##Has(const K& k) const { return name##_.find(k) != nullptr; } \
   void name##Is(const K& k, const V& v) {                                \
     if (name##_.set(k, v)) {                                             \
-      name##Notify(k);                                                   \
+      name##Changed_(k);                                                 \
     }                                                                    \
   }                                                                      \
   V name##Del(const K& k) {                                              \
@@ -408,26 +442,52 @@ inline void attachParent(Entity* parent, Entity* child) {
     if (!old) {                                                          \
       return ::Kel::defaultValue<V>();                                   \
     }                                                                    \
-    name##Notify(k);                                                     \
+    name##Changed_(k);                                                   \
     return std::move(*old);                                              \
   }
 
-#define KEL_SET_ATTR_IN_(Storage, K, name, Name)                     \
-  KEL_COLL_COMMON_(K, ::Kel::Storage<K>, name, Name)                  \
-  bool name(const K& k) const { return name##_.contains(k); }        \
-  void name##Is(const K& k, bool present) {                          \
-    if (present ? name##_.insert(k) : name##_.erase(k)) {            \
-      name##Notify(k);                                               \
-    }                                                                \
-  }                                                                  \
+#define KEL_SET_ATTR_IN_(Storage, K, name, Name)                         \
+  KEL_COLL_DESCRIBE_(K, (bool), name, set,                               \
+    template <class E> static bool has(const E& e, const K& k) {         \
+      return e.name(k);                                                  \
+    }                                                                    \
+    template <class E> static void set(E& e, const K& k, bool v) {       \
+      e.name##Is(k, v);                                                  \
+    }                                                                    \
+    template <class E, class F> static void forEach(const E& e, F&& f) { \
+      for (const K& k : e.name##Iter()) {                                \
+        f(k, true);                                                      \
+      }                                                                  \
+    })                                                                   \
+  KEL_COLL_COMMON_(K, ::Kel::Storage<K>, name, Name)                      \
+  bool name(const K& k) const { return name##_.contains(k); }            \
+  void name##Is(const K& k, bool present) {                              \
+    if (present ? name##_.insert(k) : name##_.erase(k)) {                \
+      name##Changed_(k);                                                 \
+    }                                                                    \
+  }                                                                      \
   void name##Del(const K& k) { name##Is(k, false); }
 
 #define KEL_VALUE_COLL_ATTR_IN_(Storage, K, T, name, Name)                     \
+  KEL_COLL_DESCRIBE_(K, (T), name, valueColl,                                  \
+    template <class E> static bool has(const E& e, const K& k) {               \
+      return e.name##Has(k);                                                   \
+    }                                                                          \
+    template <class E> static const T& get(const E& e, const K& k) {           \
+      return e.name(k);                                                        \
+    }                                                                          \
+    template <class E> static void set(E& e, const T& v) { e.name##Is(v); }    \
+    template <class E, class F> static void forEach(const E& e, F&& f) {       \
+      for (auto&& [k, v] : e.name##Iter()) {                                   \
+        f(k, v);                                                               \
+      }                                                                        \
+    })                                                                         \
   KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, T>)), name, Name)       \
   const T& name(const K& k) const { return name##_.lookup(k); }                \
+  bool name##Has(const K& k) const { return name##_.find(k) != nullptr; }       \
   const T& name##Is(const T& v) {                                              \
     if (name##_.set(v.key(), v)) {                                             \
-      name##Notify(v.key());                                                   \
+      name##Changed_(v.key());                                                 \
     }                                                                          \
     /* a handler may have removed it again */                                  \
     return name##_.lookup(v.key());                                            \
@@ -435,11 +495,27 @@ inline void attachParent(Entity* parent, Entity* child) {
   void name##Commit(const T* v) { name##Is(*v); }                              \
   void name##Del(const K& k) {                                                 \
     if (name##_.erase(k)) {                                                    \
-      name##Notify(k);                                                         \
+      name##Changed_(k);                                                       \
     }                                                                          \
   }
 
 #define KEL_ENTITY_COLL_ATTR_IN_(Storage, K, E, name, Name)                           \
+  KEL_COLL_DESCRIBE_(K, (::Kel::Ptr<E>), name, entityColl,                            \
+    using ChildT = E;                                                                  \
+    template <class P> static bool has(const P& e, const K& k) {                      \
+      return e.name(k) != nullptr;                                                    \
+    }                                                                                 \
+    template <class P> static ::Kel::Ptr<E> get(const P& e, const K& k) {             \
+      return e.name(k);                                                               \
+    }                                                                                 \
+    template <class P> static ::Kel::Ptr<E> add(P& e, const K& k) {                   \
+      return e.name##Is(k);                                                           \
+    }                                                                                 \
+    template <class P, class F> static void forEach(const P& e, F&& f) {              \
+      for (auto&& [k, v] : e.name##Iter()) {                                          \
+        f(k, v);                                                                      \
+      }                                                                               \
+    })                                                                                \
   KEL_COLL_COMMON_(K, KEL_PP_UNPAREN_((::Kel::Storage<K, ::Kel::Ptr<E>>)), name, Name) \
   ::Kel::Ptr<E> name(const K& k) const { return name##_.lookup(k); }                  \
   template <class... A>                                                               \
@@ -450,7 +526,7 @@ inline void attachParent(Entity* parent, Entity* child) {
     ::Kel::Ptr<E> e = ::Kel::make<E>(k, std::forward<A>(args)...);                    \
     name##_.set(k, e);                                                                \
     ::Kel::internal::attachParent(this, e.get());                                     \
-    name##Notify(k);                                                                  \
+    name##Changed_(k);                                                                \
     return e;                                                                         \
   }                                                                                   \
   ::Kel::Ptr<E> name##Del(const K& k) {                                               \
@@ -458,7 +534,7 @@ inline void attachParent(Entity* parent, Entity* child) {
     if (!old) {                                                                       \
       return nullptr;                                                                 \
     }                                                                                 \
-    name##Notify(k);                                                                  \
+    name##Changed_(k);                                                                \
     return std::move(*old);                                                           \
   }
 

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "Kel/Attribute.h"
 #include "Kel/Ptr.h"
 
 namespace Kel {
@@ -86,8 +87,20 @@ class Entity : public RefCounted {
 
   const NotifieeList& notifieeList() const noexcept { return notifiees_; }
 
+  // The one observer of every attribute change (see Kel/Attribute.h); null detaches it.
+  void kelObserverIs(AttrObserver* observer) noexcept { observer_ = observer; }
+  AttrObserver* kelObserver() const noexcept { return observer_; }
+  // Where the attribute count of a class body starts (see Kel/Attribute.h).
+  static internal::AttrCount<0> kelAttrCount(internal::AttrRank<0>);
+
  protected:
   Entity() = default;
+
+  void kelObserve(int index, const void* key) const {
+    if (observer_) [[unlikely]] {
+      observer_->kelAttrChanged(index, key);
+    }
+  }
 
   // Calls `handler` with `args` on every attached notifiee whose notifications are on.
   // N is the entity's NotifieeConst type; every notifiee of this entity is one.
@@ -107,6 +120,7 @@ class Entity : public RefCounted {
  private:
   friend class NotifieeBase;
   mutable NotifieeList notifiees_;
+  AttrObserver* observer_ = nullptr;
 };
 
 // Creates an entity and hands out the first reference.

@@ -67,6 +67,16 @@ int runMldpDecode(const MldpDecodeOptions& options);
 // group, or the text when it holds no octets.
 std::string octetsFromHex(std::string_view text);
 
+// The state database: `statehub` names the instance, `path` an entity or a prefix.
+struct StateOptions {
+  std::string statehub = "default";
+  std::string path;
+};
+// One line per published path under `path` (all of them without one): "<path>  <type>".
+int runStateLs(const StateOptions& options);
+// Removes everything published in the instance.
+int runStateClear(const StateOptions& options);
+
 int runDump(const std::string& lfib);
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);

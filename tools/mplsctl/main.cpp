@@ -37,6 +37,7 @@ struct Invocation {
   uint64_t watchCount = 0;
   double watchTimeout = 0;
   Mplsctl::MldpDecodeOptions mldpDecode;
+  Mplsctl::StateOptions state;
 };
 
 void addLfibOption(CLI::App* command, std::string& lfib) {
@@ -150,6 +151,23 @@ void addMldp(CLI::App& app, Invocation& in) {
   decodeCmd->callback([&in] { in.run = [&in] { return Mplsctl::runMldpDecode(in.mldpDecode); }; });
 }
 
+void addState(CLI::App& app, Invocation& in) {
+  CLI::App* stateCmd = app.add_subcommand("state", "What the state database holds");
+  stateCmd->require_subcommand(1);
+  auto addStatehub = [&in](CLI::App* command) {
+    command->add_option("--statehub", in.state.statehub, "Name of the state database instance")
+        ->default_val("default");
+  };
+  CLI::App* lsCmd = stateCmd->add_subcommand("ls", "List the published paths and their types");
+  lsCmd->add_option("PATH", in.state.path, "Only the paths at or under this one");
+  addStatehub(lsCmd);
+  lsCmd->callback([&in] { in.run = [&in] { return Mplsctl::runStateLs(in.state); }; });
+  CLI::App* clearCmd =
+      stateCmd->add_subcommand("clear", "Remove everything published in the instance");
+  addStatehub(clearCmd);
+  clearCmd->callback([&in] { in.run = [&in] { return Mplsctl::runStateClear(in.state); }; });
+}
+
 // Runs the chosen subcommand; the errors a user can act on go to stderr, with status 1.
 int runReportingErrors(const std::function<int()>& run) {
   try {
@@ -179,6 +197,7 @@ int main(int argc, char** argv) {
   addWatch(app, in);
   addDemo(app, in);
   addMldp(app, in);
+  addState(app, in);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -49,6 +49,7 @@ class Child : public Kel::Entity {
 
 class Box : public Kel::Entity {
  public:
+  KEL_ENTITY(Box, "Demo::Box");
   class NotifieeConst : public Kel::NotifieeOf<Box> {
    public:
     virtual void onName() {}
@@ -227,6 +228,53 @@ TEST(Entity, EveryChangeNotifiesOnceWithItsKey) {
 
 // A set keeps a lone member inline and moves to a hash set for a second one: every step
 // of that, and back, answers the same as any set.
+// The descriptors walk every attribute in declaration order; a change made through them,
+// or through the setters, reaches the observer (quiesced or not) and raises the
+// collection's version, and only a change does.
+TEST(Entity, AttributesAreDescribedAndObserved) {
+  static_assert(Kel::DescribedEntity<Box> && Box::kelTypeName == "Demo::Box");
+  Lines attrs;
+  Kel::forEachAttr<Box>([&](auto a) {
+    attrs.push_back(fmt::format("{} {} {}", a.index, a.name, static_cast<int>(a.kind)));
+  });
+  EXPECT_EQ(attrs, (Lines{"0 name 0", "1 owner 0", "2 counter 1", "3 origin 1", "4 member 2",
+                          "5 entry 3", "6 child 4"}));
+  EXPECT_EQ(Kel::attrCount<Child>, 1);
+
+  struct Observer : Kel::AttrObserver {
+    void kelAttrChanged(int index, const void* key) override {
+      seen.push_back(fmt::format("{}{}", index, key ? "+key" : ""));
+    }
+    Lines seen;
+  } observer;
+  auto box = Kel::make<Box>();
+  box->kelObserverIs(&observer);
+  BoxLog log(box);
+  Kel::visitAttr<Box>(0, [&](auto a) {
+    if constexpr (std::is_same_v<typename decltype(a)::ValueT, Kel::String>) {
+      a.set(*box, Kel::String("x"));
+      a.set(*box, Kel::String("x"));
+    }
+  });
+  EXPECT_EQ(box->name(), Kel::String("x"));
+  Box::KelAttr_counter::set(*box, 1, 5);
+  box->memberNotifyQuiesced(true);
+  Box::KelAttr_member::set(*box, 2, true);
+  Box::KelAttr_entry::set(*box, Entry(Key(sourceBgp, IdxRange(1)), 9));
+  Box::KelAttr_entry::del(*box, Key(sourceBgp, IdxRange(2)));  // absent: no change
+  EXPECT_EQ(observer.seen, (Lines{"0", "2+key", "4+key", "5+key"}));
+  EXPECT_EQ(log.take(), (Lines{"name", "counter 1", "entry 1"}));
+  EXPECT_EQ(box->memberVersion(), 1u);
+  EXPECT_EQ(Box::KelAttr_entry::version(*box), 1u);
+  Lines walked;
+  Box::KelAttr_counter::forEach(*box, [&](uint32_t k, uint32_t v) {
+    walked.push_back(fmt::format("{}={}", k, v));
+  });
+  EXPECT_EQ(walked, Lines{"1=5"});
+  EXPECT_TRUE(Box::KelAttr_member::has(*box, 2));
+  EXPECT_FALSE(Kel::visitAttr<Box>(7, [](auto) {}));
+}
+
 TEST(Entity, SetCollectionThroughOneAndManyMembers) {
   auto box = Kel::make<Box>();
   // Each step adds ("+n") or removes ("-n") a member; the members after it.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Kel/Binary.h"
+#include "Kel/Codec.h"
 #include "Kel/FixedArray.h"
 #include "Kel/String.h"
 #include "Kel/ValueSet.h"
@@ -131,6 +132,31 @@ TEST(ValueType, ReaderNamesTheAttributeOutOfRange) {
   EXPECT_EQ(holderError(keyText("sourceLdp", 4)), "attribute 'key.index': " + range);
   EXPECT_EQ(holderError(keyText("sourceNone", 0)),
             "attribute 'key.source': 'sourceNone' is not a name of Demo::Source");
+}
+
+// The binary form reads back to an equal value, whatever the field kinds; equal keys have
+// equal bytes; bytes that do not make a value are refused, never read past.
+TEST(ValueType, BinaryFormReadsBackAndRefusesBadBytes) {
+  Holder h(Key(sourceBgp, IdxRange(2)), 7, green, Kel::String("eth\"1"), true,
+           Flags(5), 0.5, -3);
+  EXPECT_EQ(Kel::decoded<Holder>(Kel::encoded(h)), h);
+  Shelf shelf;
+  shelf.slotIs(2, Key(sourceLdp, 1));
+  Kel::ValueSet<Key> keys;
+  keys.insert(Key(sourceBgp, 3));
+  shelf.keysIs(keys);
+  EXPECT_EQ(Kel::decoded<Shelf>(Kel::encoded(shelf)), shelf);
+  EXPECT_EQ(Kel::encoded(Key(sourceBgp, IdxRange(1))), Kel::encoded(Key(sourceBgp, IdxRange(1))));
+  EXPECT_EQ(Kel::encoded(Flat(1, 2, 3)).size(), 12u);  // no padding: its bytes as they are
+
+  const std::string bytes = Kel::encoded(h);
+  for (size_t cut = 0; cut < bytes.size(); ++cut) {
+    EXPECT_THROW(Kel::decoded<Holder>(bytes.substr(0, cut)), Kel::SizeError) << cut;
+  }
+  EXPECT_THROW(Kel::decoded<Holder>(bytes + "x"), Kel::SizeError);
+  std::string badIndex = Kel::encoded(Key(sourceBgp, IdxRange(1)));
+  badIndex.back() = 9;  // above the range's maximum of 3
+  EXPECT_THROW(Kel::decoded<Key>(badIndex), Kel::RangeException);
 }
 
 TEST(ValueType, EqualityAndOrderFollowTheFields) {

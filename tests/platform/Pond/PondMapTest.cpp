@@ -511,7 +511,9 @@ TEST(PondMap, ReaderGivesUpOnAStuckWriter) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(r.find(Key(1), *std::make_unique<Row>()));
   r.forEach([](const Row&) { ADD_FAILURE(); });
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
+  // Two bounded waits of 2 s: far less than this even on a loaded machine, where a reader
+  // that spun until the writer moved on would never end.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
   ASSERT_EQ(reports.size(), 2u);
   const std::string stuck = fmt::format("its writer (pid {}) is stuck: ", ::getpid());
   EXPECT_THAT(reports[0], HasSubstr(stuck + "bucket "));

@@ -1,0 +1,301 @@
+// Publishing and mounting entities by path, in one process (the publisher and its readers
+// each with mappings of their own, as in separate processes) and across processes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Kel/ChildProcess.h"
+#include "Kel/EntityText.h"
+#include "Statehub/EntityManager.h"
+
+namespace Demo {
+
+class Block {
+ public:
+  KEL_VALUE(Block, "Demo::Block", (uint32_t, id), (uint32_t, start), (uint32_t, size));
+  uint32_t key() const noexcept { return id_; }
+};
+
+class Client : public Kel::Entity {
+ public:
+  KEL_ENTITY(Client, "Demo::Client");
+  class NotifieeConst : public Kel::NotifieeOf<Client> {
+   public:
+    virtual void onPriority() {}
+    virtual void onBlock(const uint32_t&) {}
+  };
+  explicit Client(const Kel::String& name) : name_(name) {}
+  const Kel::String& name() const noexcept { return name_; }
+
+  KEL_ATTR(uint32_t, priority, Priority)
+  KEL_VALUE_COLL_ATTR(uint32_t, Block, block, Block)
+
+ private:
+  Kel::String name_;
+};
+
+class Status : public Kel::Entity {
+ public:
+  KEL_ENTITY(Status, "Demo::Status");
+  class NotifieeConst : public Kel::NotifieeOf<Status> {
+   public:
+    virtual void onReady() {}
+    virtual void onMotd() {}
+    virtual void onLabel(const uint32_t&) {}
+    virtual void onMember(const Kel::String&) {}
+    virtual void onClient(const Kel::String&) {}
+  };
+
+  KEL_ATTR(bool, ready, Ready)
+  KEL_ATTR(Kel::String, motd, Motd)
+  KEL_MAP_ATTR(uint32_t, Kel::String, label, Label)
+  KEL_SET_ATTR(Kel::String, member, Member)
+  KEL_ENTITY_COLL_ATTR(Kel::String, Client, client, Client)
+};
+
+// Another type, for the mismatches.
+class Other : public Kel::Entity {
+ public:
+  KEL_ENTITY(Other, "Demo::Other");
+  class NotifieeConst : public Kel::NotifieeOf<Other> {
+   public:
+    virtual void onCount() {}
+  };
+  KEL_ATTR(uint32_t, count, Count)
+};
+
+}  // namespace Demo
+
+namespace {
+
+using namespace Demo;
+using Statehub::EntityManager;
+using ::testing::HasSubstr;
+
+// An instance of the state database of the test's own, removed before and after.
+class Statehub_ : public ::testing::Test {
+ protected:
+  Statehub_()
+      : instance(fmt::format("t{}-{}", ::getpid(),
+                             ::testing::UnitTest::GetInstance()->current_test_info()->name())) {
+    EntityManager::clear(instance);
+  }
+  ~Statehub_() override { EntityManager::clear(instance); }
+
+  std::string instance;
+  EntityManager::Ptr manager = Kel::make<EntityManager>(instance);
+};
+
+// Records the replica's notifications.
+class StatusLog : public Status::NotifieeConst {
+ public:
+  explicit StatusLog(const Kel::Ptr<Status>& s) { notifierIs(s); }
+  void onReady() override { seen.push_back("ready"); }
+  void onMotd() override { seen.push_back("motd"); }
+  void onLabel(const uint32_t& k) override { seen.push_back(fmt::format("label {}", k)); }
+  void onMember(const Kel::String& k) override { seen.push_back(fmt::format("member {}", k)); }
+  void onClient(const Kel::String& k) override { seen.push_back(fmt::format("client {}", k)); }
+  std::vector<std::string> seen;
+};
+
+TEST_F(Statehub_, ReplicaFollowsEveryKindOfAttributeWithItsNotifications) {
+  // A reader may come first: it stays pending until the path is published.
+  auto mount = manager->mount<Status>("mpls/status");
+  mount->processChanges();
+  EXPECT_EQ(mount->status(), Statehub::mountPending);
+
+  auto status = Kel::make<Status>();
+  status->motdIs(Kel::String("hello"));
+  status->labelIs(1, Kel::String("one"));
+  auto publication = manager->publish("mpls/status", status);
+  mount->processChanges();
+  ASSERT_EQ(mount->status(), Statehub::mountComplete);
+  const Kel::Ptr<Status>& replica = mount->entity();
+  EXPECT_EQ(Kel::entityText(*replica), Kel::entityText(*status));
+
+  StatusLog log(replica);
+  status->readyIs(true);
+  status->labelIs(2, Kel::String("two"));
+  status->labelIs(1, Kel::String("uno"));
+  status->memberIs(Kel::String("bgp"), true);
+  auto bgp = status->clientIs(Kel::String("bgp"));
+  bgp->priorityIs(3);
+  bgp->blockIs(Block(0, 100000, 16384));
+  bgp->blockIs(Block(1, 116384, 16384));
+  publication->flush();
+  mount->processChanges();
+  EXPECT_EQ(Kel::entityText(*replica), Kel::entityText(*status));
+  EXPECT_THAT(log.seen, ::testing::UnorderedElementsAre("ready", "label 1", "label 2",
+                                                        "member bgp", "client bgp"));
+
+  // Deletes, down to the nested entities' rows.
+  log.seen.clear();
+  bgp->blockDel(0);
+  status->labelDel(2);
+  publication->flush();
+  mount->processChanges();
+  EXPECT_EQ(replica->client(Kel::String("bgp"))->blocks(), 1u);
+  status->clientDel(Kel::String("bgp"));
+  status->memberDel(Kel::String("bgp"));
+  publication->flush();
+  mount->processChanges();
+  EXPECT_EQ(Kel::entityText(*replica), Kel::entityText(*status));
+  EXPECT_THAT(log.seen, ::testing::UnorderedElementsAre("label 2", "client bgp", "member bgp"));
+}
+
+TEST_F(Statehub_, PublishedStateOutlivesItsPublisherWhoFindsItAgain) {
+  auto status = Kel::make<Status>();
+  auto publication = manager->publish("mpls/status", status);
+  status->clientIs(Kel::String("ldp"))->blockIs(Block(4, 200000, 16384));
+  status->labelIs(7, Kel::String("seven"));
+  const std::string before = Kel::entityText(*status);
+  publication = nullptr;
+  status = nullptr;
+
+  // Readers still see it; a restarted publisher finds it, and its repairs reach them.
+  auto mount = manager->mount<Status>("mpls/status");
+  mount->processChanges();
+  ASSERT_EQ(mount->status(), Statehub::mountComplete);
+  EXPECT_EQ(Kel::entityText(*mount->entity()), before);
+  auto restarted = Kel::make<Status>();
+  publication = manager->publish("mpls/status", restarted);
+  EXPECT_EQ(Kel::entityText(*restarted), before);
+  restarted->labelDel(7);
+  publication->flush();
+  mount->processChanges();
+  EXPECT_EQ(Kel::entityText(*mount->entity()), Kel::entityText(*restarted));
+  EXPECT_EQ(manager->paths(), std::vector<std::string>{"mpls/status"});
+}
+
+TEST_F(Statehub_, BadUseIsRefusedNamingThePath) {
+  auto status = Kel::make<Status>();
+  auto publication = manager->publish("mpls/status", status);
+  const std::string path = "path 'mpls/status' of statehub '" + instance + "'";
+  EXPECT_THAT([&] { manager->publish("mpls/status", Kel::make<Status>()); },
+              ::testing::ThrowsMessage<Statehub::PublisherExistsError>(
+                  HasSubstr(path + " has a publisher already")));
+  publication = nullptr;
+  EXPECT_THAT([&] { manager->publish("mpls/status", Kel::make<Other>()); },
+              ::testing::ThrowsMessage<Statehub::Error>(
+                  path + " holds a Demo::Status, not a Demo::Other"));
+  auto mount = manager->mount<Other>("mpls/status");
+  mount->processChanges();
+  EXPECT_EQ(mount->status(), Statehub::mountFailed);
+  EXPECT_EQ(mount->error(), path + " holds a Demo::Status, not a Demo::Other");
+  for (const char* bad : {"", "/mpls", "mpls/", "mpls//status", "mpls/st atus"}) {
+    EXPECT_THAT([&] { manager->mount<Status>(bad); },
+                ::testing::ThrowsMessage<Statehub::Error>(HasSubstr("invalid statehub path")))
+        << bad;
+  }
+  EXPECT_THROW(EntityManager("a/b"), Statehub::Error);
+}
+
+TEST_F(Statehub_, DirectoryEntriesAppearAndGo) {
+  auto dir = manager->mountDir<Client>("mpls/labelRequest",
+                                       [](const std::string& name) {
+                                         return Kel::make<Client>(Kel::String(name));
+                                       });
+  std::vector<Kel::Ptr<Client>> clients;
+  std::vector<Statehub::Publication::Ptr> publications;
+  for (const char* name : {"bgp", "ldp", "sr"}) {
+    clients.push_back(Kel::make<Client>(Kel::String(name)));
+    clients.back()->priorityIs(static_cast<uint32_t>(clients.size()));
+    publications.push_back(manager->publish(std::string("mpls/labelRequest/") + name, clients.back()));
+  }
+  // Deeper paths are not entries.
+  auto deeper = manager->publish("mpls/labelRequest/bgp/extra", Kel::make<Other>());
+  dir->processChanges();
+  dir->processChanges();
+  ASSERT_EQ(dir->dir()->entityPtrs(), 3u);
+  auto ldp = Kel::Ptr<Client>(static_cast<Client*>(dir->dir()->entityPtr(Kel::String("ldp")).get()));
+  EXPECT_EQ(ldp->priority(), 2u);
+  clients[1]->priorityIs(9);
+  publications[1]->flush();
+  dir->processChanges();
+  EXPECT_EQ(ldp->priority(), 9u);
+
+  publications[0] = nullptr;
+  EXPECT_TRUE(manager->remove("mpls/labelRequest/bgp"));
+  dir->processChanges();
+  EXPECT_FALSE(dir->dir()->entityPtrHas(Kel::String("bgp")));
+  EXPECT_EQ(dir->dir()->entityPtrs(), 2u);
+}
+
+// Blocks as every publisher below writes them: a block's start follows from its id.
+bool wholeBlocks(const Status& s) {
+  bool whole = true;
+  for (const auto& [name, client] : s.clientIter()) {
+    for (const auto& [id, block] : client->blockIter()) {
+      whole = whole && block.start() == 100000 + id * 16384 && block.size() == 16384;
+    }
+  }
+  return whole;
+}
+
+// A publisher in a process of its own, killed with SIGKILL at random moments while it
+// churns: the reader never meets a block half written, and each restarted publisher finds
+// exactly what the reader last saw.
+TEST_F(Statehub_, KilledPublisherNeverTearsARowAndFindsItsStateOnRestart) {
+  auto mount = manager->mount<Status>("mpls/status");
+  std::mt19937 random(::testing::UnitTest::GetInstance()->random_seed());
+  const std::string inst = instance;
+  for (int round = 0; round < 25; ++round) {
+    Kel::ChildProcess publisher([&inst, round](Kel::ChildProcess::Channel& channel) {
+      auto m = Kel::make<EntityManager>(inst);
+      auto status = Kel::make<Status>();
+      auto publication = m->publish("mpls/status", status);
+      std::string loaded = Kel::entityText(*status);
+      std::replace(loaded.begin(), loaded.end(), '\n', '|');
+      channel.reply(loaded);
+      if (!channel.request(std::chrono::seconds(10))) {
+        return 1;
+      }
+      channel.reply("churning");
+      std::mt19937 r(static_cast<uint32_t>(round));
+      for (uint32_t n = 0;; ++n) {
+        auto client = status->clientIs(Kel::String(fmt::format("c{}", r() % 8)));
+        const uint32_t id = r() % 32;
+        if (r() % 3 == 0) {
+          client->blockDel(id);
+        } else {
+          client->blockIs(Block(id, 100000 + id * 16384, 16384));
+        }
+        if (r() % 16 == 0) {
+          status->clientDel(client->name());
+        }
+        status->labelIs(r() % 64, Kel::String(fmt::format("gen {}", n)));
+        publication->flush();
+      }
+      return 0;
+    });
+    std::string found;
+    ASSERT_TRUE(publisher.awaitReply(std::chrono::seconds(10), &found));
+    // What the restarted publisher loaded is what the reader sees.
+    mount->processChanges();
+    if (round > 0) {
+      std::string seen = Kel::entityText(*mount->entity());
+      std::replace(seen.begin(), seen.end(), '\n', '|');
+      EXPECT_EQ(found, seen) << "round " << round;
+    }
+    ASSERT_EQ(publisher.ask("go"), "churning");
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 40);
+    while (std::chrono::steady_clock::now() < until) {
+      mount->processChanges();
+      ASSERT_TRUE(wholeBlocks(*mount->entity())) << "round " << round;
+    }
+    publisher.kill();
+    mount->processChanges();
+    ASSERT_TRUE(wholeBlocks(*mount->entity())) << "round " << round;
+  }
+  EXPECT_EQ(mount->status(), Statehub::mountComplete);
+  EXPECT_GT(mount->entity()->labels(), 0u);
+  EXPECT_GT(mount->entity()->clients(), 0u);
+}
+
+}  // namespace
