@@ -47,21 +47,31 @@ void futexWakeAll(const uint32_t* word) {
   ::syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
-// The names under /dev/shm of the group's segments and of its temporaries.
+// Calls f(file, what) for every file under /dev/shm that is a Pond segment or temporary.
 template <class F>
-void forEachShmFile(std::string_view group, F&& f) {
-  const std::string prefix = fmt::format("pond.{}.", group);
+void forEachShmFile(F&& f) {
   DIR* dir = ::opendir("/dev/shm");
   if (!dir) {
     return;
   }
   while (dirent* e = ::readdir(dir)) {
     std::string_view file(e->d_name);
-    if (file.starts_with(prefix)) {
-      f(file, file.substr(prefix.size()));
+    if (auto what = Segment::parseFileName(file)) {
+      f(file, *what);
     }
   }
   ::closedir(dir);
+}
+
+// The same for the files of one group: its segments and its temporaries.
+template <class F>
+void forEachShmFile(std::string_view group, F&& f) {
+  const std::string stem = Segment::groupStem(group);
+  forEachShmFile([&](std::string_view file, const Segment::ShmFile& what) {
+    if (what.stem == stem) {
+      f(file, what);
+    }
+  });
 }
 
 // Removes the temporaries ("<segment>.tmp<pid>.<n>", see Segment::create) that processes
@@ -69,18 +79,8 @@ void forEachShmFile(std::string_view group, F&& f) {
 // process's temporary is its own business.
 size_t removeDeadTemporaries(std::string_view group) {
   std::vector<std::string> dead;
-  forEachShmFile(group, [&](std::string_view file, std::string_view rest) {
-    size_t at = rest.starts_with("tmp") ? 0 : rest.find(".tmp");
-    if (at == std::string_view::npos) {
-      return;
-    }
-    at += rest[at] == '.' ? 4 : 3;
-    pid_t pid = 0;
-    for (; at < rest.size() && rest[at] >= '0' && rest[at] <= '9' && pid < 1 << 24; ++at) {
-      pid = pid * 10 + (rest[at] - '0');
-    }
-    if (pid > 0 && at < rest.size() && rest[at] == '.' && ::kill(pid, 0) != 0 &&
-        errno == ESRCH) {
+  forEachShmFile(group, [&](std::string_view file, const Segment::ShmFile& what) {
+    if (what.creator != 0 && ::kill(what.creator, 0) != 0 && errno == ESRCH) {
       dead.emplace_back(file);
     }
   });
@@ -173,7 +173,7 @@ const GroupHeader* MountGroup::header() const noexcept {
 }
 
 MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& options) {
-  Segment::checkName("mount group", name);
+  Segment::checkGroupName(name);
   if ((options.mode & 0022) != 0) {
     throw SegmentError(fmt::format("mount group '{}': mode {:04o} lets others than the writer "
                                    "write its segments; readers would refuse them",
@@ -233,7 +233,7 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
 }
 
 MountGroup::Ptr MountGroup::reader(std::string_view name) {
-  Segment::checkName("mount group", name);
+  Segment::checkGroupName(name);
   Ptr group(new MountGroup(std::string(name), Role::reader, {}));
   group->tryOpenGroup();
   return group;
@@ -254,7 +254,7 @@ MountGroup::~MountGroup() {
 }
 
 size_t MountGroup::removeSegments(std::string_view name) {
-  Segment::checkName("mount group", name);
+  Segment::checkGroupName(name);
   size_t removed = 0;
   std::optional<SegmentError> failed;
   auto remove = [&](const std::string& shm) {
@@ -276,7 +276,7 @@ size_t MountGroup::removeSegments(std::string_view name) {
 }
 
 std::optional<TableSizing> MountGroup::tableSizing(std::string_view name, std::string_view table) {
-  Segment::checkName("mount group", name);
+  Segment::checkGroupName(name);
   Segment::checkName("table", table);
   auto s = Segment::open(Segment::tableShmName(name, table), false, sizeof(internal::TableHeader));
   if (!s) {
@@ -299,9 +299,25 @@ std::optional<TableSizing> MountGroup::tableSizing(std::string_view name, std::s
 
 std::vector<std::string> MountGroup::tableNames(std::string_view name) {
   std::vector<std::string> out;
-  forEachShmFile(name, [&](std::string_view, std::string_view table) {
-    if (table.find('.') == std::string_view::npos) {  // not a temporary name
-      out.emplace_back(table);
+  forEachShmFile(name, [&](std::string_view, const Segment::ShmFile& what) {
+    if (!what.table.empty() && what.creator == 0) {
+      out.push_back(what.table);
+    }
+  });
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+std::vector<std::string> MountGroup::groupsUnder(std::string_view prefix) {
+  if (!prefix.empty()) {
+    Segment::checkGroupName(prefix);
+  }
+  std::vector<std::string> out;
+  forEachShmFile([&](std::string_view, const Segment::ShmFile& what) {
+    if (what.table.empty() && what.creator == 0) {
+      if (auto group = Segment::groupOf(what); group && Segment::groupUnder(*group, prefix)) {
+        out.push_back(std::move(*group));
+      }
     }
   });
   std::sort(out.begin(), out.end());

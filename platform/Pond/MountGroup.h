@@ -2,9 +2,16 @@
 //
 // The writer creates the group (or re-attaches to the one a previous writer left) and
 // its tables; readers in other processes mount the group by name, whether or not the
-// writer has created it yet, and follow it as it appears. A group's segments are
-// "/pond.<group>" and "/pond.<group>.<table>" under /dev/shm, mode 0600 unless the writer
-// names a group whose members may read them.
+// writer has created it yet, and follow it as it appears.
+//
+// Names: a group is named by a path, one or more names of 1 to 64 letters, digits, '_'
+// and '-' separated by single '/', at most 255 characters in all ("lfib",
+// "default/mpls/config"); a table by one such name. A group's segments are
+// "/pond.<group>" and "/pond.<group>.<table>" under /dev/shm with '+' for every '/' of the
+// path ("/pond.default+mpls+config.rows"; a path too long for a file name is shortened and
+// followed by its hash), mode 0600 unless the writer names a group whose members may read
+// them. Every function given a group's name throws SegmentError, quoting it, when it
+// breaks these rules.
 //
 // Writer: exactly one live process per group; a second one gets WriterExistsError. Every
 // writer that attaches starts a new incarnation, which readers see (they resynchronise).
@@ -111,6 +118,10 @@ class MountGroup : public Kel::Entity {
   static std::optional<TableSizing> tableSizing(std::string_view name, std::string_view table);
   // The names of the group's tables that exist now.
   static std::vector<std::string> tableNames(std::string_view name);
+  // The groups whose segment exists now and whose path lies strictly under `prefix`
+  // ("a/b" and "a/b/c" under "a"; not "a" itself, nor "ab/c"), sorted; every group for an
+  // empty prefix. Half-made segments are not groups. Pond::GroupWatch follows the same set.
+  static std::vector<std::string> groupsUnder(std::string_view prefix);
 
   ~MountGroup() override;
 

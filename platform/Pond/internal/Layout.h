@@ -15,8 +15,11 @@ namespace Pond::internal {
 constexpr uint64_t kGroupMagic = 0x31505247444e4f50ull;  // "PONDGRP1"
 constexpr uint64_t kTableMagic = 0x31424154444e4f50ull;  // "PONDTAB1"
 // 2: keys of up to 16 bytes hash with Kel's short-key mix.
-constexpr uint32_t kLayoutVersion = 2;
-constexpr uint32_t kNameMax = 64;  // bytes of a group or table name, without its zero
+// 3: group names are paths of up to 255 bytes (group headers of 320 bytes, tables' of 512).
+constexpr uint32_t kLayoutVersion = 3;
+constexpr uint32_t kNameMax = 64;        // bytes of a table name or of one component of a
+                                         // group's path, without its zero
+constexpr uint32_t kGroupNameMax = 255;  // bytes of a group's path, without its zero
 constexpr uint32_t kMaxKeySize = 256;
 
 // Chains link slots by index + 1, so that 0 ends a chain and a zero-filled segment holds
@@ -29,8 +32,7 @@ struct alignas(64) GroupHeader {
   uint64_t magic;
   uint32_t layoutVersion;
   uint32_t headerSize;
-  char name[kNameMax + 1];
-  uint8_t reserved0[7];
+  char name[kGroupNameMax + 1];
   uint32_t writerPid;         // the attached writer, 0 when none
   uint32_t reserved1;
   uint64_t writerStartTime;   // its start time (clock ticks since boot, /proc/PID/stat)
@@ -38,7 +40,8 @@ struct alignas(64) GroupHeader {
   uint32_t wakeSeq;           // futex word: bumped when the writer publishes changes
   uint32_t reserved2;
 };
-static_assert(std::is_standard_layout_v<GroupHeader> && sizeof(GroupHeader) == 128);
+static_assert(std::is_standard_layout_v<GroupHeader> && sizeof(GroupHeader) == 320 &&
+              offsetof(GroupHeader, writerPid) == 272 && offsetof(GroupHeader, wakeSeq) == 296);
 
 // The table segment's header. Sizes and offsets are fixed by the creating writer;
 // version, rowCount, slotHighWater and logHead move with every change.
@@ -47,9 +50,9 @@ struct alignas(64) TableHeader {
   uint32_t layoutVersion;
   uint32_t headerSize;
   uint64_t fingerprint;  // of the key and row types and their layout
-  char group[kNameMax + 1];
+  char group[kGroupNameMax + 1];
   char table[kNameMax + 1];
-  uint8_t reserved0[6];
+  uint8_t reserved0[7];
   uint32_t capacity;      // slots, the most rows the table holds
   uint32_t bucketCount;   // a power of two, at least capacity
   uint32_t slotSize;      // bytes per slot, a multiple of 8
@@ -73,7 +76,8 @@ struct alignas(64) TableHeader {
   uint32_t rowCount;
   uint32_t slotHighWater;  // slots at or above it have never been used
 };
-static_assert(std::is_standard_layout_v<TableHeader> && sizeof(TableHeader) == 320);
+static_assert(std::is_standard_layout_v<TableHeader> && sizeof(TableHeader) == 512 &&
+              offsetof(TableHeader, capacity) == 352 && offsetof(TableHeader, rowCount) == 456);
 
 // A hash bucket: the head of a chain of slots, guarded by a sequence counter that is odd
 // while the writer changes the chain.

@@ -5,15 +5,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "Kel/Hash.h"
 #include "Kel/Quote.h"
 #include "Pond/Exception.h"
+#include "Pond/internal/Layout.h"
 #include "Pond/internal/MappingGuard.h"
 
 namespace Pond::internal {
@@ -50,6 +54,36 @@ std::string ownerText(const std::string& shmName) {
     return {};
   }
   return fmt::format(" (owner uid {}, mode {:04o})", st.st_uid, st.st_mode & 07777);
+}
+
+bool nameChar(char c) noexcept {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+         c == '-';
+}
+
+bool validName(std::string_view name) noexcept {
+  return !name.empty() && name.size() <= kNameMax &&
+         std::all_of(name.begin(), name.end(), nameChar);
+}
+
+bool allDigits(std::string_view s) noexcept {
+  return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// A group's path as it stands in a segment's name, and back.
+constexpr char kShmSeparator = '+';
+constexpr char kHashMark = '~';
+// A file name holds 255 bytes (NAME_MAX): "pond.", the stem, "." and a table's name, and a
+// temporary's ".tmp<pid>.<n>" (a pid of at most 7 digits, n a uint32) fit beside a stem of
+// at most 163. A hashed stem keeps the path's start, for a person reading /dev/shm.
+constexpr size_t kTemporarySuffixMax = 4 + 7 + 1 + 10;
+constexpr size_t kStemMax = 255 - 5 - (1 + kNameMax) - kTemporarySuffixMax;
+constexpr size_t kHashDigits = 16;
+constexpr size_t kStemKept = kStemMax - 1 - kHashDigits;
+
+bool hexDigits(std::string_view s) noexcept {
+  return std::all_of(s.begin(), s.end(),
+                     [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 bool permissionDenied(int err) { return err == EACCES || err == EPERM; }
@@ -146,21 +180,133 @@ void Segment::reset() noexcept {
 }
 
 void Segment::checkName(std::string_view what, std::string_view name) {
-  bool ok = !name.empty() && name.size() <= 64;
-  for (char c : name) {
-    ok = ok && ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                c == '_' || c == '-');
-  }
-  if (!ok) {
+  if (!validName(name)) {
     throw SegmentError(fmt::format(
         "invalid {} name {}: use 1 to 64 letters, digits, '_' and '-'", what, Kel::quoted(name)));
   }
 }
 
-std::string Segment::groupShmName(std::string_view group) { return fmt::format("/pond.{}", group); }
+bool Segment::validGroupName(std::string_view name) noexcept {
+  if (name.empty() || name.size() > kGroupNameMax) {
+    return false;
+  }
+  for (size_t start = 0;;) {
+    size_t slash = name.find('/', start);
+    if (!validName(name.substr(start, slash - start))) {
+      return false;
+    }
+    if (slash == std::string_view::npos) {
+      return true;
+    }
+    start = slash + 1;
+  }
+}
+
+void Segment::checkGroupName(std::string_view name) {
+  if (!validGroupName(name)) {
+    throw SegmentError(fmt::format(
+        "invalid mount group name {}: use names of 1 to 64 letters, digits, '_' and '-', "
+        "separated by single '/', at most 255 characters in all",
+        Kel::quoted(name, kGroupNameMax + 1)));
+  }
+}
+
+bool Segment::groupUnder(std::string_view group, std::string_view prefix) noexcept {
+  return prefix.empty() || (group.size() > prefix.size() + 1 && group.starts_with(prefix) &&
+                            group[prefix.size()] == '/');
+}
+
+std::string Segment::groupStem(std::string_view group) {
+  std::string stem(group);
+  std::replace(stem.begin(), stem.end(), '/', kShmSeparator);
+  if (stem.size() > kStemMax) {
+    stem = fmt::format("{}{}{:016x}", stem.substr(0, kStemKept), kHashMark,
+                       XXH64(group.data(), group.size(), 0));
+  }
+  return stem;
+}
+
+std::string Segment::groupShmName(std::string_view group) {
+  return fmt::format("/pond.{}", groupStem(group));
+}
 
 std::string Segment::tableShmName(std::string_view group, std::string_view table) {
-  return fmt::format("/pond.{}.{}", group, table);
+  return fmt::format("/pond.{}.{}", groupStem(group), table);
+}
+
+std::optional<Segment::ShmFile> Segment::parseFileName(std::string_view file) {
+  constexpr std::string_view kPrefix = "pond.";
+  if (!file.starts_with(kPrefix)) {
+    return std::nullopt;
+  }
+  file.remove_prefix(kPrefix.size());
+  // "<group>", "<group>.<table>", and either followed by ".tmp<pid>.<n>".
+  std::string_view fields[4];
+  size_t count = 0;
+  for (;;) {
+    if (count == 4) {
+      return std::nullopt;
+    }
+    size_t dot = file.find('.');
+    fields[count++] = file.substr(0, dot);
+    if (dot == std::string_view::npos) {
+      break;
+    }
+    file.remove_prefix(dot + 1);
+  }
+  ShmFile out;
+  if (count >= 3) {
+    std::string_view tmp = fields[count - 2];
+    if (!tmp.starts_with("tmp") || !allDigits(tmp.substr(3)) || !allDigits(fields[count - 1])) {
+      return std::nullopt;
+    }
+    if (std::from_chars(tmp.data() + 3, tmp.data() + tmp.size(), out.creator).ec != std::errc() ||
+        out.creator <= 0) {
+      return std::nullopt;
+    }
+    count -= 2;
+  }
+  if (count == 2) {
+    if (!validName(fields[1])) {
+      return std::nullopt;
+    }
+    out.table = fields[1];
+  }
+  out.stem = fields[0];
+  const size_t mark = out.stem.find(kHashMark);
+  if (mark == std::string::npos) {
+    out.group = out.stem;
+    std::replace(out.group.begin(), out.group.end(), kShmSeparator, '/');
+    return validGroupName(out.group) ? std::optional(std::move(out)) : std::nullopt;
+  }
+  const std::string_view stem = out.stem;
+  const bool kept = std::all_of(stem.begin(), stem.begin() + mark,
+                                [](char c) { return c == kShmSeparator || nameChar(c); });
+  return kept && mark == kStemKept && stem.size() == kStemMax && hexDigits(stem.substr(mark + 1))
+             ? std::optional(std::move(out))
+             : std::nullopt;
+}
+
+std::optional<std::string> Segment::groupOf(const ShmFile& file) {
+  if (!file.group.empty()) {
+    return file.group;
+  }
+  std::optional<Segment> s;
+  try {
+    s = open(fmt::format("/pond.{}", file.stem), false, sizeof(GroupHeader));
+  } catch (const SegmentError&) {
+    return std::nullopt;  // not a segment this process may read: not one it can name
+  }
+  if (!s) {
+    return std::nullopt;
+  }
+  const auto* h = reinterpret_cast<const GroupHeader*>(s->base());
+  if (h->magic != kGroupMagic || h->layoutVersion != kLayoutVersion ||
+      std::memchr(h->name, 0, sizeof(h->name)) == nullptr || !validGroupName(h->name) ||
+      groupStem(h->name) != file.stem) {
+    return std::nullopt;
+  }
+  return std::string(h->name);
 }
 
 std::string Segment::pathOf(std::string_view shmName) { return fmt::format("/dev/shm{}", shmName); }

@@ -1,10 +1,15 @@
 // A POSIX shared-memory segment, mapped whole. Internal to platform/Pond.
 //
-// Segments are named "/pond.<group>" and "/pond.<group>.<table>"; names are checked
-// against a safe character set before any system call. A new segment is created under a
-// temporary name, filled by its creator and only then linked under its real name, so
-// that nobody ever opens a half-initialised segment, and two creators cannot both
-// succeed.
+// Segments are named "/pond.<stem>" and "/pond.<stem>.<table>". A group's stem is its path
+// written with '+' for '/' ("/pond.default+mpls+config"): no name holds a '+' or a '.', so
+// a file under /dev/shm reads back as one group and table only. A path too long for that
+// (a file name holds 255 bytes, a temporary's included) has the stem "<the first 146
+// bytes of that>~<the path's 64-bit hash in hex>", and its group's header names it. Names
+// are checked against a safe character set before any system call.
+//
+// A new segment is created under a temporary name, filled by its creator and only then
+// linked under its real name, so that nobody ever opens a half-initialised segment, and
+// two creators cannot both succeed.
 #pragma once
 
 #include <sys/types.h>
@@ -37,10 +42,35 @@ class Segment {
   ~Segment();
 
   // Throws Pond::SegmentError unless `name` is 1 to 64 of [A-Za-z0-9_-]. `what` names the
-  // kind of name in the message ("mount group", "table").
+  // kind of name in the message ("table").
   static void checkName(std::string_view what, std::string_view name);
+  // Throws Pond::SegmentError unless `name` is a mount group's path: one or more names as
+  // above separated by single '/', at most 255 characters in all.
+  static void checkGroupName(std::string_view name);
+  static bool validGroupName(std::string_view name) noexcept;
+  // Whether `group` lies strictly under the path `prefix` ("a/b" under "a", not "ab/c" nor
+  // "a" itself); every group lies under the empty prefix.
+  static bool groupUnder(std::string_view group, std::string_view prefix) noexcept;
+  // The group's stem, as above.
+  static std::string groupStem(std::string_view group);
   static std::string groupShmName(std::string_view group);
   static std::string tableShmName(std::string_view group, std::string_view table);
+
+  // What a file under /dev/shm is to Pond: a group's segment, a table's, or the temporary
+  // of either (see create()).
+  struct ShmFile {
+    std::string stem;
+    std::string group;  // the group's path; empty when the stem is a hash
+    std::string table;  // empty for the group's own segment
+    pid_t creator = 0;  // a temporary's creating process; 0 for a published segment
+  };
+  // The file named `file` ("pond.a+b.rows", no directory); nullopt for a name Pond does not
+  // make.
+  static std::optional<ShmFile> parseFileName(std::string_view file);
+  // The path of the group whose segment is `file` (a published group segment): from its
+  // name, or when that holds a hash from its header. nullopt when the header cannot be
+  // read, or names a group of another stem.
+  static std::optional<std::string> groupOf(const ShmFile& file);
   // The file behind a shared-memory name ("/dev/shm/pond.lfib").
   static std::string pathOf(std::string_view shmName);
 
