@@ -37,7 +37,7 @@ auto rawTable(const std::string& group, const char* table) {
 }
 
 TEST(PondMap, WriterAndReaderAgree) {
-  ScopedGroupName g("agree");
+  ScopedGroupName g("agree/rows/all");  // a group named by a path
   auto writer = MountGroup::writer(*g);
   PondMap<Key, Row> w(writer, "rows", sized(64));
   auto reader = MountGroup::reader(*g);
@@ -334,6 +334,35 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
   EXPECT_EQ(stored, 4u * 9);
 }
 
+// Groups named by paths: a group lies under another when its path continues the other's
+// past a '/' ("a/b" under "a", "ab/c" not), and its segments are its own: removing "a/b"
+// leaves "a/b/c" and "a" whole, though a/b's table "c" and the group "a/b/c" differ by
+// one character in /dev/shm ("pond.a+b.c", "pond.a+b+c"). Half-made segments are not groups.
+TEST(MountGroup, GroupsUnderAPathAreListedAndRemovedApart) {
+  ScopedGroupName a("paths"), ab("paths/b"), abc("paths/b/c"), other("pathsb/c");
+  for (const ScopedGroupName* group : {&a, &ab, &abc, &other}) {
+    auto writer = MountGroup::writer(**group);
+    PondMap<Key, Row>(writer, "rows", sized(4));
+    if (group == &ab) {
+      PondMap<Key, Row>(writer, "c", sized(4));
+    }
+  }
+  const std::string temporary = fmt::format("/dev/shm/pond.{}+d.tmp{}.7", *a, ::getpid());
+  std::ofstream(temporary) << "half";
+  using Groups = std::vector<std::string>;
+  EXPECT_EQ(MountGroup::groupsUnder(*a), (Groups{*ab, *abc}));
+  EXPECT_EQ(MountGroup::groupsUnder(*ab), (Groups{*abc}));
+  EXPECT_THAT(MountGroup::groupsUnder(""), ::testing::IsSupersetOf({*a, *ab, *abc, *other}));
+  EXPECT_EQ(MountGroup::tableNames(*ab), (Groups{"c", "rows"}));
+
+  EXPECT_EQ(MountGroup::removeSegments(*ab), 3u);
+  EXPECT_EQ(MountGroup::groupsUnder(*a), (Groups{*abc}));
+  EXPECT_EQ(MountGroup::tableNames(*abc), (Groups{"rows"}));
+  EXPECT_EQ(MountGroup::tableNames(*a), (Groups{"rows"}));
+  EXPECT_TRUE(std::filesystem::exists(temporary));
+  ::unlink(temporary.c_str());
+}
+
 // ---------------------------------------------------------------------------------------
 // Hostile segments: what another process (or user) may put in a group's place.
 
@@ -394,13 +423,13 @@ TEST(PondMap, HostileSegmentsAreRefusedSayingWhy) {
       {"half its size", [&] { return ::truncate(path.c_str(), static_cast<off_t>(size / 2)); },
        fmt::format("{}truncated: {} bytes, its header claims {}", table, size / 2, size)},
       {"ten bytes", [&] { return ::truncate(path.c_str(), 10); },
-       segment + " is truncated: 10 bytes, at least 320 expected"},
+       segment + " is truncated: 10 bytes, at least 512 expected"},
       {"bad sizes",
        [&] { return patch(offsetof(Pond::internal::TableHeader, capacity), 0xFFFFFFFFull << 32 | 16); },
        table + "its sizes and offsets do not match each other"},
       {"layout version 9",
-       [&] { return patch(offsetof(Pond::internal::TableHeader, layoutVersion), 9 | (320ull << 32)); },
-       fmt::format("{}layout version 9 with a 320-byte header; this build reads version {} (320)",
+       [&] { return patch(offsetof(Pond::internal::TableHeader, layoutVersion), 9 | (512ull << 32)); },
+       fmt::format("{}layout version 9 with a 512-byte header; this build reads version {} (512)",
                    table, Pond::internal::kLayoutVersion)},
       {"another magic", [&] { return patch(0, 0x1234); }, table + "not a Pond table (magic 0x1234)"},
       // The row count sizes readers' buffers: one beyond the capacity is not trusted. (The
@@ -461,6 +490,27 @@ TEST(PondMap, NamesTypesModesAndOwnersAreChecked) {
               ::testing::ThrowsMessage<Pond::SegmentError>(HasSubstr("name 'a/b\\x1b'")));
   EXPECT_THROW(MountGroup::writer(".."), Pond::SegmentError);
   EXPECT_THROW((PondMap<Key, Row>(writer, "rows.x", sized(4))), Pond::SegmentError);
+  EXPECT_THROW((PondMap<Key, Row>(writer, "rows/x", sized(4))), Pond::SegmentError);
+  // A group's name is a path of names, 255 characters at most. The longest, too long to
+  // stand whole in a segment's name, holds rows and is listed like any other.
+  const std::string n64(64, 'n');
+  const std::string top = *g + "-long";
+  ScopedGroupName longest(top.substr(top.find('-') + 1) + "/" + n64 + "/" + n64 + "/" + n64 + "/" +
+                          std::string(255 - top.size() - 3 * 65 - 1, 'z'));
+  ASSERT_EQ((*longest).size(), 255u);
+  PondMap<Key, Row>(MountGroup::writer(*longest), "rows", sized(4)).upsert(Row::of(1, 1));
+  EXPECT_EQ((PondMap<Key, Row>(MountGroup::reader(*longest), "rows").lookup(Key(1))),
+            Row::of(1, 1));
+  EXPECT_EQ(MountGroup::groupsUnder(top), std::vector<std::string>{*longest});
+  EXPECT_EQ(MountGroup::tableNames(*longest), std::vector<std::string>{"rows"});
+  for (const std::string& bad : std::vector<std::string>{"/a", "a/", "a//b", "a/" + n64 + "x",
+                                                        *longest + "z", "a+b", "a/./b", ""}) {
+    EXPECT_THROW(MountGroup::reader(bad), Pond::SegmentError) << bad;
+  }
+  EXPECT_THAT([] { MountGroup::removeSegments("mpls//config"); },
+              ::testing::ThrowsMessage<Pond::SegmentError>(::testing::Eq(
+                  "invalid mount group name 'mpls//config': use names of 1 to 64 letters, "
+                  "digits, '_' and '-', separated by single '/', at most 255 characters in all")));
   const std::string groupPath =
       Pond::internal::Segment::pathOf(Pond::internal::Segment::groupShmName(*g));
   struct stat st {};
