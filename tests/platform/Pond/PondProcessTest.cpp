@@ -1,5 +1,7 @@
 // Pond with real processes: a reader in a forked child follows a writer through its
-// change log, and through a resync once it falls behind.
+// change log, and through a resync once it falls behind; a watch follows the groups that
+// another process creates and removes.
+#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -7,10 +9,13 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <map>
 #include <random>
+#include <set>
 
 #include "Kel/ChildProcess.h"
+#include "Pond/GroupWatch.h"
 #include "Pond/PondMap.h"
 #include "PondTestTypes.h"
 
@@ -112,6 +117,83 @@ TEST(PondProcess, ReaderInAnotherProcessHearsOfEveryChange) {
     writeRandomly(table, *writer, stopped ? 5000 : 20000, stopped ? 1500 : 1000, stopped ? 2 : 1);
     ::kill(child.pid(), SIGCONT);
     EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0) << (stopped ? "stopped" : "following");
+  }
+}
+
+// A watch knows the groups under its prefix when it starts, and hears of every group that
+// another process then creates or removes there, in order; never of the prefix's own
+// group, a group beside it ("<prefix>x/y"), tables or the writers' temporaries. A path
+// too long to name its segments whole is followed like the others.
+TEST(GroupWatch, FollowsTheGroupsAnotherProcessCreatesAndRemoves) {
+  const std::string l64(64, 'l');
+  ScopedGroupName top("watch"), before("watch/before"), a("watch/a"), ab("watch/a/b"),
+      beside("watchx/y"), longest("watch/" + l64 + "/" + l64 + "/" + l64);
+  MountGroup::writer(*before);
+  Pond::GroupWatch watch(*top);
+  EXPECT_EQ(watch.groups(), std::vector<std::string>{*before});
+  std::vector<std::pair<std::string, bool>> heard;
+  watch.handlerIs(
+      [&](const std::string& group, bool present) { heard.emplace_back(group, present); });
+  Kel::EventLoop loop;
+  watch.loopIs(&loop);
+  Kel::ChildProcess child([&](Kel::ChildProcess::Channel& c) {
+    while (auto request = c.request(std::chrono::seconds(10))) {
+      if (*request == "create") {
+        for (const ScopedGroupName* g : {&top, &beside, &a, &ab, &longest}) {
+          PondMap<Key, Row>(MountGroup::writer(**g), "rows", sized(4));
+        }
+      } else if (*request == "remove") {
+        for (const ScopedGroupName* g : {&ab, &longest, &before}) {
+          MountGroup::removeSegments(**g);
+        }
+      }
+      c.reply("done");
+    }
+    return 0;
+  });
+  using Heard = std::vector<std::pair<std::string, bool>>;
+  ASSERT_EQ(child.ask("create"), "done");
+  EXPECT_TRUE(loop.runUntil([&] { return heard.size() >= 3; }, std::chrono::seconds(5)));
+  EXPECT_EQ(heard, (Heard{{*a, true}, {*ab, true}, {*longest, true}}));
+  ASSERT_EQ(child.ask("remove"), "done");
+  EXPECT_TRUE(loop.runUntil([&] { return heard.size() >= 6; }, std::chrono::seconds(5)));
+  EXPECT_EQ(heard, (Heard{{*a, true}, {*ab, true}, {*longest, true}, {*ab, false},
+                          {*longest, false}, {*before, false}}));
+  EXPECT_EQ(watch.groups(), std::vector<std::string>{*a});
+  watch.loopIs(nullptr);
+  EXPECT_EQ(child.wait(std::chrono::seconds(10)), 0);
+}
+
+// More changes than the kernel queues for a watch: it lists the groups anew, and ends
+// knowing exactly those that exist, having reported gone every one it had reported present
+// before its removal was dropped. (Plain files named as group segments: a watch goes by
+// the names.)
+TEST(GroupWatch, ListsTheGroupsAnewWhenChangesAreDropped) {
+  ScopedGroupName top("flood");
+  Pond::GroupWatch watch(*top);
+  std::set<std::string> reported;
+  watch.handlerIs([&](const std::string& group, bool present) {
+    EXPECT_EQ(present ? reported.insert(group).second : reported.erase(group) == 1, true) << group;
+  });
+  uint32_t queued = 16384;
+  std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> queued;
+  auto path = [&](uint32_t i) { return fmt::format("/dev/shm/pond.{}+g{}", *top, i); };
+  std::set<std::string> kept;
+  for (uint32_t i = 0; i < queued + 100; ++i) {
+    ASSERT_EQ(::close(::open(path(i).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)), 0);
+  }
+  for (uint32_t i = 0; i < queued + 100; ++i) {
+    if (i % 1000 == 0) {
+      kept.insert(fmt::format("{}/g{}", *top, i));
+    } else {
+      ::unlink(path(i).c_str());
+    }
+  }
+  watch.processEvents();
+  EXPECT_EQ(reported, kept);
+  EXPECT_EQ(watch.groups(), std::vector<std::string>(kept.begin(), kept.end()));
+  for (uint32_t i = 0; i < queued + 100; i += 1000) {
+    ::unlink(path(i).c_str());
   }
 }
 
