@@ -45,8 +45,13 @@ GroupWatch::GroupWatch(std::string_view prefix) : prefix_(prefix) {
     ::close(fd_);
     throwSystemError(prefix_, "cannot watch /dev/shm");
   }
-  for (std::string& group : MountGroup::groupsUnder(prefix_)) {
-    known_.insert(std::move(group));
+  try {
+    for (std::string& group : MountGroup::groupsUnder(prefix_)) {
+      known_.insert(std::move(group));
+    }
+  } catch (...) {
+    ::close(fd_);
+    throw;
   }
 }
 

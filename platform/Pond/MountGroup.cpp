@@ -115,6 +115,10 @@ std::optional<uint64_t> processStartTime(uint32_t pid) {
   return std::strtoull(line.c_str() + pos, nullptr, 10);
 }
 
+// What the group header of every layout starts with (its magic, layout version and size):
+// a segment of another layout is opened as far as that, to say which it is.
+constexpr size_t kGroupHeaderStart = offsetof(GroupHeader, name);
+
 void checkGroupHeader(const Segment& s, std::string_view name) {
   const auto* h = reinterpret_cast<const GroupHeader*>(s.base());
   auto bad = [&](const std::string& why) {
@@ -128,6 +132,9 @@ void checkGroupHeader(const Segment& s, std::string_view name) {
     bad(fmt::format("layout version {} with a {}-byte header; this build reads version {} ({})",
                     h->layoutVersion, h->headerSize, internal::kLayoutVersion,
                     sizeof(GroupHeader)));
+  }
+  if (s.size() < sizeof(GroupHeader)) {
+    bad(fmt::format("truncated: {} bytes, its header takes {}", s.size(), sizeof(GroupHeader)));
   }
   if (std::memchr(h->name, 0, sizeof(h->name)) == nullptr || name != h->name) {
     bad("its header names another group");
@@ -184,35 +191,37 @@ MountGroup::Ptr MountGroup::writer(std::string_view name, const MountOptions& op
   std::string shm = Segment::groupShmName(name);
   // A new group appears with its first incarnation already stamped, so that a reader
   // that opens it before its writer is done attaching does not take that writer for a
-  // second one.
+  // second one. The group takes the segment only once it holds the lock: a writer refused
+  // leaves the segment as it found it (its destructor would mark the group writerless).
+  std::optional<Segment> segment;
   bool created = false;
-  for (int attempt = 0; attempt < 3 && !group->state_->segment.base(); ++attempt) {
-    if (auto existing = Segment::open(shm, true, sizeof(GroupHeader))) {
-      group->state_->segment = std::move(*existing);
-    } else if (auto made = Segment::create(shm, sizeof(GroupHeader), segmentOptions,
-                                           [&](uint8_t* base) {
-                                             auto* h = reinterpret_cast<GroupHeader*>(base);
-                                             h->magic = internal::kGroupMagic;
-                                             h->layoutVersion = internal::kLayoutVersion;
-                                             h->headerSize = sizeof(GroupHeader);
-                                             h->incarnation = 1;
-                                             std::memcpy(h->name, name.data(), name.size());
-                                           })) {
-      group->state_->segment = std::move(*made);
-      created = true;
+  for (int attempt = 0; attempt < 3 && !segment; ++attempt) {
+    segment = Segment::open(shm, true, kGroupHeaderStart);
+    if (!segment) {
+      segment = Segment::create(shm, sizeof(GroupHeader), segmentOptions, [&](uint8_t* base) {
+        auto* h = reinterpret_cast<GroupHeader*>(base);
+        h->magic = internal::kGroupMagic;
+        h->layoutVersion = internal::kLayoutVersion;
+        h->headerSize = sizeof(GroupHeader);
+        h->incarnation = 1;
+        std::memcpy(h->name, name.data(), name.size());
+      });
+      created = segment.has_value();
     }
   }
-  if (!group->state_->segment.base()) {
+  if (!segment) {
     throw SegmentError(fmt::format("mount group '{}': its segment keeps appearing and "
                                    "disappearing", name));
   }
-  checkGroupHeader(group->state_->segment, name);
+  checkGroupHeader(*segment, name);
   // The lock goes with the process: a writer that dies leaves the group to the next one.
-  if (::flock(group->state_->segment.fd(), LOCK_EX | LOCK_NB) != 0) {
+  if (::flock(segment->fd(), LOCK_EX | LOCK_NB) != 0) {
     // acquire: as in writerPid(); only for the message.
-    throw WriterExistsError(fmt::format("mount group '{}' has a writer already (pid {})", name,
-                                        loadAcquire(&group->header()->writerPid)));
+    throw WriterExistsError(fmt::format(
+        "mount group '{}' has a writer already (pid {})", name,
+        loadAcquire(&reinterpret_cast<const GroupHeader*>(segment->base())->writerPid)));
   }
+  group->state_->segment = std::move(*segment);
   auto* h = reinterpret_cast<GroupHeader*>(group->state_->segment.base());
   uint32_t pid = static_cast<uint32_t>(::getpid());
   // The pid is cleared while the start time changes, so that a reader never pairs the new
@@ -394,7 +403,7 @@ void MountGroup::tableIs(internal::TableBase* table) {
 void MountGroup::tableDel(internal::TableBase* table) { std::erase(tables_, table); }
 
 bool MountGroup::tryOpenGroup() {
-  auto s = Segment::open(Segment::groupShmName(name_), false, sizeof(GroupHeader));
+  auto s = Segment::open(Segment::groupShmName(name_), false, kGroupHeaderStart);
   if (!s) {
     return false;
   }

@@ -210,6 +210,7 @@ TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
   uint64_t first = reader->writerIncarnation();
   EXPECT_TRUE(reader->writerAlive());
   EXPECT_THROW(MountGroup::writer(*g), Pond::WriterExistsError);
+  EXPECT_TRUE(reader->writerAlive());  // the writer refused leaves the group as it was
   // A row the reader read in the table before it heard of it, gone again before the
   // writer's end: the resync names it too.
   w->upsert(Row::of(3, 3));
@@ -458,6 +459,19 @@ TEST(PondMap, HostileSegmentsAreRefusedSayingWhy) {
     EXPECT_EQ(mountResult(*g, false), d.reader) << d.what;
     EXPECT_EQ(mountResult(*g, true), d.writer) << d.what;
   }
+
+  // A group's segment left by a build of another layout, whose header is smaller, says so.
+  Pond::MountGroup::removeSegments(*g);
+  const uint64_t older[2] = {Pond::internal::kGroupMagic, 2 | 128ull << 32};
+  std::ofstream(fmt::format("/dev/shm/pond.{}", *g))
+      .write(reinterpret_cast<const char*>(older), sizeof(older));
+  for (const bool writer : {false, true}) {
+    EXPECT_EQ(mountResult(*g, writer),
+              fmt::format("mount group '{}' (segment /pond.{}) cannot be used: layout version 2 "
+                          "with a 128-byte header; this build reads version {} (320)",
+                          *g, *g, Pond::internal::kLayoutVersion));
+  }
+  Pond::MountGroup::removeSegments(*g);
 
   // The half-made segment of a creator killed before it published it goes with the next
   // writer; a live creator's stays.
