@@ -22,6 +22,7 @@
 
 #include "Mpls/MplsLfib.h"
 #include "Pond/MountGroup.h"
+#include "Statehub/EntityManager.h"
 #include "ProgramRun.h"
 
 namespace {
@@ -301,6 +302,37 @@ TEST_F(Mplsctl, CheckReportsWhatIsMissing) {
   const Result show = ctl({"show", "--json"});
   EXPECT_EQ(show.status, 0) << show.err;
   EXPECT_EQ(nlohmann::json::parse(show.out)[0]["viaSet"]["missing"], true);
+}
+
+class Note : public Kel::Entity {
+ public:
+  KEL_ENTITY(Note, "Test::Note");
+  class NotifieeConst : public Kel::NotifieeOf<Note> {
+   public:
+    virtual void onText() {}
+  };
+  KEL_ATTR(Kel::String, text, Text)
+};
+
+// What a process published, listed by path with its type, then removed.
+TEST(MplsctlState, ListsThePublishedPathsAndClearsTheInstance) {
+  const std::string instance = fmt::format("mplsctl-test-{}", ::getpid());
+  auto manager = Kel::make<Statehub::EntityManager>(instance);
+  auto note = Kel::make<Note>();
+  note->textIs(Kel::String("hello"));
+  auto publications = {manager->publish("demo/a", note), manager->publish("demo/b/c", note),
+                       manager->publish("other", Kel::make<Note>())};
+  Result r = mplsctl({"state", "ls", "--statehub", instance});
+  EXPECT_EQ(r.out, "demo/a  Test::Note\ndemo/b/c  Test::Note\nother  Test::Note\n");
+  EXPECT_EQ(mplsctl({"state", "ls", "demo", "--statehub", instance}).out,
+            "demo/a  Test::Note\ndemo/b/c  Test::Note\n");
+  r = mplsctl({"state", "ls", "demo//a", "--statehub", instance});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(r.err, StartsWith("mplsctl: invalid statehub path 'demo//a': "));
+  r = mplsctl({"state", "clear", "--statehub", instance});
+  EXPECT_EQ(r.out, "statehub '" + instance + "': 3 paths removed\n");
+  EXPECT_EQ(mplsctl({"state", "ls", "--statehub", instance}).out, "");
+  EXPECT_EQ(mplsctl({"state", "ls", "--statehub", "bad/name"}).status, 1);
 }
 
 TEST(MplsctlUsage, HelpAndBadUsage) {
