@@ -236,32 +236,6 @@ TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
   EXPECT_THROW((PondMap<Key, Row>(writer, "rows", sized(64))), Pond::SegmentError);
 }
 
-// An agent's loop publishes the writer's batch after each iteration, and the reader's
-// change fd wakes its loop: nobody calls publish() or processChanges() by hand.
-TEST(PondMap, EventLoopDrivesPublishingAndReading) {
-  ScopedGroupName g("loop");
-  Kel::EventLoop loop;
-  auto writer = MountGroup::writer(*g);
-  PondMap<Key, Row> w(writer, "rows", sized(64));
-  auto reader = MountGroup::reader(*g);
-  PondMap<Key, Row> r(reader, "rows");
-  std::set<uint32_t> heard;
-  r.changeHandlerIs([&](const Key& k) { heard.insert(k.id()); });
-  writer->loopIs(&loop);
-  reader->loopIs(&loop);
-  for (uint32_t batch = 0; batch < 3; ++batch) {
-    loop.defer([&, batch] {
-      for (uint32_t i = 0; i < 10; ++i) {
-        w.upsert(Row::of(batch * 10 + i, i));
-      }
-    });
-    EXPECT_TRUE(loop.runUntil([&] { return heard.size() == (batch + 1) * 10; },
-                              std::chrono::seconds(5)));
-  }
-  writer->loopIs(nullptr);
-  reader->loopIs(nullptr);
-}
-
 // What a writer killed in the middle of rewriting a row leaves: the row's slot counter odd
 // and its bytes half old, half new. Readers report it and read the row as absent; the
 // next writer drops it and logs its deletion, so readers hear that it is gone.
