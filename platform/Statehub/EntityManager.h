@@ -9,7 +9,10 @@
 //     is made. What a previous publisher of the path left is loaded into the entity first:
 //     a restarted publisher finds its state, and what it then changes reaches readers as
 //     ordinary changes. A second live publisher of a path is refused
-//     (PublisherExistsError), and so is an entity of another type than the path holds.
+//     (PublisherExistsError), and so is an entity of another type than the path holds, or
+//     an entity published already. A change the tables cannot take (a table full, a key
+//     of more than 60 bytes in binary form) throws Statehub::Error from the setter that
+//     made it: the entity keeps the change, readers do not see it.
 //   - mount(path, entity) fills `entity` as a live replica of what is published at the
 //     path, with the same notifications as the original. The mount is pending until the
 //     path's state has been read, then complete (Mount::status, with a notification); a
@@ -213,6 +216,10 @@ class EntityManager : public Kel::Entity {
   Publication::Ptr publish(std::string_view path, const Kel::Ptr<E>& entity,
                            const Pond::TableSizing& sizing = defaultSizing()) {
     const std::string what = describe(path);
+    if (entity->kelObserver()) {
+      throw Error(fmt::format("{}: the entity is published already, at another path (an "
+                              "entity has one publisher)", what));
+    }
     const auto presence = std::make_shared<internal::Presence>();
     const internal::Handlers handlers = internal::handlersOf<E>(entity.get(), presence);
     Publication::Ptr p(new Publication(std::string(path), writerGroup(path, what), handlers,

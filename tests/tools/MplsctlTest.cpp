@@ -320,7 +320,8 @@ TEST(MplsctlState, ListsThePublishedPathsAndClearsTheInstance) {
   auto manager = Kel::make<Statehub::EntityManager>(instance);
   auto note = Kel::make<Note>();
   note->textIs(Kel::String("hello"));
-  auto publications = {manager->publish("demo/a", note), manager->publish("demo/b/c", note),
+  auto publications = {manager->publish("demo/a", note),
+                       manager->publish("demo/b/c", Kel::make<Note>()),
                        manager->publish("other", Kel::make<Note>())};
   Result r = mplsctl({"state", "ls", "--statehub", instance});
   EXPECT_EQ(r.out, "demo/a  Test::Note\ndemo/b/c  Test::Note\nother  Test::Note\n");

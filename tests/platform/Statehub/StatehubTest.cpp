@@ -178,6 +178,8 @@ TEST_F(Statehub_, BadUseIsRefusedNamingThePath) {
   EXPECT_THAT([&] { manager->publish("mpls/status", Kel::make<Status>()); },
               ::testing::ThrowsMessage<Statehub::PublisherExistsError>(
                   HasSubstr(path + " has a publisher already")));
+  EXPECT_THAT([&] { manager->publish("mpls/other", status); },
+              ::testing::ThrowsMessage<Statehub::Error>(HasSubstr("published already")));
   publication = nullptr;
   EXPECT_THAT([&] { manager->publish("mpls/status", Kel::make<Other>()); },
               ::testing::ThrowsMessage<Statehub::Error>(
