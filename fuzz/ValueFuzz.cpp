@@ -1,6 +1,8 @@
 // Fuzzes the readers of outside input of the LFIB model: the strict text reader of every
 // value type (operators and files hand it text), the interface-name and address parsers,
-// and the binary decoders of the records other processes read from shared memory.
+// and the binary decoders of the records other processes read from shared memory: the
+// records of the LFIB's tables, and the binary form of any value (Kel/Codec.h) that the
+// state database stores.
 //
 // Input: one selector byte, then the payload. Whatever the payload, a reader either
 // refuses it with one of the framework's exceptions or returns a value that writes and
@@ -13,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Kel/Codec.h"
 #include "Kel/Exception.h"
 #include "Mpls/LfibViaKey.h"
 #include "Mpls/LfibViaSetKey.h"
@@ -69,6 +72,25 @@ void binaryRoundTrip(const uint8_t* data, size_t len) {
   }
 }
 
+template <class T>
+void codecRoundTrip(std::string_view bytes) {
+  T v;
+  try {
+    v = Kel::decoded<T>(std::string(bytes));  // a copy of exactly these bytes
+  } catch (const Kel::Exception&) {
+    return;
+  }
+  T back;
+  try {
+    back = Kel::decoded<T>(Kel::encoded(v));
+  } catch (const Kel::Exception& e) {
+    finding(e.what());
+  }
+  if (!(back == v)) {
+    finding("a value's binary form does not read back to it");
+  }
+}
+
 void intfName(std::string_view text) {
   Netbase::IntfId id;
   try {
@@ -91,7 +113,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t len = size - 1;
   std::string_view text(reinterpret_cast<const char*>(payload), len);
   using namespace Mpls;
-  switch (data[0] % 16) {
+  switch (data[0] % 20) {
     case 0: textRoundTrip<LfibViaKey>(text); break;
     case 1: textRoundTrip<LfibViaSetKey>(text); break;
     case 2: textRoundTrip<LfibMplsVia>(text); break;
@@ -108,6 +130,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     case 13: binaryRoundTrip<LfibViaSet>(payload, len); break;
     case 14: binaryRoundTrip<LfibMplsVia>(payload, len); break;
     case 15: binaryRoundTrip<LfibIpLookupVia>(payload, len); break;
+    case 16: codecRoundTrip<LfibViaSet>(text); break;
+    case 17: codecRoundTrip<LfibMplsVia>(text); break;
+    case 18: codecRoundTrip<LfibIpLookupVia>(text); break;
+    case 19: codecRoundTrip<LfibDot1qTagToVlanComposite>(text); break;
   }
   return 0;
 }

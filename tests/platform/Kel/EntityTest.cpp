@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "Kel/Clock.h"
 #include "Kel/Collection.h"
 #include "Kel/Entity.h"
 #include "Kel/FixedArray.h"
@@ -265,6 +266,24 @@ TEST(Entity, AttributesAreDescribedAndObserved) {
   Box::KelAttr_counter::forEach(*box, [](uint32_t k, uint32_t v) { EXPECT_EQ(k * 5, v); });
   EXPECT_TRUE(Box::KelAttr_member::has(*box, 2));
   EXPECT_FALSE(Kel::visitAttr<Box>(7, [](auto) {}));
+}
+
+// A manual clock moves when told, announces each move, and never goes back; the system
+// clock does not go back either.
+TEST(Clock, ManualClockMovesForwardOnlyAndAnnounces) {
+  auto clock = Kel::manualClockFactory(10);
+  struct Moves : Kel::Clock::NotifieeConst {
+    void onNow() override { ++count; }
+    int count = 0;
+  } moves;
+  moves.notifierIs(clock);
+  clock->advance(1.5);
+  clock->nowIs(11.5);  // where it is: nothing to announce
+  EXPECT_EQ(clock->now(), 11.5);
+  EXPECT_EQ(moves.count, 1);
+  EXPECT_THROW(clock->nowIs(11), Kel::InternalException);
+  const double t = Kel::systemClock()->now();
+  EXPECT_LE(t, Kel::systemClock()->now());
 }
 
 TEST(Entity, SetCollectionThroughOneAndManyMembers) {
