@@ -63,9 +63,9 @@ internal::Presence presenceIn(const internal::Tables& tables) {
 Publication::Publication(std::string path, Kel::Ptr<Pond::MountGroup> group,
                          const internal::Handlers& handlers,
                          const internal::PresencePtr& presence, const std::string& what,
-                         const Pond::TableSizing& sizing)
+                         const Pond::TableSizing& sizing, std::string_view typeName)
     : path_(std::move(path)), group_(std::move(group)) {
-  tables_ = std::make_unique<internal::Tables>(group_, handlers, what, sizing);
+  tables_ = std::make_unique<internal::Tables>(group_, handlers, what, sizing, typeName);
   *presence = presenceIn(*tables_);
 }
 
@@ -79,10 +79,6 @@ Publication::~Publication() {
 
 void Publication::start(std::string_view typeName, const internal::Handlers& handlers,
                         std::unique_ptr<internal::PublisherBase> publisher, Kel::EventLoop* loop) {
-  const std::string held = tables_->typeName();
-  if (!held.empty() && held != typeName) {
-    throw Error(fmt::format("{} holds a {}, not a {}", tables_->what(), held, typeName));
-  }
   // What a previous publisher left, into the entity; then the entity, as it now stands,
   // into the tables.
   for (const auto& [table, handler] : handlers) {

@@ -84,10 +84,11 @@ class Publication : public Kel::Entity {
 
  private:
   friend class EntityManager;
-  // `presence` is set to look in the publication's tables.
+  // `presence` is set to look in the publication's tables. Throws Statehub::Error, having
+  // created nothing, when the path holds another type than `typeName`.
   Publication(std::string path, Kel::Ptr<Pond::MountGroup> group, const internal::Handlers& handlers,
               const internal::PresencePtr& presence, const std::string& what,
-              const Pond::TableSizing& sizing);
+              const Pond::TableSizing& sizing, std::string_view typeName);
   void start(std::string_view typeName, const internal::Handlers& handlers,
              std::unique_ptr<internal::PublisherBase> publisher, Kel::EventLoop* loop);
 
@@ -223,7 +224,7 @@ class EntityManager : public Kel::Entity {
     const auto presence = std::make_shared<internal::Presence>();
     const internal::Handlers handlers = internal::handlersOf<E>(entity.get(), presence);
     Publication::Ptr p(new Publication(std::string(path), writerGroup(path, what), handlers,
-                                       presence, what, sizing));
+                                       presence, what, sizing, E::kelTypeName));
     p->start(E::kelTypeName, handlers,
              std::make_unique<internal::Publisher<E>>(*publicationSink(*p), "", "", entity),
              loop_);

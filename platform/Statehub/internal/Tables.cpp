@@ -22,7 +22,7 @@ const StoredKey kTypeNameKey = StoredKey::of(Kel::encoded(uint32_t{0}));
 }  // namespace
 
 Tables::Tables(Kel::Ptr<Pond::MountGroup> group, const Handlers& handlers, std::string what,
-               const Pond::TableSizing& sizing)
+               const Pond::TableSizing& sizing, std::string_view typeName)
     : group_(std::move(group)), what_(std::move(what)) {
   const bool writer = group_->role() == Pond::Role::writer;
   auto add = [&](const std::string& name, const Pond::TableSizing& s) {
@@ -31,6 +31,10 @@ Tables::Tables(Kel::Ptr<Pond::MountGroup> group, const Handlers& handlers, std::
   Pond::TableSizing meta;
   meta.capacity = 4;
   add(std::string(kMeta), meta);
+  if (const std::string held = this->typeName(); writer && !typeName.empty() && !held.empty() &&
+                                                  held != typeName) {
+    throw Error(fmt::format("{} holds a {}, not a {}", what_, held, typeName));
+  }
   for (const auto& [name, handler] : handlers) {
     add(name, sizing);
   }

@@ -20,9 +20,11 @@ using Table = Pond::PondMap<StoredKey, StoredRecord>;
 
 class Tables final : public Sink {
  public:
-  // `what` names the entity in errors ("path 'mpls/config' of statehub 'default'").
+  // `what` names the entity in errors ("path 'mpls/config' of statehub 'default'"). A
+  // writer given `typeName` refuses (Statehub::Error) a group that holds another type,
+  // before it creates any table of its own there.
   Tables(Kel::Ptr<Pond::MountGroup> group, const Handlers& handlers, std::string what,
-         const Pond::TableSizing& sizing = {});
+         const Pond::TableSizing& sizing = {}, std::string_view typeName = {});
 
   // Writer. Throws Statehub::Error naming the path and table when a key is too long or a
   // table full.

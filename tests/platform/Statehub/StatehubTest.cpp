@@ -65,9 +65,9 @@ class Other : public Kel::Entity {
   KEL_ENTITY(Other, "Demo::Other");
   class NotifieeConst : public Kel::NotifieeOf<Other> {
    public:
-    virtual void onCount() {}
+    virtual void onSeen(const uint32_t&) {}
   };
-  KEL_ATTR(uint32_t, count, Count)
+  KEL_SET_ATTR(uint32_t, seen, Seen)
 };
 
 }  // namespace Demo
@@ -184,6 +184,8 @@ TEST_F(Statehub_, BadUseIsRefusedNamingThePath) {
   EXPECT_THAT([&] { manager->publish("mpls/status", Kel::make<Other>()); },
               ::testing::ThrowsMessage<Statehub::Error>(
                   path + " holds a Demo::Status, not a Demo::Other"));
+  // Refused before it made a table of its own there.
+  EXPECT_EQ(Pond::MountGroup::tableNames(manager->groupName("mpls/status")).size(), 7u);
   auto mount = manager->mount<Other>("mpls/status");
   mount->processChanges();
   EXPECT_EQ(mount->status(), Statehub::mountFailed);
