@@ -294,4 +294,26 @@ NotifyResult futexFloor() {
   return waiter.result<NotifyResult>(std::chrono::seconds(60));
 }
 
+int benchMain(int argc, char** argv, const char* name, const char* usage,
+              const std::function<int()>& run) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "-h" || arg == "--help") {
+      std::printf("usage: %s\n%s", argv[0], usage);
+      return 0;
+    }
+    std::fprintf(stderr, "%s: unknown argument '%s' (try --help)\n", name, arg.c_str());
+    return 2;
+  }
+  installCleanup(std::chrono::seconds(1200));
+  try {
+    return run();
+  } catch (const std::exception& e) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "%s: failed: %s\n", name, e.what());
+    removeAll();
+    return 1;
+  }
+}
+
 }  // namespace Bench

@@ -251,4 +251,10 @@ void figure(const std::string& name, double value, const char* unit);
 // An informative line that is not a figure.
 void note(const std::string& text);
 
+// What a benchmark program's main does: --help prints `usage` (after "usage: <program>"),
+// any other argument is refused with status 2; then `run` with the cleanup installed, a
+// failure printed after "<name>: failed: " with status 1 and the names removed.
+int benchMain(int argc, char** argv, const char* name, const char* usage,
+              const std::function<int()>& run);
+
 }  // namespace Bench

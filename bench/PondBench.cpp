@@ -367,26 +367,9 @@ int run() {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (arg == "-h" || arg == "--help") {
-      std::printf(
-          "usage: %s\n"
-          "Measures Pond at a million rows and compares it with LMDB, Boost.Interprocess and\n"
-          "in-process hash maps; prints `figure NAME VALUE UNIT` lines (bench/README.md).\n",
-          argv[0]);
-      return 0;
-    }
-    std::fprintf(stderr, "PondBench: unknown argument '%s' (try --help)\n", arg.c_str());
-    return 2;
-  }
-  Bench::installCleanup(std::chrono::seconds(1200));
-  try {
-    return Bench::run();
-  } catch (const std::exception& e) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "PondBench: failed: %s\n", e.what());
-    Bench::removeAll();
-    return 1;
-  }
+  return Bench::benchMain(argc, argv, "PondBench",
+                         "Measures Pond at a million rows and compares it with LMDB,\n"
+                         "Boost.Interprocess and in-process hash maps; prints\n"
+                         "`figure NAME VALUE UNIT` lines (bench/README.md).\n",
+                         Bench::run);
 }

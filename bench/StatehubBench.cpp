@@ -67,6 +67,11 @@ struct Reader {
   bool runUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
     return loop.runUntil(done, limit);
   }
+  void awaitMounted(std::chrono::seconds limit) {
+    if (!runUntil([&] { return mount->status() == Statehub::mountComplete; }, limit)) {
+      throw std::runtime_error("the mount never completed");
+    }
+  }
   Kel::EventLoop loop;
   Statehub::EntityManager::Ptr manager;
   Statehub::Mount<Store>::Ptr mount;
@@ -123,10 +128,7 @@ int run() {
     c.ready();
     const uint64_t start = monoNs();
     Reader r(inst);
-    if (!r.runUntil([&] { return r.mount->status() == Statehub::mountComplete; },
-                    std::chrono::seconds(60))) {
-      throw std::runtime_error("the mount never completed");
-    }
+    r.awaitMounted(std::chrono::seconds(60));
     return bytesOf(MountResult{monoNs() - start, r.mount->entity()->entrys()});
   });
   mounter.waitReady(std::chrono::seconds(60));
@@ -142,10 +144,7 @@ int run() {
   for (uint32_t n = 0; n < kReaders; ++n) {
     readers.push_back(std::make_unique<Child>("follower " + std::to_string(n), [&](Child& c) {
       Reader r(inst);
-      if (!r.runUntil([&] { return r.mount->status() == Statehub::mountComplete; },
-                      std::chrono::seconds(120))) {
-        throw std::runtime_error("the mount never completed");
-      }
+      r.awaitMounted(std::chrono::seconds(120));
       Follower f(r.mount->entity());
       c.ready();
       if (!r.runUntil([&] { return r.mount->entity()->done() != 0; }, std::chrono::seconds(300))) {
@@ -181,10 +180,7 @@ int run() {
   // S2: one change at a time, to a reader's handler in another process.
   Child timer("timing reader (S2)", [&](Child& c) {
     Reader r(inst);
-    if (!r.runUntil([&] { return r.mount->status() == Statehub::mountComplete; },
-                    std::chrono::seconds(120))) {
-      throw std::runtime_error("the mount never completed");
-    }
+    r.awaitMounted(std::chrono::seconds(120));
     Follower f(r.mount->entity());
     c.ready();
     if (!r.runUntil([&] { return r.mount->entity()->done() == 2; }, std::chrono::seconds(60))) {
@@ -214,23 +210,8 @@ int run() {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  if (argc > 1) {
-    const std::string arg = argv[1];
-    if (arg == "-h" || arg == "--help") {
-      std::printf("usage: %s\nMeasures the state database between processes at a million "
-                  "entries; prints `figure NAME VALUE UNIT` lines (bench/README.md).\n",
-                  argv[0]);
-      return 0;
-    }
-    std::fprintf(stderr, "StatehubBench: unknown argument '%s' (try --help)\n", arg.c_str());
-    return 2;
-  }
-  Bench::installCleanup(std::chrono::seconds(1200));
-  try {
-    return Bench::run();
-  } catch (const std::exception& e) {
-    std::fflush(stdout);
-    std::fprintf(stderr, "StatehubBench: failed: %s\n", e.what());
-    return 1;
-  }
+  return Bench::benchMain(argc, argv, "StatehubBench",
+                         "Measures the state database between processes at a million entries; prints\n"
+                         "`figure NAME VALUE UNIT` lines (bench/README.md).\n",
+                         Bench::run);
 }
