@@ -212,14 +212,26 @@ class PondMap final : public TableCore, private internal::TableBase {
     }
   }
 
-  // Reader: called with the key of every changed row (see above).
-  void changeHandlerIs(std::function<void(const Key&)> handler) {
+  // Reader: called with the key of every changed row (see above). To tell a consumer that
+  // fell behind the log of the rows removed meanwhile, the table keeps the set of keys it
+  // has told of. A consumer that can list the keys it holds itself (a replica) passes
+  // `keepKeys` false and a resync handler instead: the table then keeps no copy of the
+  // keys, which saves a hash-set update per change and the set's memory.
+  void changeHandlerIs(std::function<void(const Key&)> handler, bool keepKeys = true) {
     changeHandler_ = std::move(handler);
-    if (changeHandler_ && opened() && !tracking_) {
+    const bool track = changeHandler_ && keepKeys;
+    if (track && opened() && !tracking_) {
       known_ = presentKeys();
     }
-    tracking_ = static_cast<bool>(changeHandler_);
+    if (!track) {
+      known_.clear();
+    }
+    tracking_ = track;
   }
+  // Reader: called after a resync (the consumer fell behind the change log, or the group
+  // was replaced) has told of every present row and of the logged rows gone: a consumer
+  // that keeps no key set checks its own keys against the table then.
+  void resyncHandlerIs(std::function<void()> handler) { resyncHandler_ = std::move(handler); }
   // Reader: called when the table is opened, or opened again after its group was replaced;
   // called at once when it is open already.
   void mountHandlerIs(std::function<void()> handler) {
@@ -440,6 +452,9 @@ class PondMap final : public TableCore, private internal::TableBase {
       known_ = std::move(present);
     }
     cursor_ = head;
+    if (resyncHandler_) {
+      resyncHandler_();
+    }
     return delivered;
   }
 
@@ -449,6 +464,7 @@ class PondMap final : public TableCore, private internal::TableBase {
   absl::flat_hash_set<Key, Kel::Hasher<Key>> known_;
   std::function<void(const Key&)> changeHandler_;
   std::function<void()> mountHandler_;
+  std::function<void()> resyncHandler_;
 };
 
 }  // namespace Pond

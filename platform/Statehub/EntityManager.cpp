@@ -61,11 +61,11 @@ internal::Presence presenceIn(const internal::Tables& tables) {
 }  // namespace
 
 Publication::Publication(std::string path, Kel::Ptr<Pond::MountGroup> group,
-                         const internal::Handlers& handlers,
+                         internal::Handlers handlers,
                          const internal::PresencePtr& presence, const std::string& what,
                          const Pond::TableSizing& sizing, std::string_view typeName)
     : path_(std::move(path)), group_(std::move(group)) {
-  tables_ = std::make_unique<internal::Tables>(group_, handlers, what, sizing, typeName);
+  tables_ = std::make_unique<internal::Tables>(group_, std::move(handlers), what, sizing, typeName);
   *presence = presenceIn(*tables_);
 }
 
@@ -77,13 +77,11 @@ Publication::~Publication() {
   }
 }
 
-void Publication::start(std::string_view typeName, const internal::Handlers& handlers,
+void Publication::start(std::string_view typeName,
                         std::unique_ptr<internal::PublisherBase> publisher, Kel::EventLoop* loop) {
   // What a previous publisher left, into the entity; then the entity, as it now stands,
   // into the tables.
-  for (const auto& [table, handler] : handlers) {
-    tables_->apply(handlers, table, nullptr);
-  }
+  tables_->applyAll();
   tables_->typeNameIs(typeName);
   publisher_ = std::move(publisher);
   tables_->skipUnchangedIs(true);
@@ -119,16 +117,10 @@ MountBase::MountBase(std::string path, std::string what, std::string_view typeNa
       what_(std::move(what)),
       typeName_(typeName),
       group_(std::move(group)),
-      handlers_(std::move(handlers)) {
-  tables_ = std::make_unique<internal::Tables>(group_, handlers_, what_);
+      tables_(std::make_unique<internal::Tables>(group_, std::move(handlers), what_)) {
   *presence = presenceIn(*tables_);
-  tables_->handlersIs(
-      [this](const std::string& table, const internal::StoredKey& key) {
-        if (status() != mountFailed) {
-          tables_->apply(handlers_, table, &key);
-        }
-      },
-      [this](const std::string& table) { opened(table); });
+  tables_->followChanges([this] { return status() != mountFailed; },
+                         [this](const std::string& table) { opened(table); });
   groupReactor_ = std::make_unique<GroupReactor>(this, group_);
   if (loop) {
     group_->loopIs(loop);
@@ -147,7 +139,7 @@ void MountBase::opened(const std::string& table) {
     return;
   }
   if (status() != mountFailed) {
-    tables_->apply(handlers_, table, nullptr);
+    tables_->applyAll(&table);
   }
   checkComplete();
 }

@@ -86,11 +86,11 @@ class Publication : public Kel::Entity {
   friend class EntityManager;
   // `presence` is set to look in the publication's tables. Throws Statehub::Error, having
   // created nothing, when the path holds another type than `typeName`.
-  Publication(std::string path, Kel::Ptr<Pond::MountGroup> group, const internal::Handlers& handlers,
+  Publication(std::string path, Kel::Ptr<Pond::MountGroup> group, internal::Handlers handlers,
               const internal::PresencePtr& presence, const std::string& what,
               const Pond::TableSizing& sizing, std::string_view typeName);
-  void start(std::string_view typeName, const internal::Handlers& handlers,
-             std::unique_ptr<internal::PublisherBase> publisher, Kel::EventLoop* loop);
+  void start(std::string_view typeName, std::unique_ptr<internal::PublisherBase> publisher,
+             Kel::EventLoop* loop);
 
   std::string path_;
   Kel::Ptr<Pond::MountGroup> group_;
@@ -129,7 +129,6 @@ class MountBase : public Kel::Entity {
   std::string typeName_;
   std::string error_;
   Kel::Ptr<Pond::MountGroup> group_;
-  internal::Handlers handlers_;
   std::unique_ptr<internal::Tables> tables_;
   class GroupReactor;
   std::unique_ptr<GroupReactor> groupReactor_;
@@ -222,10 +221,10 @@ class EntityManager : public Kel::Entity {
                               "entity has one publisher)", what));
     }
     const auto presence = std::make_shared<internal::Presence>();
-    const internal::Handlers handlers = internal::handlersOf<E>(entity.get(), presence);
-    Publication::Ptr p(new Publication(std::string(path), writerGroup(path, what), handlers,
-                                       presence, what, sizing, E::kelTypeName));
-    p->start(E::kelTypeName, handlers,
+    Publication::Ptr p(new Publication(std::string(path), writerGroup(path, what),
+                                       internal::handlersOf<E>(entity.get(), presence), presence,
+                                       what, sizing, E::kelTypeName));
+    p->start(E::kelTypeName,
              std::make_unique<internal::Publisher<E>>(*publicationSink(*p), "", "", entity),
              loop_);
     return p;

@@ -26,8 +26,16 @@ inline constexpr std::string_view kMeta = "kel-meta";
 // Applies one stored row to the entities it belongs to: the key's bytes and the value's,
 // null when the row is gone.
 using RowHandler = std::function<void(Kel::ByteReader& key, const std::string* value)>;
+// Calls f with the key of every row that an entity's replica holds in one table: what a
+// reader that fell behind checks against the table, to find the rows removed meanwhile.
+using KeyVisitor = std::function<void(std::string_view key)>;
+using KeyWalk = std::function<void(const KeyVisitor& f)>;
+struct TableOps {
+  RowHandler apply;
+  KeyWalk keys;
+};
 // By table name: every table of an entity type, with what applies its rows.
-using Handlers = std::map<std::string, RowHandler, std::less<>>;
+using Handlers = std::map<std::string, TableOps, std::less<>>;
 
 // Where rows go: the tables of one published entity.
 class Sink {
@@ -57,14 +65,27 @@ using PresencePtr = std::shared_ptr<Presence>;
 // in) to the entity; created when `create`, else null when absent.
 template <class E>
 using Resolve = std::function<E*(Kel::ByteReader& key, bool create)>;
+// Every entity of type E in the replica at one place, with the key bytes of the entities
+// it is nested in.
+template <class E>
+using EachEntity = std::function<void(const std::function<void(E&, const std::string&)>&)>;
 
 // Adds the tables of entity type E under `prefix` ("" at the top, "<coll>-" in a nested
 // entity collection) and what applies their rows.
 template <class E>
-void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve,
+void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve, EachEntity<E> each,
                  const PresencePtr& presence) {
   if constexpr (hasScalars<E>()) {
-    h.emplace(prefix + std::string(kScalars), [resolve](Kel::ByteReader& key, const std::string* value) {
+    auto keys = [each](const KeyVisitor& f) {
+      each([&](E&, const std::string& keyPrefix) {
+        Kel::forEachAttr<E>([&](auto a) {
+          if constexpr (decltype(a)::kind == Kel::AttrKind::scalar) {
+            f(keyPrefix + Kel::encoded(static_cast<uint32_t>(decltype(a)::index)));
+          }
+        });
+      });
+    };
+    h.emplace(prefix + std::string(kScalars), TableOps{[resolve](Kel::ByteReader& key, const std::string* value) {
       E* e = resolve(key, value != nullptr);
       if (!e) {
         return;
@@ -77,14 +98,19 @@ void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve,
           A::set(*e, value ? Kel::decoded<V>(*value) : Kel::defaultValue<V>());
         }
       });
-    });
+    }, keys});
   }
   Kel::forEachAttr<E>([&](auto a) {
     using A = decltype(a);
     if constexpr (A::kind != Kel::AttrKind::scalar) {
       using K = typename A::KeyT;
       const std::string table = prefix + std::string(A::name);
-      h.emplace(table, [resolve](Kel::ByteReader& key, const std::string* value) {
+      auto keys = [each](const KeyVisitor& f) {
+        each([&](E& e, const std::string& keyPrefix) {
+          A::forEach(e, [&](const K& k, const auto&) { f(keyPrefix + Kel::encoded(k)); });
+        });
+      };
+      h.emplace(table, TableOps{[resolve](Kel::ByteReader& key, const std::string* value) {
         E* e = resolve(key, value != nullptr);
         if (!e) {
           return;
@@ -101,7 +127,7 @@ void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve,
         } else {
           A::set(*e, Kel::decoded<typename A::ValueT>(*value));
         }
-      });
+      }, keys});
       if constexpr (A::kind == Kel::AttrKind::entityColl) {
         using C = typename A::ChildT;
         auto resolveChild = [resolve, table, presence](Kel::ByteReader& key, bool create) -> C* {
@@ -119,7 +145,14 @@ void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve,
           }
           return child.get();
         };
-        addHandlers<C>(h, table + "-", resolveChild, presence);
+        auto eachChild = [each](const std::function<void(C&, const std::string&)>& f) {
+          each([&](E& e, const std::string& keyPrefix) {
+            A::forEach(e, [&](const K& k, const auto& child) {
+              f(*child, keyPrefix + Kel::encoded(k));
+            });
+          });
+        };
+        addHandlers<C>(h, table + "-", resolveChild, eachChild, presence);
       }
     }
   });
@@ -129,7 +162,10 @@ void addHandlers(Handlers& h, const std::string& prefix, Resolve<E> resolve,
 template <class E>
 Handlers handlersOf(E* root, const PresencePtr& presence) {
   Handlers h;
-  addHandlers<E>(h, "", [root](Kel::ByteReader&, bool) { return root; }, presence);
+  addHandlers<E>(
+      h, "", [root](Kel::ByteReader&, bool) { return root; },
+      [root](const std::function<void(E&, const std::string&)>& f) { f(*root, std::string()); },
+      presence);
   return h;
 }
 

@@ -21,26 +21,30 @@ const StoredKey kTypeNameKey = StoredKey::of(Kel::encoded(uint32_t{0}));
 
 }  // namespace
 
-Tables::Tables(Kel::Ptr<Pond::MountGroup> group, const Handlers& handlers, std::string what,
+Tables::Tables(Kel::Ptr<Pond::MountGroup> group, Handlers handlers, std::string what,
                const Pond::TableSizing& sizing, std::string_view typeName)
-    : group_(std::move(group)), what_(std::move(what)) {
+    : group_(std::move(group)), what_(std::move(what)), handlers_(std::move(handlers)) {
   const bool writer = group_->role() == Pond::Role::writer;
-  auto add = [&](const std::string& name, const Pond::TableSizing& s) {
-    tables_.emplace(name, std::make_unique<Table>(group_, name, writer ? s : Pond::TableSizing{0}));
+  auto add = [&](const std::string& name, const Pond::TableSizing& s, const TableOps* ops) {
+    auto slot = std::make_unique<Slot>();
+    slot->name = name;
+    slot->table = std::make_unique<Table>(group_, name, writer ? s : Pond::TableSizing{0});
+    slot->ops = ops;
+    tables_.emplace(name, std::move(slot));
   };
   Pond::TableSizing meta;
   meta.capacity = 4;
-  add(std::string(kMeta), meta);
+  add(std::string(kMeta), meta, nullptr);
   if (const std::string held = this->typeName(); writer && !typeName.empty() && !held.empty() &&
                                                   held != typeName) {
     throw Error(fmt::format("{} holds a {}, not a {}", what_, held, typeName));
   }
-  for (const auto& [name, handler] : handlers) {
-    add(name, sizing);
+  for (const auto& [name, ops] : handlers_) {
+    add(name, sizing, &ops);
   }
 }
 
-Table& Tables::table(std::string_view name) const {
+Tables::Slot& Tables::slot(std::string_view name) const {
   auto it = tables_.find(name);
   if (it == tables_.end()) {
     throw Error(fmt::format("{} has no table {}", what_, Kel::quoted(name)));
@@ -53,7 +57,7 @@ void Tables::put(std::string_view table, std::string_view key, std::string_view 
     throw Error(fmt::format("{}: a key of {} takes {} bytes, more than the {} a key may take",
                             what_, Kel::quoted(table), key.size(), StoredKey::kMaxBytes));
   }
-  Table& t = this->table(table);
+  Table& t = *slot(table).table;
   const StoredKey k = StoredKey::of(key);
   if (skipUnchanged_) {
     StoredRecord held;
@@ -74,17 +78,17 @@ void Tables::put(std::string_view table, std::string_view key, std::string_view 
 
 void Tables::erase(std::string_view table, std::string_view key) {
   if (StoredKey::fits(key)) {
-    this->table(table).erase(StoredKey::of(key));
+    slot(table).table->erase(StoredKey::of(key));
   }
 }
 
 bool Tables::has(std::string_view table, std::string_view key) const {
-  return StoredKey::fits(key) && this->table(table).contains(StoredKey::of(key));
+  return StoredKey::fits(key) && slot(table).table->contains(StoredKey::of(key));
 }
 
 bool Tables::allOpened() const {
-  for (const auto& [name, table] : tables_) {
-    if (!table->opened()) {
+  for (const auto& [name, slot] : tables_) {
+    if (!slot->table->opened()) {
       return false;
     }
   }
@@ -93,44 +97,78 @@ bool Tables::allOpened() const {
 
 std::string Tables::typeName() const {
   StoredRecord r;
-  return table(kMeta).find(kTypeNameKey, r) ? r.value() : std::string();
+  return slot(kMeta).table->find(kTypeNameKey, r) ? r.value() : std::string();
 }
 
 void Tables::typeNameIs(std::string_view name) {
-  table(kMeta).upsert(StoredRecord(kTypeNameKey, std::string(name)));
+  slot(kMeta).table->upsert(StoredRecord(kTypeNameKey, std::string(name)));
 }
 
-void Tables::apply(const Handlers& handlers, const std::string& table, const StoredKey* key) const {
-  auto handler = handlers.find(table);
-  if (handler == handlers.end()) {
-    return;
+namespace {
+
+void applyBytes(const TableOps& ops, const std::string& what, const std::string& table,
+                const StoredKey& key, const std::string* value) {
+  const std::string_view bytes = key.view();
+  Kel::ByteReader in(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+  try {
+    ops.apply(in, value);
+  } catch (const Kel::Exception& e) {
+    Kel::log(STATEHUB_ROW_UNREADABLE, fmt::format("{}: a row of table {} does not decode: {}",
+                                                  what, Kel::quoted(table), e.what()));
   }
-  auto one = [&](const StoredKey& k, const std::string* value) {
-    const std::string_view bytes = k.view();
-    Kel::ByteReader in(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-    try {
-      handler->second(in, value);
-    } catch (const Kel::Exception& e) {
-      Kel::log(STATEHUB_ROW_UNREADABLE,
-               fmt::format("{}: a row of table {} does not decode: {}", what_, Kel::quoted(table),
-                           e.what()));
+}
+
+}  // namespace
+
+void Tables::applyRow(const Slot& slot, const StoredKey& key) {
+  const bool present = slot.table->find(key, scratch_);
+  applyBytes(*slot.ops, what_, slot.name, key, present ? &scratch_.value() : nullptr);
+}
+
+void Tables::applyAll(const std::string* table) {
+  for (const auto& [name, slot] : tables_) {
+    if (slot->ops && (!table || *table == name)) {
+      slot->table->forEach([&](const StoredRecord& r) {
+        applyBytes(*slot->ops, what_, name, r.key(), &r.value());
+      });
     }
-  };
-  const Table& t = this->table(table);
-  if (key) {
-    StoredRecord r;
-    const bool present = t.find(*key, r);
-    one(*key, present ? &r.value() : nullptr);
-  } else {
-    t.forEach([&](const StoredRecord& r) { one(r.key(), &r.value()); });
   }
 }
 
-void Tables::handlersIs(std::function<void(const std::string&, const StoredKey&)> changed,
-                        std::function<void(const std::string&)> opened) {
-  for (const auto& [name, table] : tables_) {
-    table->changeHandlerIs([changed, &name](const StoredKey& k) { changed(name, k); });
-    table->mountHandlerIs([opened, &name] { opened(name); });
+void Tables::prune(const Slot& slot) {
+  std::vector<StoredKey> gone;
+  slot.ops->keys([&](std::string_view key) {
+    if (StoredKey::fits(key)) {
+      const StoredKey k = StoredKey::of(key);
+      if (!slot.table->contains(k)) {
+        gone.push_back(k);
+      }
+    }
+  });
+  for (const StoredKey& k : gone) {
+    applyRow(slot, k);
+  }
+}
+
+void Tables::followChanges(std::function<bool()> live,
+                           std::function<void(const std::string&)> opened) {
+  for (const auto& [name, slotPtr] : tables_) {
+    Slot* s = slotPtr.get();
+    if (s->ops) {
+      s->table->changeHandlerIs(
+          [this, s, live](const StoredKey& k) {
+            if (live()) {
+              applyRow(*s, k);
+            }
+          },
+          false);
+      s->table->resyncHandlerIs([this, s, live] {
+        if (live()) {
+          prune(*s);
+        }
+      });
+    }
+    s->table->mountHandlerIs([opened, s] { opened(s->name); });
   }
 }
 

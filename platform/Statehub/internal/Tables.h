@@ -23,7 +23,7 @@ class Tables final : public Sink {
   // `what` names the entity in errors ("path 'mpls/config' of statehub 'default'"). A
   // writer given `typeName` refuses (Statehub::Error) a group that holds another type,
   // before it creates any table of its own there.
-  Tables(Kel::Ptr<Pond::MountGroup> group, const Handlers& handlers, std::string what,
+  Tables(Kel::Ptr<Pond::MountGroup> group, Handlers handlers, std::string what,
          const Pond::TableSizing& sizing = {}, std::string_view typeName = {});
 
   // Writer. Throws Statehub::Error naming the path and table when a key is too long or a
@@ -42,24 +42,33 @@ class Tables final : public Sink {
   std::string typeName() const;
   void typeNameIs(std::string_view name);
 
-  // Applies the row of `key` in `table`, as the table holds it now, through `handlers`.
-  // A row that does not decode is reported and skipped. Every row of the table when `key`
-  // is null.
-  void apply(const Handlers& handlers, const std::string& table, const StoredKey* key) const;
-  // Readers: `changed(table, key)` for every changed row; `opened(table)` when a table
-  // opens (its rows are not announced one by one then).
-  void handlersIs(std::function<void(const std::string&, const StoredKey&)> changed,
-                  std::function<void(const std::string&)> opened);
+  // Applies every row of `table` as it holds it now to the entity (a row that does not
+  // decode is reported and skipped); every row of every table when `table` is null.
+  void applyAll(const std::string* table = nullptr);
+  // Readers: applies every changed row while `live()`; after a resync, also the removal
+  // of the rows the replica holds and the table no longer does. `opened(table)` when a
+  // table opens (its rows are not announced one by one then).
+  void followChanges(std::function<bool()> live, std::function<void(const std::string&)> opened);
 
   const Kel::Ptr<Pond::MountGroup>& group() const noexcept { return group_; }
   const std::string& what() const noexcept { return what_; }
 
  private:
-  Table& table(std::string_view name) const;
+  struct Slot {
+    std::string name;
+    std::unique_ptr<Table> table;
+    const TableOps* ops = nullptr;  // null for the meta table
+  };
+  Slot& slot(std::string_view name) const;
+  // Applies the row of `key` as `slot`'s table holds it now (null: the row is gone).
+  void applyRow(const Slot& slot, const StoredKey& key);
+  void prune(const Slot& slot);
 
   Kel::Ptr<Pond::MountGroup> group_;
   std::string what_;
-  std::map<std::string, std::unique_ptr<Table>, std::less<>> tables_;
+  Handlers handlers_;
+  std::map<std::string, std::unique_ptr<Slot>, std::less<>> tables_;
+  StoredRecord scratch_;  // keeps its value's buffer from row to row
   bool skipUnchanged_ = false;
 };
 
