@@ -22,7 +22,10 @@
 
 #include "Mpls/MplsLfib.h"
 #include "Pond/MountGroup.h"
+#include "Kel/EntityText.h"
 #include "Statehub/EntityManager.h"
+#include "types/Mpls/ClientLabelRequest.h"
+#include "types/Mpls/MplsApiStatus.h"
 #include "ProgramRun.h"
 
 namespace {
@@ -314,19 +317,53 @@ class Note : public Kel::Entity {
   KEL_ATTR(Kel::String, text, Text)
 };
 
-// What a process published, listed by path with its type, then removed.
-TEST(MplsctlState, ListsThePublishedPathsAndClearsTheInstance) {
+// What a process published: listed by path with its type, shown, watched, then removed.
+TEST(MplsctlState, ListsShowsWatchesAndClearsTheInstance) {
   const std::string instance = fmt::format("mplsctl-test-{}", ::getpid());
   auto manager = Kel::make<Statehub::EntityManager>(instance);
-  auto note = Kel::make<Note>();
-  note->textIs(Kel::String("hello"));
-  auto publications = {manager->publish("demo/a", note),
-                       manager->publish("demo/b/c", Kel::make<Note>()),
+  Child watch(MPLSCTL_PATH, {"state", "watch", "mpls/status", "--statehub", instance, "--count",
+                             "3", "--timeout", "20"});
+  ASSERT_TRUE(watch.errHas("\n"));  // waiting for the path to appear
+  auto status = Mpls::Api::statusFactory();
+  status->dynamicLabelRangeIs(Mpls::LabelRange(100000, 262144));
+  auto bgp = status->labelBlockAllocationIs(Kel::String("bgp"));
+  bgp->blockIs(Kel::String("r1"), Mpls::LabelBlock(Netbase::MplsLabel(100000)));
+  auto publications = {manager->publish("mpls/status", status),
+                       manager->publish("mpls/labelRequest/bgp",
+                                        Mpls::clientLabelRequestFactory("bgp")),
                        manager->publish("other", Kel::make<Note>())};
-  Result r = mplsctl({"state", "ls", "--statehub", instance});
-  EXPECT_EQ(r.out, "demo/a  Test::Note\ndemo/b/c  Test::Note\nother  Test::Note\n");
-  EXPECT_EQ(mplsctl({"state", "ls", "demo", "--statehub", instance}).out,
-            "demo/a  Test::Note\ndemo/b/c  Test::Note\n");
+  EXPECT_EQ(mplsctl({"state", "ls", "--statehub", instance}).out,
+            "mpls/labelRequest/bgp  Mpls::ClientLabelRequest\nmpls/status  Mpls::Api::Status\n"
+            "other  Test::Note\n");
+  EXPECT_EQ(mplsctl({"state", "ls", "mpls/labelRequest", "--statehub", instance}).out,
+            "mpls/labelRequest/bgp  Mpls::ClientLabelRequest\n");
+  EXPECT_EQ(mplsctl({"state", "show", "mpls/status", "--statehub", instance}).out,
+            Kel::entityText(*status));
+  const auto json = nlohmann::json::parse(
+      mplsctl({"state", "show", "mpls/status", "--json", "--statehub", instance}).out);
+  EXPECT_EQ(json["type"], "Mpls::Api::Status");
+  EXPECT_EQ(json["attributes"]["labelBlockAllocation"]["bgp"]["block"]["r1"],
+            "Value('Mpls::LabelBlock', ** {'blockStart': 100000})");
+
+  // The watcher printed the entity as it was published; now the changes, line by line.
+  ASSERT_TRUE(watch.outHas("block"));
+  bgp->blockIs(Kel::String("r2"), Mpls::LabelBlock(Netbase::MplsLabel(116384)));
+  status->dynamicLabelRangeIs(Mpls::LabelRange(16, 16384));
+  for (const auto& p : publications) {
+    p->flush();
+  }
+  EXPECT_EQ(watch.wait(), 0);
+  EXPECT_THAT(watch.out(), StartsWith("watching path 'mpls/status' of statehub '" + instance +
+                                      "'\n  dynamicLabelRange: "));
+  EXPECT_THAT(watch.out(), HasSubstr("\n+ labelBlockAllocation['bgp'].block['r2']: "));
+  EXPECT_THAT(watch.out(), HasSubstr("\n- dynamicLabelRange: Value('Mpls::LabelRange', ** "
+                                     "{'base': 100000, 'size': 262144})\n+ dynamicLabelRange: "));
+
+  Result r = mplsctl({"state", "show", "other", "--statehub", instance});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(r.err, HasSubstr("holds a Test::Note, which mplsctl cannot show"));
+  r = mplsctl({"state", "show", "nothing/here", "--statehub", instance});
+  EXPECT_THAT(r.err, HasSubstr("nothing is published at path 'nothing/here'"));
   r = mplsctl({"state", "ls", "demo//a", "--statehub", instance});
   EXPECT_EQ(r.status, 1);
   EXPECT_THAT(r.err, StartsWith("mplsctl: invalid statehub path 'demo//a': "));

@@ -57,12 +57,14 @@ struct Child {
   }
   std::string out() const { return textOf(outFile); }
   std::string err() const { return textOf(errFile); }
-  // Whether stdout comes to hold `what` (polled for at most 10 s).
-  bool outHas(const std::string& what) {
-    for (int i = 0; i < 5000 && out().find(what) == std::string::npos; ++i) {
+  // Whether stdout (stderr) comes to hold `what` (polled for at most 10 s).
+  bool outHas(const std::string& what) const { return comesToHold(outFile, what); }
+  bool errHas(const std::string& what) const { return comesToHold(errFile, what); }
+  static bool comesToHold(FILE* f, const std::string& what) {
+    for (int i = 0; i < 5000 && textOf(f).find(what) == std::string::npos; ++i) {
       usleep(2000);
     }
-    return out().find(what) != std::string::npos;
+    return textOf(f).find(what) != std::string::npos;
   }
   // The exit status (128 + signal) once it has ended; -1 (and killed) if not within `ms`.
   int wait(int ms = 10000) { return process.wait(std::chrono::milliseconds(ms)); }

@@ -71,11 +71,20 @@ std::string octetsFromHex(std::string_view text);
 struct StateOptions {
   std::string statehub = "default";
   std::string path;
+  bool json = false;                     // show
+  std::optional<uint64_t> count;         // watch: exit after this many change lines
+  std::optional<double> timeout;         // watch: give up after this many seconds
 };
 // One line per published path under `path` (all of them without one): "<path>  <type>".
 int runStateLs(const StateOptions& options);
 // Removes everything published in the instance.
 int runStateClear(const StateOptions& options);
+// Prints the entity at `path` in its text form, or as JSON.
+int runStateShow(const StateOptions& options);
+// Prints the entity at `path` once it is published, as flat lines, then every line that
+// goes ("- ") or comes ("+ ") as it changes; until SIGINT, SIGTERM, `count` change lines or
+// `timeout`.
+int runStateWatch(const StateOptions& options);
 
 int runDump(const std::string& lfib);
 int runCheck(const std::string& lfib);

@@ -8,8 +8,6 @@
 // backlog. What the LFIB holds
 // when it opens is summed up in one line rather than listed.
 #include <fmt/format.h>
-#include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,43 +23,13 @@
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
+#include "tools/mplsctl/SignalFd.h"
 
 namespace Mplsctl {
 
 namespace {
 
 using namespace Mpls;
-
-// SIGINT and SIGTERM, blocked and delivered through a signalfd for as long as it lives.
-class SignalFd {
- public:
-  SignalFd() {
-    sigemptyset(&set_);
-    sigaddset(&set_, SIGINT);
-    sigaddset(&set_, SIGTERM);
-    if (sigprocmask(SIG_BLOCK, &set_, &old_) != 0) {
-      throw CommandError(fmt::format("cannot block SIGINT and SIGTERM: {}", std::strerror(errno)));
-    }
-    fd_ = signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (fd_ < 0) {
-      const int error = errno;
-      sigprocmask(SIG_SETMASK, &old_, nullptr);
-      throw CommandError(fmt::format("signalfd failed: {}", std::strerror(error)));
-    }
-  }
-  ~SignalFd() {
-    close(fd_);
-    sigprocmask(SIG_SETMASK, &old_, nullptr);
-  }
-  SignalFd(const SignalFd&) = delete;
-  SignalFd& operator=(const SignalFd&) = delete;
-  int fd() const noexcept { return fd_; }
-
- private:
-  sigset_t set_;
-  sigset_t old_;
-  int fd_ = -1;
-};
 
 }  // namespace
 
@@ -75,12 +43,7 @@ int runWatch(const WatchOptions& options) {
   SignalFd signals;
   Kel::EventLoop loop;  // outlives the mount group
   bool signalled = false;
-  loop.fdIs(signals.fd(), EPOLLIN, [&](uint32_t) {
-    signalfd_siginfo info;
-    while (read(signals.fd(), &info, sizeof info) == sizeof info) {
-      signalled = true;
-    }
-  });
+  loop.fdIs(signals.fd(), EPOLLIN, [&](uint32_t) { signalled = signals.drain() || signalled; });
 
   const Kel::Ptr<Pond::MountGroup> group = Pond::MountGroup::reader(name);
   LfibStatus::Ptr lfib = lfibStatusFactory();

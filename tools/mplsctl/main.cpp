@@ -162,6 +162,34 @@ void addState(CLI::App& app, Invocation& in) {
   lsCmd->add_option("PATH", in.state.path, "Only the paths at or under this one");
   addStatehub(lsCmd);
   lsCmd->callback([&in] { in.run = [&in] { return Mplsctl::runStateLs(in.state); }; });
+  CLI::App* showCmd = stateCmd->add_subcommand("show", "Print the entity published at a path");
+  showCmd->add_option("PATH", in.state.path, "The entity's path, as 'state ls' lists it")
+      ->required();
+  showCmd->add_flag("--json", in.state.json, "Print JSON instead of the text form");
+  addStatehub(showCmd);
+  showCmd->callback([&in] { in.run = [&in] { return Mplsctl::runStateShow(in.state); }; });
+  CLI::App* watchCmd = stateCmd->add_subcommand(
+      "watch", "Print the entity at a path, then every line that changes, as it changes");
+  watchCmd->add_option("PATH", in.state.path, "The entity's path (it may not exist yet)")
+      ->required();
+  CLI::Option* countOpt =
+      watchCmd->add_option("--count", in.watchCount, "Exit after this many change lines")
+          ->check(CLI::PositiveNumber);
+  CLI::Option* timeoutOpt =
+      watchCmd
+          ->add_option("--timeout", in.watchTimeout,
+                       "Exit after this many seconds (status 1 if the path was never published)")
+          ->check(kSeconds);
+  addStatehub(watchCmd);
+  watchCmd->callback([&in, countOpt, timeoutOpt] {
+    if (countOpt->count() > 0) {
+      in.state.count = in.watchCount;
+    }
+    if (timeoutOpt->count() > 0) {
+      in.state.timeout = in.watchTimeout;
+    }
+    in.run = [&in] { return Mplsctl::runStateWatch(in.state); };
+  });
   CLI::App* clearCmd =
       stateCmd->add_subcommand("clear", "Remove everything published in the instance");
   addStatehub(clearCmd);

@@ -1,0 +1,38 @@
+// What mplsctl shows of an entity of the state database whose type it learns only from
+// the path: a mount of the path with the entity's text form, its JSON form and its flat
+// lines, for every entity type that mplsctl knows.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Statehub/EntityManager.h"
+
+namespace Mplsctl {
+
+class StateView {
+ public:
+  virtual ~StateView() = default;
+  virtual Statehub::MountBase& mount() const = 0;
+  // The text form: the type name, then one line per attribute and element, nested
+  // entities indented under their key.
+  virtual std::string text() const = 0;
+  // {"type": ..., "path": ..., "attributes": {...}}: scalars by name; collections as
+  // objects keyed by the element key's text; numbers and booleans as JSON's own, other
+  // values as their text form.
+  virtual nlohmann::json json() const = 0;
+  // One line per attribute and element, each naming its whole place in the entity
+  // ("labelBlockAllocation['bgp'].block['r1']: Value(...)"), sorted.
+  virtual std::vector<std::string> lines() const = 0;
+};
+
+// A mount of `path` (published with `typeName`); null when mplsctl does not know the type.
+std::unique_ptr<StateView> stateView(Statehub::EntityManager& manager, const std::string& path,
+                                     const std::string& typeName);
+// The entity types mplsctl shows.
+std::vector<std::string> stateViewTypes();
+
+}  // namespace Mplsctl
