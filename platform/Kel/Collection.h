@@ -20,6 +20,10 @@
 //                                           nameDel(k) (returns it, null when absent),
 //                                           nameDelAll()
 //
+// KEL_ORDERED_MAP_ATTR, KEL_ORDERED_VALUE_COLL_ATTR and KEL_ORDERED_ENTITY_COLL_ATTR keep
+// their elements in key order (a B-tree) and add nameIterAfter(k): the elements after k,
+// whether or not k is present, which is how a long scan resumes from its bookmark.
+//
 // KEL_DENSE_MAP_ATTR, KEL_DENSE_SET_ATTR, KEL_DENSE_VALUE_COLL_ATTR and
 // KEL_DENSE_ENTITY_COLL_ATTR are the same collections for keys numbered in sequence
 // (KEL_HASH_ORDINAL) that fill much of their range: a table-wide index by label, say. They
@@ -30,7 +34,8 @@
 // Every collection also has nameNotify(k) and nameNotifyQuiesced(bool). Each change is
 // announced after it is made, to NotifieeConst::onName() (scalar) or onName(k), and only
 // when something changed: writing the value already stored sends nothing. A quiesced
-// collection announces nothing. Iteration follows the storage order, not the key order.
+// collection announces nothing. Iteration follows the storage order, which is the key
+// order only for the ordered collections.
 //
 // Inside a reactor:
 //
@@ -49,6 +54,7 @@
 #include <utility>
 #include <vector>
 
+#include <absl/container/btree_map.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
 
@@ -125,6 +131,11 @@ class MapColl {
     return true;
   }
   std::optional<V> erase(const K& k) { return store_.take(k); }
+  // Ordered stores: the first element after `k`.
+  template <class S = Store>
+  const_iterator after(const K& k) const {
+    return static_cast<const S&>(store_).after(k);
+  }
   std::vector<K> keys() const { return store_.keys(); }
   size_t size() const noexcept { return store_.size(); }
   bool empty() const noexcept { return store_.empty(); }
@@ -138,6 +149,74 @@ class MapColl {
 // For keys numbered in sequence.
 template <OrdinalHash K, class V>
 using DenseMapColl = MapColl<K, V, OrdinalMap<K, V>>;
+
+// A B-tree in key order (the key type's operator<), for collections that a long scan
+// walks in slices: the scan keeps the last key it visited and resumes after it, whether
+// or not that key is still there (see nameIterAfter).
+template <class K, class V>
+class OrderedMapStore {
+  using Map = absl::btree_map<K, V>;
+
+ public:
+  using const_iterator = typename Map::const_iterator;
+
+  V* find(const K& k) {
+    auto it = map_.find(k);
+    return it == map_.end() ? nullptr : &it->second;
+  }
+  const V* find(const K& k) const { return const_cast<OrderedMapStore*>(this)->find(k); }
+  std::pair<V*, bool> tryEmplace(const K& k) {
+    auto [it, inserted] = map_.try_emplace(k);
+    return {&it->second, inserted};
+  }
+  std::optional<V> take(const K& k) {
+    auto it = map_.find(k);
+    if (it == map_.end()) {
+      return std::nullopt;
+    }
+    std::optional<V> old(std::move(it->second));
+    map_.erase(it);
+    return old;
+  }
+  std::vector<K> keys() const {
+    std::vector<K> out;
+    out.reserve(map_.size());
+    for (const auto& [k, v] : map_) {
+      out.push_back(k);
+    }
+    return out;
+  }
+  size_t size() const noexcept { return map_.size(); }
+  bool empty() const noexcept { return map_.empty(); }
+  const_iterator begin() const { return map_.begin(); }
+  const_iterator end() const { return map_.end(); }
+  // The first element whose key is greater than `k`.
+  const_iterator after(const K& k) const { return map_.upper_bound(k); }
+
+ private:
+  Map map_;
+};
+
+template <class K, class V>
+using OrderedMapColl = MapColl<K, V, OrderedMapStore<K, V>>;
+
+// Two iterators as a range for range-for.
+template <class It>
+struct IterRange {
+  It first;
+  It last;
+  It begin() const { return first; }
+  It end() const { return last; }
+};
+
+namespace internal {
+
+template <class C, class K>
+auto iterAfter(const C& c, const K& k) {
+  return IterRange<typename C::const_iterator>{c.after(k), c.end()};
+}
+
+}  // namespace internal
 
 // Storage of a set collection. Most sets of an index hold one member (the one via of a
 // via set, the one route of a via set): a lone member is kept inline, and the hash set is
@@ -388,6 +467,11 @@ inline void attachParent(Entity* parent, Entity* child) {
   /* raised by every change of the collection */                                      \
   uint64_t name##Version() const noexcept { return name##Version_; }                  \
   const StorageT& name##Iter() const noexcept { return name##_; }                     \
+  /* ordered collections: the elements after k in key order, k present or not */      \
+  template <class KelK = K>                                                           \
+  auto name##IterAfter(const KelK& k) const {                                         \
+    return ::Kel::internal::iterAfter(name##_, k);                                    \
+  }                                                                                   \
   void name##Notify(const K& k) const {                                               \
     if (!name##Quiesced_) {                                                           \
       kelNotify(&NotifieeConst::on##Name, k);                                         \
@@ -543,6 +627,11 @@ inline void attachParent(Entity* parent, Entity* child) {
 #define KEL_VALUE_COLL_ATTR(K, T, name, Name) KEL_VALUE_COLL_ATTR_IN_(MapColl, K, T, name, Name)
 #define KEL_ENTITY_COLL_ATTR(K, E, name, Name) \
   KEL_ENTITY_COLL_ATTR_IN_(MapColl, K, E, name, Name)
+#define KEL_ORDERED_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(OrderedMapColl, K, V, name, Name)
+#define KEL_ORDERED_VALUE_COLL_ATTR(K, T, name, Name) \
+  KEL_VALUE_COLL_ATTR_IN_(OrderedMapColl, K, T, name, Name)
+#define KEL_ORDERED_ENTITY_COLL_ATTR(K, E, name, Name) \
+  KEL_ENTITY_COLL_ATTR_IN_(OrderedMapColl, K, E, name, Name)
 #define KEL_DENSE_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(DenseMapColl, K, V, name, Name)
 #define KEL_DENSE_SET_ATTR(K, name, Name) KEL_SET_ATTR_IN_(DenseSetColl, K, name, Name)
 #define KEL_DENSE_VALUE_COLL_ATTR(K, T, name, Name) \

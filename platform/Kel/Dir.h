@@ -1,7 +1,8 @@
 // Kel::Dir: a directory of entities by name, such as the entries that client agents
 // publish under one path of the state database. Its one collection, entityPtr, maps an
 // entry's name to the entity; entries come and go with the usual notifications
-// (NotifieeConst::onEntityPtr(name)).
+// (NotifieeConst::onEntityPtr(name)). Entries are kept in name order, so that a scan of
+// a large directory can resume after the last name it visited (entityPtrIterAfter).
 #pragma once
 
 #include <string>
@@ -26,7 +27,7 @@ class Dir : public Entity {
   // The directory's own name (the path it was mounted from).
   const std::string& name() const noexcept { return name_; }
 
-  KEL_MAP_ATTR(String, Kel::Ptr<Entity>, entityPtr, EntityPtr)
+  KEL_ORDERED_MAP_ATTR(String, Kel::Ptr<Entity>, entityPtr, EntityPtr)
 
  private:
   std::string name_;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <latch>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,6 +14,7 @@
 
 #include "Kel/Clock.h"
 #include "Kel/Collection.h"
+#include "Kel/Dir.h"
 #include "Kel/Entity.h"
 #include "Kel/FixedArray.h"
 #include "Kel/String.h"
@@ -309,6 +311,38 @@ TEST(Entity, SetCollectionThroughOneAndManyMembers) {
           << n;
     }
   }
+}
+
+// A scan of a directory in slices of two entries, resuming after its bookmark: the
+// bookmark's removal, an entry added behind it and one added ahead of it between slices.
+TEST(Entity, OrderedCollectionScanResumesAfterItsBookmark) {
+  auto dir = Kel::dirFactory("d");
+  const Kel::Ptr<Kel::Entity> entry = Kel::dirFactory("entry");
+  for (const char* name : {"b", "d", "f", "h"}) {
+    dir->entityPtrIs(Kel::String(name), entry);
+  }
+  std::vector<std::string> seen;
+  std::optional<Kel::String> bookmark;
+  auto slice = [&] {
+    int n = 0;
+    for (const auto& [name, entry] : bookmark ? dir->entityPtrIterAfter(*bookmark)
+                                              : Kel::IterRange{dir->entityPtrIter().begin(),
+                                                               dir->entityPtrIter().end()}) {
+      if (n++ == 2) {
+        return false;
+      }
+      seen.push_back(std::string(name.view()));
+      bookmark = name;
+    }
+    return true;
+  };
+  EXPECT_FALSE(slice());
+  dir->entityPtrDel(Kel::String("d"));  // the bookmark
+  dir->entityPtrIs(Kel::String("a"), entry);
+  dir->entityPtrIs(Kel::String("e"), entry);
+  EXPECT_FALSE(slice());
+  EXPECT_TRUE(slice());
+  EXPECT_EQ(seen, (std::vector<std::string>{"b", "d", "e", "f", "h"}));
 }
 
 TEST(Entity, QuiescedCollectionAnnouncesNothing) {
