@@ -69,6 +69,8 @@ TimerWheel::TimerId TimerWheel::timerIs(double when, Callback callback) {
   if (freeNodes_.empty()) {
     idx = static_cast<uint32_t>(nodes_.size());
     nodes_.emplace_back();
+    // Room for every node to be free: freeing (timerDel) never allocates.
+    freeNodes_.reserve(nodes_.capacity());
   } else {
     idx = freeNodes_.back();
     freeNodes_.pop_back();
@@ -89,7 +91,7 @@ TimerWheel::TimerId TimerWheel::timerIs(double when, Callback callback) {
 
 bool TimerWheel::timerDel(TimerId id) noexcept {
   Node* n = nodeOf(id);
-  if (!n || n->state == State::free) {
+  if (!n) {
     return false;
   }
   const auto idx = static_cast<uint32_t>(n - nodes_.data());

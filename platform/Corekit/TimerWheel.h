@@ -15,8 +15,8 @@
 // origin + k * tick. A timer due at time t belongs to the tick in which t falls, the first
 // whose end is at or after t (within a millionth of a tick, so that a time computed as
 // k * tick is on the boundary), and fires at the first advance at which the clock has
-// reached that tick's end: never before t, and at most one tick after it, plus whatever
-// delays the advance.
+// reached that tick's end (within the same millionth): never earlier than two millionths
+// of a tick before t, and at most one tick after it, plus whatever delays the advance.
 //
 // Advancing. The wheel fires timers only in advance(), which runs every tick up to the
 // clock's now, skipping empty stretches in O(levels):

@@ -122,7 +122,7 @@ TEST(TimerWheel, RunsOnTheEventLoop) {
   for (int ms : {30, 10, 20, 15}) {
     const double when = clock->now() + ms * 0.001;
     const Id id = wheel->timerIs(when, [&, ms, when] {
-      EXPECT_GE(clock->now(), when);
+      EXPECT_GE(clock->now(), when - 1e-8);  // never early, but for the tick's slack
       fired.push_back(ms);
     });
     if (ms == 15) {
