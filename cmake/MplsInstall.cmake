@@ -2,7 +2,7 @@
 #
 #   P/lib/libKel.so, libPlatformTypes.so, libPond.so, libMpls.so  (and their soname links)
 #   P/include/mpls/{Mpls,Kel,Pond,types}/...                      the public headers
-#   P/bin/mplsctl
+#   P/bin/mplsctl, P/bin/mplsd
 #   P/lib/cmake/Mpls/                   find_package(Mpls) -> Mpls::Mpls, Mpls::Pond, ...
 #   P/lib/pkgconfig/mpls.pc             pkg-config --cflags --libs mpls
 #
@@ -13,8 +13,8 @@ include(CMakePackageConfigHelpers)
 # mplsctl finds the libraries relative to itself, wherever the prefix is moved.
 file(RELATIVE_PATH _mpls_bin_to_lib
   ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(mplsctl PROPERTIES INSTALL_RPATH "$ORIGIN/${_mpls_bin_to_lib}")
-install(TARGETS mplsctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+set_target_properties(mplsctl mplsd PROPERTIES INSTALL_RPATH "$ORIGIN/${_mpls_bin_to_lib}")
+install(TARGETS mplsctl mplsd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
 
 install(EXPORT MplsTargets
   NAMESPACE Mpls::

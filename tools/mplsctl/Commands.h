@@ -86,6 +86,22 @@ int runStateShow(const StateOptions& options);
 // `timeout`.
 int runStateWatch(const StateOptions& options);
 
+// The label manager through the state database (LabelsCommand.cpp).
+struct LabelsOptions {
+  std::string statehub = "default";
+  std::string name;      // range
+  uint32_t base = 0;     // range
+  uint32_t size = 0;     // range
+  std::string client;    // request, release
+  std::string id;        // request, release
+  double timeout = 5;    // request: seconds to wait for the answer
+  bool json = false;     // show
+};
+int runLabelsRange(const LabelsOptions& options);
+int runLabelsRequest(const LabelsOptions& options);
+int runLabelsRelease(const LabelsOptions& options);
+int runLabelsShow(const LabelsOptions& options);
+
 int runDump(const std::string& lfib);
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);

@@ -10,9 +10,9 @@
 #include <fmt/format.h>
 
 #include "Kel/EventLoop.h"
+#include "Kel/SignalFd.h"
 #include "Statehub/EntityManager.h"
 #include "tools/mplsctl/Commands.h"
-#include "tools/mplsctl/SignalFd.h"
 #include "tools/mplsctl/StateViews.h"
 
 namespace Mplsctl {
@@ -46,15 +46,13 @@ void checkNotFailed(const StateView& view) {
   }
 }
 
-constexpr auto kMountPatience = std::chrono::seconds(5);
-
 }  // namespace
 
 int runStateShow(const StateOptions& options) {
   auto manager = managerOf(options);
   const std::string what = manager->describe(options.path);
   std::string type = manager->typeNameAt(options.path);
-  const auto deadline = std::chrono::steady_clock::now() + kMountPatience;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   // A publisher that has just created the path writes its type name next.
   while (type.empty() && manager->published(options.path) &&
          std::chrono::steady_clock::now() < deadline) {
@@ -65,15 +63,9 @@ int runStateShow(const StateOptions& options) {
     throw CommandError(fmt::format("nothing is published at {}", what));
   }
   std::unique_ptr<StateView> view = viewOf(*manager, options.path, type);
-  while (view->mount().processChanges(), view->mount().status() == Statehub::mountPending) {
-    checkNotFailed(*view);
-    if (std::chrono::steady_clock::now() >= deadline) {
-      throw CommandError(fmt::format("{} did not become readable within {} s", what,
-                                     kMountPatience.count()));
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  checkNotFailed(*view);
+  awaitMount(view->mount(), what,
+             std::chrono::duration_cast<std::chrono::milliseconds>(
+                 deadline - std::chrono::steady_clock::now()));
   if (options.json) {
     std::printf("%s\n", view->json().dump(2).c_str());
   } else {
@@ -83,7 +75,7 @@ int runStateShow(const StateOptions& options) {
 }
 
 int runStateWatch(const StateOptions& options) {
-  SignalFd signals;
+  Kel::SignalFd signals;
   Kel::EventLoop loop;  // outlives the manager and the mount
   auto manager = Kel::make<Statehub::EntityManager>(options.statehub, &loop);
   const std::string what = manager->describe(options.path);

@@ -4,8 +4,12 @@
 #include <charconv>
 #include <functional>
 #include <map>
+#include <thread>
+
+#include <fmt/format.h>
 
 #include "Kel/EntityText.h"
+#include "tools/mplsctl/Commands.h"
 #include "types/Mpls/ClientLabelRequest.h"
 #include "types/Mpls/MplsApiStatus.h"
 #include "types/Mpls/MplsConfig.h"
@@ -140,6 +144,21 @@ std::unique_ptr<StateView> stateView(Statehub::EntityManager& manager, const std
                                      const std::string& typeName) {
   auto it = makers().find(typeName);
   return it == makers().end() ? nullptr : it->second(manager, path);
+}
+
+void awaitMount(Statehub::MountBase& mount, const std::string& what,
+                std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  while (mount.processChanges(), mount.status() == Statehub::mountPending) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      throw CommandError(fmt::format("{} did not become readable within {:g} s", what,
+                                     patience.count() / 1000.0));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (mount.status() == Statehub::mountFailed) {
+    throw CommandError(mount.error());
+  }
 }
 
 std::vector<std::string> stateViewTypes() {

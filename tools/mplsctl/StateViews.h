@@ -3,6 +3,7 @@
 // lines, for every entity type that mplsctl knows.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,5 +35,10 @@ std::unique_ptr<StateView> stateView(Statehub::EntityManager& manager, const std
                                      const std::string& typeName);
 // The entity types mplsctl shows.
 std::vector<std::string> stateViewTypes();
+
+// Reads `mount` (no event loop) until it is complete; throws CommandError when it fails
+// or is still pending after `patience`.
+void awaitMount(Statehub::MountBase& mount, const std::string& what,
+                std::chrono::milliseconds patience = std::chrono::seconds(5));
 
 }  // namespace Mplsctl

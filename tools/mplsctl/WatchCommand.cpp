@@ -19,11 +19,11 @@
 #include <vector>
 
 #include "Kel/EventLoop.h"
+#include "Kel/SignalFd.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
-#include "tools/mplsctl/SignalFd.h"
 
 namespace Mplsctl {
 
@@ -40,7 +40,7 @@ int runWatch(const WatchOptions& options) {
                  name.c_str());
   }
 
-  SignalFd signals;
+  Kel::SignalFd signals;
   Kel::EventLoop loop;  // outlives the mount group
   bool signalled = false;
   loop.fdIs(signals.fd(), EPOLLIN, [&](uint32_t) { signalled = signals.drain() || signalled; });

@@ -38,6 +38,7 @@ struct Invocation {
   double watchTimeout = 0;
   Mplsctl::MldpDecodeOptions mldpDecode;
   Mplsctl::StateOptions state;
+  Mplsctl::LabelsOptions labels;
 };
 
 void addLfibOption(CLI::App* command, std::string& lfib) {
@@ -196,6 +197,48 @@ void addState(CLI::App& app, Invocation& in) {
   clearCmd->callback([&in] { in.run = [&in] { return Mplsctl::runStateClear(in.state); }; });
 }
 
+void addLabels(CLI::App& app, Invocation& in) {
+  CLI::App* labelsCmd = app.add_subcommand(
+      "labels", "The label manager: its range, label-block requests and answers (needs mplsd)");
+  labelsCmd->require_subcommand(1);
+  auto addStatehub = [&in](CLI::App* command) {
+    command->add_option("--statehub", in.labels.statehub, "Name of the state database instance")
+        ->default_val("default");
+  };
+  auto labelsRun = [&in](int (*run)(const Mplsctl::LabelsOptions&)) {
+    return [&in, run] { in.run = [&in, run] { return run(in.labels); }; };
+  };
+  CLI::App* rangeCmd = labelsCmd->add_subcommand(
+      "range", "Configure a label range: 'dynamic' is the one label blocks come from");
+  rangeCmd->add_option("NAME", in.labels.name, "Range name (dynamic)")->required();
+  rangeCmd->add_option("BASE", in.labels.base, "First label (at most 1048575)")->required();
+  rangeCmd->add_option("SIZE", in.labels.size, "Number of labels")->required();
+  addStatehub(rangeCmd);
+  rangeCmd->callback(labelsRun(&Mplsctl::runLabelsRange));
+  CLI::App* requestCmd = labelsCmd->add_subcommand(
+      "request", "Ask for a block of 16384 labels as client CLIENT would; print it as FIRST-LAST");
+  requestCmd->add_option("CLIENT", in.labels.client, "Client name")->required();
+  requestCmd->add_option("ID", in.labels.id, "Request identifier")->required();
+  requestCmd
+      ->add_option("--timeout", in.labels.timeout,
+                   "Seconds to wait for the answer (status 1 with the reason without one)")
+      ->default_val(5)
+      ->check(kSeconds);
+  addStatehub(requestCmd);
+  requestCmd->callback(labelsRun(&Mplsctl::runLabelsRequest));
+  CLI::App* releaseCmd =
+      labelsCmd->add_subcommand("release", "Withdraw a request: the agent takes its block back");
+  releaseCmd->add_option("CLIENT", in.labels.client, "Client name")->required();
+  releaseCmd->add_option("ID", in.labels.id, "Request identifier")->required();
+  addStatehub(releaseCmd);
+  releaseCmd->callback(labelsRun(&Mplsctl::runLabelsRelease));
+  CLI::App* showCmd =
+      labelsCmd->add_subcommand("show", "Print the dynamic range and every client's blocks");
+  showCmd->add_flag("--json", in.labels.json, "Print JSON");
+  addStatehub(showCmd);
+  showCmd->callback(labelsRun(&Mplsctl::runLabelsShow));
+}
+
 // Runs the chosen subcommand; the errors a user can act on go to stderr, with status 1.
 int runReportingErrors(const std::function<int()>& run) {
   try {
@@ -226,6 +269,7 @@ int main(int argc, char** argv) {
   addDemo(app, in);
   addMldp(app, in);
   addState(app, in);
+  addLabels(app, in);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -168,6 +168,9 @@ void Tables::followChanges(std::function<bool()> live,
         }
       });
     }
+    if (!s->ops) {
+      s->table->changeHandlerIs([opened, s](const StoredKey&) { opened(s->name); });
+    }
     s->table->mountHandlerIs([opened, s] { opened(s->name); });
   }
 }

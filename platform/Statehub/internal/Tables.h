@@ -47,7 +47,8 @@ class Tables final : public Sink {
   void applyAll(const std::string* table = nullptr);
   // Readers: applies every changed row while `live()`; after a resync, also the removal
   // of the rows the replica holds and the table no longer does. `opened(table)` when a
-  // table opens (its rows are not announced one by one then).
+  // table opens (its rows are not announced one by one then), and for every change of the
+  // meta table (the publisher writes the type name after it made the tables).
   void followChanges(std::function<bool()> live, std::function<void(const std::string&)> opened);
 
   const Kel::Ptr<Pond::MountGroup>& group() const noexcept { return group_; }

@@ -36,4 +36,8 @@ inline ClientLabelRequest::Ptr clientLabelRequestFactory(const std::string& name
   return Kel::make<ClientLabelRequest>(Kel::String(name));
 }
 
+// The label-request directory of the state database: a client publishes its request at
+// "<labelRequestDirPath>/<client>".
+inline constexpr const char* labelRequestDirPath = "mpls/labelRequest";
+
 }  // namespace Mpls

@@ -64,5 +64,8 @@ class Status : public Kel::Entity {
 
 inline Status::Ptr statusFactory() { return Kel::make<Status>(); }
 
+// Where the MPLS agent publishes its status in the state database.
+inline constexpr const char* statusPath = "mpls/status";
+
 }  // namespace Api
 }  // namespace Mpls

@@ -33,4 +33,7 @@ class Config : public Kel::Entity {
 
 inline Config::Ptr configFactory() { return Kel::make<Config>(); }
 
+// Where the configuration is published in the state database.
+inline constexpr const char* configPath = "mpls/config";
+
 }  // namespace Mpls

@@ -235,25 +235,44 @@ TEST_F(Statehub_, DirectoryEntriesAppearAndGo) {
       "mpls/labelRequest", [](const std::string& name) { return Kel::make<Client>(Kel::String(name)); });
   const Kel::Ptr<Kel::Dir>& entries = dir->dir();
   auto until = [&](auto done) { return loop.runUntil(done, std::chrono::seconds(5)); };
-  std::vector<Kel::Ptr<Client>> clients;
-  std::vector<Statehub::Publication::Ptr> publications;
-  for (const char* name : {"bgp", "ldp", "sr"}) {
-    clients.push_back(Kel::make<Client>(Kel::String(name)));
-    clients.back()->priorityIs(static_cast<uint32_t>(clients.size()));
-    publications.push_back(looped->publish(std::string("mpls/labelRequest/") + name, clients.back()));
+  // Three processes publish an entry each and are gone; a fourth stays and changes its own.
+  const std::string inst = instance;
+  auto publishIn = [&inst](const std::string& name, uint32_t priority) {
+    return [inst, name, priority](Kel::ChildProcess::Channel& channel) {
+      auto m = Kel::make<EntityManager>(inst);
+      auto client = Kel::make<Client>(Kel::String(name));
+      client->priorityIs(priority);
+      auto publication = m->publish("mpls/labelRequest/" + name, client);
+      channel.reply("published");
+      while (std::optional<std::string> r = channel.request(std::chrono::seconds(10))) {
+        client->priorityIs(static_cast<uint32_t>(std::stoul(*r)));
+        publication->flush();
+        channel.reply("done");
+      }
+      return 0;
+    };
+  };
+  {
+    Kel::ChildProcess a(publishIn("bgp", 1)), b(publishIn("ldp", 2)), c(publishIn("sr", 3));
+    for (Kel::ChildProcess* p : {&a, &b, &c}) {
+      ASSERT_TRUE(p->awaitReply(std::chrono::seconds(10)));
+    }
   }
+  Kel::ChildProcess staying(publishIn("te", 4));
+  ASSERT_TRUE(staying.awaitReply(std::chrono::seconds(10)));
   // Deeper paths are not entries.
   auto deeper = looped->publish("mpls/labelRequest/bgp/extra", Kel::make<Other>());
-  ASSERT_TRUE(until([&] { return entries->entityPtrs() == 3; }));
-  const auto* ldp = static_cast<const Client*>(entries->entityPtr(Kel::String("ldp")).get());
-  EXPECT_EQ(ldp->priority(), 2u);
-  clients[1]->priorityIs(9);
-  EXPECT_TRUE(until([&] { return ldp->priority() == 9; }));
+  ASSERT_TRUE(until([&] { return entries->entityPtrs() == 4; })) << entries->entityPtrs();
+  const auto* te = static_cast<const Client*>(entries->entityPtr(Kel::String("te")).get());
+  EXPECT_EQ(te->priority(), 4u);
+  EXPECT_EQ(static_cast<const Client*>(entries->entityPtr(Kel::String("ldp")).get())->priority(),
+            2u);
+  ASSERT_EQ(staying.ask("9"), "done");
+  EXPECT_TRUE(until([&] { return te->priority() == 9; }));
 
-  publications[0] = nullptr;
   EXPECT_TRUE(looped->remove("mpls/labelRequest/bgp"));
   EXPECT_TRUE(until([&] { return !entries->entityPtrHas(Kel::String("bgp")); }));
-  EXPECT_EQ(entries->entityPtrs(), 2u);
+  EXPECT_EQ(entries->entityPtrs(), 3u);
 }
 
 // Blocks as every publisher below writes them: a block's start follows from its id.

@@ -1,5 +1,6 @@
-// SIGINT and SIGTERM, blocked and delivered through a signalfd for as long as a SignalFd
-// lives: what the commands that run until interrupted wait on beside their work.
+// Kel::SignalFd: SIGINT and SIGTERM, blocked and delivered through a signalfd for as long
+// as it lives: what a program that runs until it is told to stop (an agent, a watching
+// tool) puts on its event loop beside its work.
 #pragma once
 
 #include <fmt/format.h>
@@ -10,9 +11,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "tools/mplsctl/Commands.h"
+#include "Kel/Exception.h"
 
-namespace Mplsctl {
+namespace Kel {
 
 class SignalFd {
  public:
@@ -21,13 +22,13 @@ class SignalFd {
     sigaddset(&set_, SIGINT);
     sigaddset(&set_, SIGTERM);
     if (sigprocmask(SIG_BLOCK, &set_, &old_) != 0) {
-      throw CommandError(fmt::format("cannot block SIGINT and SIGTERM: {}", std::strerror(errno)));
+      throw Exception(fmt::format("cannot block SIGINT and SIGTERM: {}", std::strerror(errno)));
     }
     fd_ = signalfd(-1, &set_, SFD_CLOEXEC | SFD_NONBLOCK);
     if (fd_ < 0) {
       const int error = errno;
       sigprocmask(SIG_SETMASK, &old_, nullptr);
-      throw CommandError(fmt::format("signalfd failed: {}", std::strerror(error)));
+      throw Exception(fmt::format("signalfd failed: {}", std::strerror(error)));
     }
   }
   ~SignalFd() {
@@ -53,4 +54,4 @@ class SignalFd {
   int fd_ = -1;
 };
 
-}  // namespace Mplsctl
+}  // namespace Kel
