@@ -484,6 +484,11 @@ TEST(MplsctlDemo, FollowsAndCleansUp) {
                                 "all consistent"));
   EXPECT_THAT(r.out, HasSubstr("reader IP-lookup table: 16:red:ipv4 17:default:ipv6\n"));
   EXPECT_THAT(r.out, HasSubstr("reader L2 EVPN table: 300:20\n"));
+  EXPECT_THAT(r.out, HasSubstr("bgp keeps 100000-116383, ldp keeps 116384-132767"));
+  const size_t hub = r.out.find("statehub 'mplsctl-demo-");
+  ASSERT_NE(hub, std::string::npos) << r.out;
+  const std::string instance = r.out.substr(hub + 10, r.out.find('\'', hub + 10) - hub - 10);
+  EXPECT_TRUE(Statehub::EntityManager(instance).paths().empty()) << instance << " was left";
   const size_t name = r.out.find("'mplsctl-demo-");
   ASSERT_NE(name, std::string::npos) << r.out;
   const std::string lfib = r.out.substr(name + 1, r.out.find('\'', name + 1) - name - 1);

@@ -103,6 +103,9 @@ int runLabelsRelease(const LabelsOptions& options);
 int runLabelsShow(const LabelsOptions& options);
 
 int runDump(const std::string& lfib);
+// The demo's scene of label blocks handed out by an MPLS agent that is killed and started
+// again (DemoLabels.cpp).
+void demoLabelBlocks();
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);
 

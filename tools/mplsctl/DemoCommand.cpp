@@ -7,7 +7,8 @@
 // LfibWriter (and one EVPN route straight into the LfibStatus, which the writer does not
 // write), rewrites and deletes some, and after each step asks the reader over a pipe for
 // what it sees until that agrees with the LFIB. Every wait is bounded; the segments are
-// removed at the end, also on failure.
+// removed at the end, also on failure. Then label blocks from an MPLS agent that is killed
+// and restarted (DemoLabels.cpp).
 #include <absl/strings/str_join.h>
 #include <absl/strings/str_split.h>
 #include <fmt/format.h>
@@ -377,6 +378,7 @@ int runDemo() {
     seen = rewriteRoutes(demo, *lfib, *writer, *group, counts, first);
   }
   demo.finishReader();
+  demoLabelBlocks();
   std::printf(
       "demo: %llu routes written, %llu deleted, reader followed %llu changes, "
       "IP-lookup table %zu entries, L2 EVPN table %zu entries, all consistent\n",
