@@ -166,6 +166,8 @@ class Child {
   void ready();
   // Waits for the parent's next request; false once the parent has no more.
   bool nextRequest();
+  // The requests' descriptor, for an event loop to wait on; read it through nextRequest().
+  int requestFd() const noexcept { return channel_->requestFd(); }
   template <class T>
   void answer(const T& t) {
     static_assert(std::is_trivially_copyable_v<T>);
