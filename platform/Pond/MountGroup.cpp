@@ -20,6 +20,7 @@
 
 #include <fmt/format.h>
 
+#include "Pond/internal/FutexRing.h"
 #include "Pond/internal/Layout.h"
 #include "Pond/internal/Segment.h"
 #include "Pond/internal/TableEngine.h"
@@ -420,6 +421,11 @@ void MountGroup::dropGroup() {
     t->close();  // reopened tables resynchronise
   }
   state_->segment = Segment();
+  if (ring_) {
+    // Its wait is on the segment gone: a new ring waits on the next one.
+    ring_ = internal::FutexRing::create(changeFd_);
+    ringWaits_.store(ring_ != nullptr);
+  }
 }
 
 void MountGroup::readyIs(bool ready) {
@@ -438,6 +444,9 @@ size_t MountGroup::processChanges() {
     uint64_t drained;
     while (::read(changeFd_, &drained, sizeof(drained)) == sizeof(drained)) {
     }
+    if (ring_) {
+      ring_->reap();
+    }
   }
   auto now = std::chrono::steady_clock::now();
   if (state_->segment.base() && now - lastReplacedCheck_ >= kReplacedCheckInterval) {
@@ -453,6 +462,8 @@ size_t MountGroup::processChanges() {
     readyIs(false);
     return 0;
   }
+  // acquire: a publish after this load ends the ring's wait at once (see below).
+  const uint32_t wake = loadAcquire(&header()->wakeSeq);
   size_t delivered = 0;
   bool allOpen = true;
   for (internal::TableBase* t : tables_) {
@@ -468,6 +479,11 @@ size_t MountGroup::processChanges() {
     if (t->opened()) {
       delivered += newWriter ? t->resync() : t->pollChanges();
     }
+  }
+  if (ring_ && !ring_->arm(&header()->wakeSeq, wake)) {
+    ring_.reset();  // the helper waits on the word again
+    ringWaits_.store(false);
+    futexWakeAll(&stopWord_);
   }
   readyIs(allOpen);
   if (newWriter) {
@@ -523,6 +539,12 @@ bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
   return changed;
 }
 
+namespace {
+std::atomic<bool> gFutexRingAllowed{true};
+}  // namespace
+
+void MountGroup::futexRingAllowedIs(bool allowed) noexcept { gFutexRingAllowed.store(allowed); }
+
 int MountGroup::changeFd() {
   if (changeFd_ >= 0 || role_ != Role::reader) {
     return changeFd_;
@@ -531,8 +553,13 @@ int MountGroup::changeFd() {
   if (changeFd_ < 0) {
     throw SegmentError(fmt::format("mount group '{}': eventfd: {}", name_, std::strerror(errno)));
   }
+  if (gFutexRingAllowed.load()) {
+    ring_ = internal::FutexRing::create(changeFd_);
+  }
+  ringWaits_.store(ring_ != nullptr);
   // The thread maps the group on its own, so that it never touches the mapping this thread
-  // may drop, and turns every publish of the writer into a readable fd.
+  // may drop, and turns every publish of the writer into a readable fd (with a ring: only
+  // the segment appearing or being replaced; the ring signals the publishes).
   waiter_ = std::thread([this, fd = changeFd_, name = name_] {
     auto signal = [fd] {
       uint64_t one = 1;
@@ -557,14 +584,24 @@ int MountGroup::changeFd() {
         seen = loadAcquire(word) - 1;
       }
       const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
-      // acquire: pairs with publish()'s release (the fd only signals; the reader reads the
-      // tables itself).
-      uint32_t now = loadAcquire(word);
-      if (now != seen) {
-        seen = now;
-        signal();
+      bool quiet = false;
+      if (ringWaits_.load()) {
+        if (seen != loadAcquire(word)) {  // the group has just opened here
+          seen = loadAcquire(word);
+          signal();
+        }
+        quiet = futexWait(&stopWord_, 0, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT;
+      } else {
+        // acquire: pairs with publish()'s release (the fd only signals; the reader reads
+        // the tables itself).
+        uint32_t now = loadAcquire(word);
+        if (now != seen) {
+          seen = now;
+          signal();
+        }
+        quiet = futexWait(word, now, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT;
       }
-      if (futexWait(word, now, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT) {
+      if (quiet) {
         struct stat st {};
         if (::stat(Segment::pathOf(own->name()).c_str(), &st) != 0 || st.st_ino != own->inode()) {
           waiterWord_.store(nullptr);  // seq_cst: as above
@@ -610,7 +647,9 @@ void MountGroup::stopWaiter() {
   if (const uint32_t* word = waiterWord_.load()) {
     futexWakeAll(word);  // waking needs no write access to the word
   }
+  futexWakeAll(&stopWord_);
   waiter_.join();
+  ring_.reset();
   ::close(changeFd_);
   changeFd_ = -1;
 }

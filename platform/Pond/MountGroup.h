@@ -29,7 +29,11 @@
 // it announces.
 //
 // Threads: a group and its tables belong to one thread. changeFd() starts a helper thread
-// of the group's own, which only waits and signals the fd.
+// of the group's own, which only waits and signals the fd. Where the kernel has io_uring's
+// futex wait (Linux 6.7), the group's own thread has the kernel wait on the writer's
+// publishes for it, and the fd signals without waking the helper, which then only watches
+// for the group's segment appearing or being replaced: one wake-up per publish instead of
+// two.
 #pragma once
 
 #include <sys/types.h>
@@ -65,6 +69,7 @@ struct MountOptions {
 namespace internal {
 class GroupLink;
 class GroupState;
+class FutexRing;
 struct GroupHeader;
 struct SegmentOptions;
 
@@ -147,6 +152,9 @@ class MountGroup : public Kel::Entity {
   // Reader: an fd that polls readable when processChanges() has something to do. Reading
   // it is processChanges()'s business.
   int changeFd();
+  // Whether changeFd() may use io_uring's futex wait where the kernel has it (default
+  // true); for comparing the two ways in benchmarks and tests. Applies to later calls.
+  static void futexRingAllowedIs(bool allowed) noexcept;
   // Lets `loop` drive the group: a writer publishes after every iteration of the loop, a
   // reader processes its changes whenever changeFd() polls readable. Null detaches. The
   // loop must outlive the group, or be detached first.
@@ -195,6 +203,11 @@ class MountGroup : public Kel::Entity {
   std::thread waiter_;
   std::atomic<bool> stopWaiter_{false};
   std::atomic<const uint32_t*> waiterWord_{nullptr};
+  // changeFd() on io_uring: the pending futex wait, and whether the helper leaves the
+  // waiting to it (it then sleeps on stopWord_ between its checks of the segment).
+  std::unique_ptr<internal::FutexRing> ring_;
+  std::atomic<bool> ringWaits_{false};
+  uint32_t stopWord_ = 0;
   Kel::EventLoop* loop_ = nullptr;
   Kel::EventLoop::HookId publishHook_ = Kel::EventLoop::HookId::none;
 };

@@ -270,6 +270,18 @@ TEST_F(Statehub_, DirectoryEntriesAppearAndGo) {
   ASSERT_EQ(staying.ask("9"), "done");
   EXPECT_TRUE(until([&] { return te->priority() == 9; }));
 
+  // A mount on the loop follows its path removed and published anew (a new group); woken
+  // by its helper thread, as where the kernel has no io_uring futex wait.
+  Pond::MountGroup::futexRingAllowedIs(false);
+  auto ldp = looped->mount<Client>("mpls/labelRequest/ldp", Kel::make<Client>(Kel::String("ldp")));
+  Pond::MountGroup::futexRingAllowedIs(true);
+  ASSERT_TRUE(until([&] { return ldp->entity()->priority() == 2; }));
+  EXPECT_TRUE(looped->remove("mpls/labelRequest/ldp"));
+  auto again = Kel::make<Client>(Kel::String("ldp"));
+  again->priorityIs(7);
+  auto republished = looped->publish("mpls/labelRequest/ldp", again);
+  EXPECT_TRUE(until([&] { return ldp->entity()->priority() == 7; }));
+
   EXPECT_TRUE(looped->remove("mpls/labelRequest/bgp"));
   EXPECT_TRUE(until([&] { return !entries->entityPtrHas(Kel::String("bgp")); }));
   EXPECT_EQ(entries->entityPtrs(), 3u);
