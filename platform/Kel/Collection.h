@@ -66,11 +66,10 @@
 
 namespace Kel {
 
-// A hash map with the interface MapColl needs of its store (that of Kel::OrdinalMap).
-template <class K, class V>
-class HashMapStore {
-  using Map = absl::flat_hash_map<K, V, Hasher<K>>;
-
+// A standard-interface map (`Map`, keyed by K) with the interface MapColl needs of its
+// store (that of Kel::OrdinalMap).
+template <class K, class V, class Map>
+class MapStore {
  public:
   using const_iterator = typename Map::const_iterator;
 
@@ -78,7 +77,7 @@ class HashMapStore {
     auto it = map_.find(k);
     return it == map_.end() ? nullptr : &it->second;
   }
-  const V* find(const K& k) const { return const_cast<HashMapStore*>(this)->find(k); }
+  const V* find(const K& k) const { return const_cast<MapStore*>(this)->find(k); }
   std::pair<V*, bool> tryEmplace(const K& k) {
     auto [it, inserted] = map_.try_emplace(k);
     return {&it->second, inserted};
@@ -105,8 +104,21 @@ class HashMapStore {
   const_iterator begin() const { return map_.begin(); }
   const_iterator end() const { return map_.end(); }
 
- private:
+ protected:
   Map map_;
+};
+
+template <class K, class V>
+using HashMapStore = MapStore<K, V, absl::flat_hash_map<K, V, Hasher<K>>>;
+
+// A B-tree in key order (the key type's operator<), for collections that a long scan
+// walks in slices: the scan keeps the last key it visited and resumes after it, whether
+// or not that key is still there (see nameIterAfter).
+template <class K, class V>
+class OrderedMapStore : public MapStore<K, V, absl::btree_map<K, V>> {
+ public:
+  // The first element whose key is greater than `k`.
+  auto after(const K& k) const { return this->map_.upper_bound(k); }
 };
 
 // Storage of a K -> V collection, in a hash map or (DenseMapColl) in dense pages.
@@ -149,53 +161,6 @@ class MapColl {
 // For keys numbered in sequence.
 template <OrdinalHash K, class V>
 using DenseMapColl = MapColl<K, V, OrdinalMap<K, V>>;
-
-// A B-tree in key order (the key type's operator<), for collections that a long scan
-// walks in slices: the scan keeps the last key it visited and resumes after it, whether
-// or not that key is still there (see nameIterAfter).
-template <class K, class V>
-class OrderedMapStore {
-  using Map = absl::btree_map<K, V>;
-
- public:
-  using const_iterator = typename Map::const_iterator;
-
-  V* find(const K& k) {
-    auto it = map_.find(k);
-    return it == map_.end() ? nullptr : &it->second;
-  }
-  const V* find(const K& k) const { return const_cast<OrderedMapStore*>(this)->find(k); }
-  std::pair<V*, bool> tryEmplace(const K& k) {
-    auto [it, inserted] = map_.try_emplace(k);
-    return {&it->second, inserted};
-  }
-  std::optional<V> take(const K& k) {
-    auto it = map_.find(k);
-    if (it == map_.end()) {
-      return std::nullopt;
-    }
-    std::optional<V> old(std::move(it->second));
-    map_.erase(it);
-    return old;
-  }
-  std::vector<K> keys() const {
-    std::vector<K> out;
-    out.reserve(map_.size());
-    for (const auto& [k, v] : map_) {
-      out.push_back(k);
-    }
-    return out;
-  }
-  size_t size() const noexcept { return map_.size(); }
-  bool empty() const noexcept { return map_.empty(); }
-  const_iterator begin() const { return map_.begin(); }
-  const_iterator end() const { return map_.end(); }
-  // The first element whose key is greater than `k`.
-  const_iterator after(const K& k) const { return map_.upper_bound(k); }
-
- private:
-  Map map_;
-};
 
 template <class K, class V>
 using OrderedMapColl = MapColl<K, V, OrderedMapStore<K, V>>;

@@ -102,27 +102,36 @@ const CLI::Validator kSeconds(
     },
     "SECONDS");
 
+// A watching command's --count and --timeout, which end it; `never` says what its status
+// 1 after the timeout means.
+void addCountAndTimeout(CLI::App* command, Invocation& in, const std::string& never,
+                        std::optional<uint64_t>& count, std::optional<double>& timeout,
+                        std::function<int()> run) {
+  CLI::Option* countOpt =
+      command->add_option("--count", in.watchCount, "Exit after this many change lines")
+          ->check(CLI::PositiveNumber);
+  CLI::Option* timeoutOpt =
+      command
+          ->add_option("--timeout", in.watchTimeout,
+                       "Exit after this many seconds (status 1 if " + never + ")")
+          ->check(kSeconds);
+  command->callback([&in, &count, &timeout, countOpt, timeoutOpt, run] {
+    if (countOpt->count() > 0) {
+      count = in.watchCount;
+    }
+    if (timeoutOpt->count() > 0) {
+      timeout = in.watchTimeout;
+    }
+    in.run = run;
+  });
+}
+
 void addWatch(CLI::App& app, Invocation& in) {
   CLI::App* watchCmd = app.add_subcommand(
       "watch", "Follow the LFIB from this process and print every route change as it happens");
   addLfibOption(watchCmd, in.watch.lfib);
-  CLI::Option* countOpt =
-      watchCmd->add_option("--count", in.watchCount, "Exit after this many change lines")
-          ->check(CLI::PositiveNumber);
-  CLI::Option* timeoutOpt =
-      watchCmd
-          ->add_option("--timeout", in.watchTimeout,
-                       "Exit after this many seconds (status 1 if the LFIB never appeared)")
-          ->check(kSeconds);
-  watchCmd->callback([&in, countOpt, timeoutOpt] {
-    if (countOpt->count() > 0) {
-      in.watch.count = in.watchCount;
-    }
-    if (timeoutOpt->count() > 0) {
-      in.watch.timeout = in.watchTimeout;
-    }
-    in.run = [&in] { return Mplsctl::runWatch(in.watch); };
-  });
+  addCountAndTimeout(watchCmd, in, "the LFIB never appeared", in.watch.count, in.watch.timeout,
+                     [&in] { return Mplsctl::runWatch(in.watch); });
 }
 
 void addDemo(CLI::App& app, Invocation& in) {
@@ -173,24 +182,9 @@ void addState(CLI::App& app, Invocation& in) {
       "watch", "Print the entity at a path, then every line that changes, as it changes");
   watchCmd->add_option("PATH", in.state.path, "The entity's path (it may not exist yet)")
       ->required();
-  CLI::Option* countOpt =
-      watchCmd->add_option("--count", in.watchCount, "Exit after this many change lines")
-          ->check(CLI::PositiveNumber);
-  CLI::Option* timeoutOpt =
-      watchCmd
-          ->add_option("--timeout", in.watchTimeout,
-                       "Exit after this many seconds (status 1 if the path was never published)")
-          ->check(kSeconds);
   addStatehub(watchCmd);
-  watchCmd->callback([&in, countOpt, timeoutOpt] {
-    if (countOpt->count() > 0) {
-      in.state.count = in.watchCount;
-    }
-    if (timeoutOpt->count() > 0) {
-      in.state.timeout = in.watchTimeout;
-    }
-    in.run = [&in] { return Mplsctl::runStateWatch(in.state); };
-  });
+  addCountAndTimeout(watchCmd, in, "the path was never published", in.state.count,
+                     in.state.timeout, [&in] { return Mplsctl::runStateWatch(in.state); });
   CLI::App* clearCmd =
       stateCmd->add_subcommand("clear", "Remove everything published in the instance");
   addStatehub(clearCmd);
