@@ -115,12 +115,10 @@ LabelRange LabelManagerSm::configRange() const {
 }
 
 Netbase::MplsLabel LabelManagerSm::blockStart(uint64_t idx) const {
+  // The label's own check refuses a start above its range (a larger one than 32 bits
+  // hold stays above it).
   const uint64_t start = (idx << blockShift) + configRangeBase();
-  if (start > Netbase::MplsLabel::luWithdraw) {
-    throw Kel::RangeException(
-        "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed");
-  }
-  return Netbase::MplsLabel(static_cast<uint32_t>(start));
+  return Netbase::MplsLabel(static_cast<uint32_t>(std::min<uint64_t>(start, UINT32_MAX)));
 }
 
 bool LabelManagerSm::blockIsValid(const LabelBlock& block) const {
@@ -173,9 +171,7 @@ void LabelManagerSm::handleLabelRange() {
   allocValid_ = false;
   const LabelRange range = configRange();
   const uint64_t base = range.base().value();
-  const uint64_t end = std::min<uint64_t>(base + range.size(), maxLabel);
-  if (end > base && end - base > blockSize - 1) {
-    const uint64_t blocks = (end - base) >> blockShift;
+  if (const uint64_t blocks = blocksIn(range); blocks > 0) {
     KEL_TRACE(trace, 3, "allocate {} blocks.", blocks);
     const Corekit::NumRange numbers(0, static_cast<uint32_t>(blocks - 1));
     drAllocConfig_->expiryTimeIs(allocatorExpiryTime);

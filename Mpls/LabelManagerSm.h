@@ -38,6 +38,7 @@
 // entities it is given.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -103,9 +104,10 @@ class LabelManagerSm : public Kel::Reactor {
     virtual void onPendingClientMount(const Kel::String& name) { (void)name; }
   };
 
-  static constexpr uint32_t blockSize = 16384;
+  static constexpr uint32_t blockSize = LabelBlock::size;
   static constexpr uint32_t blockShift = 14;
-  static constexpr uint32_t maxLabel = 0xFFFFF;
+  static_assert(blockSize == 1u << blockShift);
+  static constexpr uint32_t maxLabel = Netbase::MplsLabel::max;
   static constexpr uint32_t defaultRangeBase = 100000;
   static constexpr uint32_t defaultRangeSize = 262144;
   static constexpr double allocatorExpiryTime = 1.0;
@@ -193,6 +195,13 @@ class LabelManagerSm : public Kel::Reactor {
   uint32_t configRangeBase() const { return configRange().base().value(); }
   uint32_t configRangeSize() const { return configRange().size(); }
   uint64_t configRangeMax() const { return uint64_t{configRangeBase()} + configRangeSize(); }
+  // How many whole blocks `range` holds once cut at the largest label: what a label
+  // manager on that range hands out.
+  static uint64_t blocksIn(const LabelRange& range) {
+    const uint64_t base = range.base().value();
+    const uint64_t end = std::min<uint64_t>(base + range.size(), maxLabel);
+    return end > base ? (end - base) >> blockShift : 0;
+  }
   // The block number of the block that starts at `label` (labels below the base give a
   // negative number).
   int64_t blockIdx(uint32_t label) const {

@@ -7,6 +7,7 @@
 //   labels release CLIENT ID        withdraws the request (the agent takes the block back)
 //   labels show                     the dynamic range and every client's blocks
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <string>
@@ -17,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Kel/EventLoop.h"
+#include "Mpls/LabelManagerSm.h"
 #include "Statehub/EntityManager.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/StateViews.h"
@@ -31,12 +33,7 @@ namespace {
 constexpr uint32_t kBlockSize = Mpls::LabelBlock::size;
 constexpr uint32_t kMaxLabel = Netbase::MplsLabel::max;
 
-// How many whole blocks the label manager hands out of `range` (cut at the largest label).
-uint64_t blocksIn(const Mpls::LabelRange& range) {
-  const uint64_t base = range.base().value();
-  const uint64_t end = std::min<uint64_t>(base + range.size(), kMaxLabel);
-  return end > base ? (end - base) / kBlockSize : 0;
-}
+using Mpls::LabelManagerSm;
 
 std::string blockText(const Mpls::LabelBlock& b) {
   return fmt::format("{}-{}", b.blockStart().value(), b.blockEnd());
@@ -106,7 +103,7 @@ int runLabelsRange(const LabelsOptions& options) {
   auto publication = publishAs(*manager, Mpls::configPath, config);  // finds what is there
   config->labelRangeIs(Kel::String(options.name), range);
   publication->flush();
-  const uint64_t blocks = blocksIn(range);
+  const uint64_t blocks = LabelManagerSm::blocksIn(range);
   std::printf("label range '%s': base %u, size %u (%llu blocks of %u labels)\n",
               options.name.c_str(), options.base, options.size,
               static_cast<unsigned long long>(blocks), kBlockSize);
@@ -152,7 +149,7 @@ int runLabelsRequest(const LabelsOptions& options) {
   for (const auto& [client, allocation] : s.labelBlockAllocationIter()) {
     held += allocation->blocks();
   }
-  const uint64_t blocks = blocksIn(s.dynamicLabelRange());
+  const uint64_t blocks = LabelManagerSm::blocksIn(s.dynamicLabelRange());
   if (held >= blocks) {
     throw CommandError(fmt::format(
         "the dynamic label range (base {}, size {}) is exhausted: its {} blocks are all handed "
@@ -201,7 +198,7 @@ int runLabelsShow(const LabelsOptions& options) {
     return std::tie(std::get<0>(a), std::get<1>(a)) < std::tie(std::get<0>(b), std::get<1>(b));
   });
   const Mpls::LabelRange& range = s.dynamicLabelRange();
-  const uint64_t blocks = blocksIn(range);
+  const uint64_t blocks = LabelManagerSm::blocksIn(range);
   if (options.json) {
     nlohmann::json out = {{"dynamicLabelRange",
                            {{"base", range.base().value()},
