@@ -47,6 +47,10 @@ enum class AttrKind : uint8_t { scalar, map, set, valueColl, entityColl };
 class AttrObserver {
  public:
   virtual void kelAttrChanged(int index, const void* key) = 0;
+  // An entity collection is about to remove the element of `key` (which is present);
+  // kelAttrChanged follows once it is gone. What an observer needs of the element it
+  // must take now.
+  virtual void kelAttrRemoving(int index, const void* key) { (void)index, (void)key; }
 
  protected:
   ~AttrObserver() = default;

@@ -579,6 +579,9 @@ inline void attachParent(Entity* parent, Entity* child) {
     return e;                                                                         \
   }                                                                                   \
   ::Kel::Ptr<E> name##Del(const K& k) {                                               \
+    if (kelObserver() && name##_.find(k)) [[unlikely]] {                              \
+      kelObserver()->kelAttrRemoving(kelAttrIndex_##name, &k);                        \
+    }                                                                                 \
     auto old = name##_.erase(k);                                                      \
     if (!old) {                                                                       \
       return nullptr;                                                                 \
