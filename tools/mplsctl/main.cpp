@@ -22,6 +22,7 @@
 #include "Pond/Exception.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
+#include "tools/mplsctl/SrCommand.h"
 
 namespace {
 
@@ -264,6 +265,7 @@ int main(int argc, char** argv) {
   addMldp(app, in);
   addState(app, in);
   addLabels(app, in);
+  Mplsctl::addSrCommands(app, in.run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
