@@ -44,11 +44,12 @@ namespace Mpls::internal {
 //
 // Each change of the local table names a FEC and a label (its change counter, see
 // types/Mpls/LabelBindingTable.h), and handleLocalChange(fec, label) brings the rows of
-// that FEC and label in line: the filter row, the label row and the time-stamp row. The
-// peers' tables likewise, each through a nested reactor of peerLbtSet, keyed by router
-// id, that follows the collection. A row is written only when it differs from what the
-// table holds, and deleted only when present: nothing reaches the readers for a change
-// that leaves the rows as they are.
+// that FEC and label in line: the filter row, the label row and the time-stamp row. (A
+// label's own change, its binding still there, can only have changed the label's row:
+// the reactor brings that one alone in line.) The peers' tables likewise, each through a
+// nested reactor of peerLbtSet, keyed by router id, that follows the collection. A row is
+// written only when it differs from what the table holds, and deleted only when present:
+// nothing reaches the readers for a change that leaves the rows as they are.
 //
 // Inert until handleInitialized(), which the caller runs once the table set is mounted on
 // a writer group. Without a writer group nothing is written; when the table set moves to
@@ -119,8 +120,9 @@ class LabelBindingProducerSm : public Kel::Reactor {
   // Sets `initialized`, then brings every row in line with the entities: the rows that
   // no binding backs any more (left by an earlier writer) are deleted, with
   // handleLocalChange / handlePeerChange for each and handlePeerDelete for the routers
-  // that have no table; then every binding, label and filter of the entities is
-  // published. Traces "clearing local: labels=N, filters=N, lastUpdate=N".
+  // that have no table; then what the entities hold and the tables lack is written (the
+  // rows are walked once in storage order; the entities only when the tables lack
+  // something). Traces "clearing local: labels=N, filters=N, lastUpdate=N".
   void handleInitialized();
   // Clears `initialized` ("Set initialized to False") and deletes every row of the six
   // tables it writes.
@@ -233,8 +235,8 @@ class LabelBindingConsumerSm : public Kel::Reactor {
     LabelBindingConsumerSm* sm_;
   };
 
-  // Reads `tables`, writes `local` and `peers` (either may be null: its rows are then
-  // ignored).
+  // Reads `tables` (not null), writes `local` and `peers` (either may be null: its rows
+  // are then ignored).
   LabelBindingConsumerSm(const typename Tables::Ptr& tables, const LabelBindingTable::Ptr& local,
                          const LabelBindingTableColl::Ptr& peers);
 
