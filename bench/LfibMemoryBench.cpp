@@ -6,9 +6,6 @@
 // mincore): the rows, their slots and hash buckets, the via records' heap and the change
 // logs. Pages never touched (the capacity beyond the rows written, the empty via tables)
 // cost nothing and are not counted.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -17,31 +14,11 @@
 
 #include "Mpls/MplsLfib.h"
 #include "Pond/MountGroup.h"
-#include "Pond/internal/Segment.h"
+#include "ShmBytes.h"
 
 namespace {
 
 constexpr uint32_t kRoutes = 1000000;
-
-// Resident bytes of a whole shared-memory segment, mapped read-only for the count.
-uint64_t residentBytes(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY);
-  struct stat st {};
-  if (fd < 0 || ::fstat(fd, &st) != 0 || st.st_size == 0) {
-    if (fd >= 0) ::close(fd);
-    return 0;
-  }
-  void* base = ::mmap(nullptr, st.st_size, PROT_READ, MAP_SHARED, fd, 0);
-  ::close(fd);
-  long page = ::sysconf(_SC_PAGESIZE);
-  size_t pages = (st.st_size + page - 1) / page;
-  std::vector<unsigned char> vec(pages);
-  ::mincore(base, st.st_size, vec.data());
-  ::munmap(base, st.st_size);
-  uint64_t resident = 0;
-  for (unsigned char v : vec) resident += v & 1;
-  return resident * page;
-}
 
 }  // namespace
 
@@ -77,16 +54,12 @@ int main() {
                                         Mpls::FwdEqvClass(), 0));
     }
     writer->publish();
-    uint64_t total = residentBytes(Pond::internal::Segment::pathOf(
-        Pond::internal::Segment::groupShmName(group)));
-    for (const std::string& table : Pond::MountGroup::tableNames(group)) {
-      uint64_t bytes = residentBytes(Pond::internal::Segment::pathOf(
-          Pond::internal::Segment::tableShmName(group, table)));
-      if (bytes) {
-        std::printf("# %-30s %10.1f bytes/route\n", table.c_str(), double(bytes) / kRoutes);
-      }
-      total += bytes;
-    }
+    const uint64_t total =
+        Bench::groupResidentBytes(group, [](const std::string& table, uint64_t bytes) {
+          if (bytes) {
+            std::printf("# %-30s %10.1f bytes/route\n", table.c_str(), double(bytes) / kRoutes);
+          }
+        });
     std::printf("figure M1 %.1f bytes\n", double(total) / kRoutes);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "LfibMemoryBench: %s\n", e.what());

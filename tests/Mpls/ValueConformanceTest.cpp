@@ -12,13 +12,17 @@
 #include <vector>
 
 #include "Kel/Value.h"
+#include "Mpls/CommonLibPond.h"
+#include "Mpls/LdpLibPond.h"
 #include "Mpls/LfibIpLookup.h"
 #include "Mpls/LfibL2Evpn.h"
 #include "Mpls/LfibTracking.h"
 #include "Mpls/LfibViaKey.h"
 #include "Mpls/LfibViaSetKey.h"
 #include "Mpls/MplsLfib.h"
+#include "Mpls/SegmentRouting.h"
 #include "Mpls/TunnelTapIntfId.h"
+#include "types/Mpls/LabelBindingTable.h"
 
 namespace {
 
@@ -191,6 +195,71 @@ TEST(ValueTypes, ConformanceOfEveryType) {
   checkConformance({Bridging::VlanId(4095)});
   checkConformance({L3::VrfName("it's \"quoted\"\n")});
   checkConformance({Pond::Fib::FecId(1ull << 63)});
+}
+
+// The row and key types of the label-binding, LDP and segment-routing tables, and the
+// platform types they carry.
+TEST(ValueTypes, ConformanceOfTheProtocolTableTypes) {
+  const FwdEqvClass fec(IpGenPrefix("10.1.0.0/16"));
+  const RouterId router(0x0a000001, 2);
+  const Ldp::LdpIdentifier ldpId(router);
+  checkConformance({router, RouterId(0xffffffff, 0xffff)});
+  checkConformance({ldpId});
+  checkConformance({LabelBindingChange(7, fec, MplsLabel(16))});
+  {
+    using namespace CommonLibPond;
+    const LocalLbtLabelKey local(fec, MplsLabel(16));
+    const PeerLbtLabelKey peer(router, fec, MplsLabel(17));
+    const RouterIdFecKey routerFec(router, fec);
+    const LdpIdentifierFecKey ldpFec(ldpId, fec);
+    checkConformance({local});
+    checkConformance({peer});
+    checkConformance({routerFec});
+    checkConformance({ldpFec});
+    checkConformance({LocalLbtLabelEntry(local)});
+    checkConformance({PeerLbtLabelEntry(peer)});
+    checkConformance({RouterIdFecEntry(routerFec)});
+    checkConformance({LdpIdentifierFecEntry(ldpFec)});
+    checkConformance({FecEntry(fec)});
+    checkConformance({LocalLbtLastUpdateEntry(fec, 1.5), LocalLbtLastUpdateEntry(fec, 1e300)});
+    checkConformance({PeerLbtLastUpdateEntry(routerFec, 0.25)});
+  }
+  {
+    using namespace Ldp::LdpPond;
+    const LdpLocalLbtLabelKey local(fec, MplsLabel(16));
+    const LdpPeerLbtLabelKey peer(ldpId, fec, MplsLabel(17));
+    const LdpIdentifierFecKey ldpFec(ldpId, fec);
+    checkConformance({local});
+    checkConformance({peer});
+    checkConformance({ldpFec});
+    checkConformance({LdpLocalLbtLabelEntry(local)});
+    checkConformance({LdpPeerLbtLabelEntry(peer)});
+    checkConformance({LdpFecEntry(fec)});
+    checkConformance({LdpIdentifierFecEntry(ldpFec)});
+    checkConformance({LdpLocalLbtLastUpdateEntry(fec, 3.0)});
+    checkConformance({LdpPeerLbtLastUpdateEntry(ldpFec, 4.5)});
+  }
+  {
+    namespace Sr = Pond::SegmentRouting;
+    using Sr::SegmentIdentifier;
+    const Routing::Isis::AreaId area = *Routing::Isis::AreaId::parse("49.0001");
+    checkConformance({SegmentIdentifier::index(5), SegmentIdentifier::absolute(0x1fffff)});
+    checkConformance({area});
+    checkConformance({Sr::PrefixSegment(IpGenPrefix("10.0.0.1/32"), SegmentIdentifier::index(1),
+                                        router, 0x40, 2, 0, 7)});
+    Sr::AdjacencySegment adj(Sr::AdjacencySegmentKey(SegmentIdentifier::absolute(24000), 9), 0x30,
+                             {});
+    adj.ngbIs(0, Sr::AdjSegmentNeighbor(0x192168001002ull, 10));
+    adj.ngbIs(511, Sr::AdjSegmentNeighbor(1, 1));
+    checkConformance({adj});
+    Sr::AreaSegment areaSegment(area, SegmentIdentifier::index(3), Sr::AreaSegmentFlags(5),
+                                Pond::Fib::FecId(7), {});
+    areaSegment.originatorIs(63, router);
+    checkConformance({areaSegment});
+    checkConformance({Sr::GlobalBlock(router, LabelRange(16000, 8000))});
+    checkConformance({Sr::SrRoute(IpGenPrefix("2001:db8::/32"), Pond::Fib::FecId(1), 2, 10, 0,
+                                  true, false)});
+  }
 }
 
 TEST(ValueTypes, TextFormsHaveTheirFieldsInOrder) {

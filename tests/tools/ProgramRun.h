@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <vector>
@@ -83,6 +85,29 @@ inline Result runProgram(const std::string& program, const std::vector<std::stri
   const int status = c.wait(ms);
   EXPECT_NE(status, -1) << program << " did not end within " << ms << " ms";
   return {status, c.out(), c.err()};
+}
+
+// A scratch directory for the files a test hands a program, removed with it.
+struct ScratchDir {
+  std::string path;
+  ScratchDir() {
+    char dir[] = "/tmp/mpls-tool-test-XXXXXX";
+    EXPECT_NE(mkdtemp(dir), nullptr);
+    path = dir;
+  }
+  ~ScratchDir() { std::filesystem::remove_all(path); }
+  // Writes `text` to the file `name` in the directory; returns its path.
+  std::string file(const std::string& name, const std::string& text) const {
+    const std::string p = path + "/" + name;
+    std::ofstream(p) << text;
+    return p;
+  }
+};
+
+// A name of the running test's own ("<prefix>-<test>-<pid>"), for shared-memory groups.
+inline std::string testName(const std::string& prefix) {
+  return prefix + "-" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" +
+         std::to_string(getpid());
 }
 
 }  // namespace ToolTest

@@ -106,6 +106,9 @@ int runDump(const std::string& lfib);
 // The demo's scene of label blocks handed out by an MPLS agent that is killed and started
 // again (DemoLabels.cpp).
 void demoLabelBlocks();
+// The demo's scene of label bindings published by a producer process and rebuilt by a
+// consumer process (DemoBindings.cpp).
+void demoBindings();
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);
 

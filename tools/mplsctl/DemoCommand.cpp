@@ -379,6 +379,7 @@ int runDemo() {
   }
   demo.finishReader();
   demoLabelBlocks();
+  demoBindings();
   std::printf(
       "demo: %llu routes written, %llu deleted, reader followed %llu changes, "
       "IP-lookup table %zu entries, L2 EVPN table %zu entries, all consistent\n",

@@ -7,6 +7,7 @@
 #include "Kel/DumpContext.h"
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/TableSetMount.h"
 
 namespace Mplsctl {
 
@@ -61,15 +62,7 @@ int runCheck(const std::string& name) {
 }
 
 int runClear(const std::string& name) {
-  size_t removed = 0;
-  try {
-    removed = Pond::MountGroup::removeSegments(name);
-  } catch (const Pond::SegmentError& e) {
-    throw CommandError(fmt::format("cannot clear LFIB '{}': {}", name, e.what()));
-  }
-  if (removed == 0) {
-    throw CommandError(fmt::format("no LFIB named '{}' (no shared-memory segments)", name));
-  }
+  const size_t removed = removeTableSets({name}, "LFIB", name);
   std::printf("LFIB '%s': removed %zu shared-memory segments\n", name.c_str(), removed);
   return 0;
 }

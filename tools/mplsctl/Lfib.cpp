@@ -1,12 +1,14 @@
 #include <fmt/format.h>
 
-#include <chrono>
+#include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <set>
 
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
+#include "tools/mplsctl/TableSetMount.h"
 
 namespace Mplsctl {
 
@@ -28,27 +30,31 @@ void reportDamage(const std::string& lfib, const std::string& text) {
 
 }  // namespace
 
+uint32_t roomFor(uint64_t count) {
+  return static_cast<uint32_t>(std::bit_ceil(std::max<uint64_t>(1024, 2 * count)));
+}
+
+size_t removeTableSets(const std::vector<std::string>& groups, std::string_view kind,
+                       const std::string& name) {
+  size_t removed = 0;
+  for (const std::string& group : groups) {
+    try {
+      removed += Pond::MountGroup::removeSegments(group);
+    } catch (const Pond::SegmentError& e) {
+      throw CommandError(fmt::format("cannot clear {} '{}': {}", kind, name, e.what()));
+    }
+  }
+  if (removed == 0) {
+    throw CommandError(fmt::format("no {} named '{}' (no shared-memory segments)", kind, name));
+  }
+  return removed;
+}
+
 bool lfibDamageFound() { return damageFound > 0; }
 
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
-  if (Pond::MountGroup::tableNames(name).empty()) {
-    throw CommandError(fmt::format("no LFIB named '{}' (no shared-memory segments)", name));
-  }
   LfibStatus::Ptr lfib = lfibStatusFactory();
-  lfib->mountGroupIs(Pond::MountGroup::reader(name));
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  const Kel::Ptr<Pond::MountGroup>& group = lfib->mountGroup();
-  group->processChanges();
-  while (!group->ready()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      throw CommandError(fmt::format(
-          "LFIB '{}' is incomplete: not all its tables opened within 5 s (its writer may still "
-          "be creating them; 'mplsctl clear --lfib {}' removes what is there)",
-          name, name));
-    }
-    group->waitForChange(std::chrono::milliseconds(100));
-    group->processChanges();
-  }
+  mountTableSetReader(*lfib, name, "LFIB", name, fmt::format("mplsctl clear --lfib {}", name));
   // A damaged row or table is read as absent: say so, and fail the command.
   lfib->tableCorruptionHandlerIs([name](const std::string& text) { reportDamage(name, text); });
   return lfib;

@@ -24,6 +24,7 @@
 #include "Pond/UndoLog.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
+#include "tools/mplsctl/TableSetMount.h"
 
 namespace {
 
@@ -77,10 +78,6 @@ using namespace Mpls;
 // declared sizes.
 using Capacities = std::map<std::string, uint32_t, std::less<>>;
 
-uint32_t roomFor(uint64_t count) {
-  return static_cast<uint32_t>(std::bit_ceil(std::max<uint64_t>(1024, 2 * count)));
-}
-
 LfibStatusSizing sizingFor(const Capacities& c) {
   LfibStatusSizing s;
   s.forEach([&](std::string_view table, Pond::TableSizing& t) {
@@ -112,13 +109,7 @@ Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
 
 // The sizes for the file, but those of the tables that exist already.
 LfibStatusSizing writerSizing(const std::string& name, const std::vector<ParsedRoute>& routes) {
-  LfibStatusSizing s = sizingFor(fileCapacities(routes));
-  s.forEach([&](std::string_view table, Pond::TableSizing& t) {
-    if (auto existing = Pond::MountGroup::tableSizing(name, table)) {
-      t = *existing;
-    }
-  });
-  return s;
+  return existingSizing(name, sizingFor(fileCapacities(routes)));
 }
 
 uint64_t rowCount(const LfibStatus& lfib) {

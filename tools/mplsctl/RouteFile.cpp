@@ -1,15 +1,9 @@
 #include "tools/mplsctl/RouteFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <absl/strings/str_join.h>
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <unordered_map>
@@ -26,10 +20,6 @@ using namespace Mpls;
 constexpr uint32_t kMaxStackLabels = 16;
 constexpr uint32_t kMaxWeight = 255;
 constexpr uint32_t kMaxVias = 128;
-// Bounds on what is read, so that endless or binary input fails instead of exhausting
-// memory: far above a route file of the whole label space with many vias per route.
-constexpr size_t kMaxFileBytes = size_t{256} << 20;
-constexpr size_t kMaxLineBytes = size_t{64} << 10;
 
 struct SourceName {
   LFib::Source source;
@@ -45,138 +35,42 @@ constexpr SourceName kSources[] = {
     {LFib::sourceTiLfa, "ti-lfa"},
 };
 
-struct Token {
-  std::string_view text;
-  uint32_t column;
-};
-
-// One line's words, and the errors that point into it.
-class LineParser {
- public:
-  LineParser(const std::string& file, uint32_t line, std::string_view text)
-      : file_(file), line_(line) {
-    size_t end = text.find('#');
-    if (end != std::string_view::npos) {
-      text = text.substr(0, end);
-    }
-    size_t i = 0;
-    while (i < text.size()) {
-      if (text[i] == ' ' || text[i] == '\t' || text[i] == '\r') {
-        ++i;
-        continue;
-      }
-      size_t start = i;
-      while (i < text.size() && text[i] != ' ' && text[i] != '\t' && text[i] != '\r') {
-        ++i;
-      }
-      tokens_.push_back({text.substr(start, i - start), static_cast<uint32_t>(start + 1)});
-    }
-    endColumn_ = static_cast<uint32_t>(text.size() + 1);
+// LABEL ('/' LABEL)*, after `after`.
+Netbase::MplsLabelStack labelStack(LineParser& p, const std::string& after) {
+  const std::string what = fmt::format("a label after {}", Kel::quoted(after));
+  if (p.atEnd()) {
+    p.expected(what);
   }
-
-  bool empty() const { return tokens_.empty(); }
-  bool atEnd() const { return next_ == tokens_.size(); }
-  const Token& peek() const { return tokens_[next_]; }
-  bool peekIs(std::string_view word) const { return !atEnd() && peek().text == word; }
-  Token take() { return tokens_[next_++]; }
-
-  [[noreturn]] void fail(uint32_t column, const std::string& message) const {
-    throw RouteFileError(file_, line_, column, message);
-  }
-  // "expected <what>, found '<next word>'" (or "found end of line") at the next word.
-  [[noreturn]] void expected(const std::string& what) const {
-    if (atEnd()) {
-      fail(endColumn_, fmt::format("expected {}, found end of line", what));
-    }
-    fail(peek().column, fmt::format("expected {}, found {}", what, Kel::quoted(peek().text)));
-  }
-  // Takes the next word, which must be `word`.
-  void keyword(std::string_view word, const std::string& context) {
-    if (!peekIs(word)) {
-      expected(fmt::format("'{}' {}", word, context));
-    }
-    take();
-  }
-
-  // A decimal number in [min, max]; `what` is what an error expected, `noun` names the
-  // number in a range error.
-  uint32_t number(const std::string& what, const char* noun, uint32_t min, uint32_t max) {
-    if (atEnd()) {
-      expected(what);
-    }
-    const Token t = peek();
+  const Token t = p.peek();
+  Netbase::MplsLabelStack stack;
+  size_t pos = 0;
+  while (true) {
+    size_t slash = t.text.find('/', pos);
+    std::string_view part = t.text.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
+    const uint32_t column = t.column + static_cast<uint32_t>(pos);
     uint32_t value = 0;
-    auto [ptr, ec] = std::from_chars(t.text.data(), t.text.data() + t.text.size(), value);
-    if (ec == std::errc::result_out_of_range ||
-        (ec == std::errc() && ptr == t.text.data() + t.text.size() && (value < min || value > max))) {
-      fail(t.column, fmt::format("{} {} out of range {}..{}", noun, Kel::quoted(t.text), min, max));
+    auto [ptr, ec] = std::from_chars(part.data(), part.data() + part.size(), value);
+    if (part.empty() || (ec != std::errc() && ec != std::errc::result_out_of_range) ||
+        ptr != part.data() + part.size()) {
+      p.fail(column, fmt::format("expected {}, found {}", stack.empty() ? what : "a label after '/'",
+                               Kel::quoted(part.empty() ? t.text : part)));
     }
-    if (ec != std::errc() || ptr != t.text.data() + t.text.size()) {
-      expected(what);
+    if (ec == std::errc::result_out_of_range || value > Netbase::MplsLabel::max) {
+      p.fail(column, fmt::format("label {} out of range 0..{}", Kel::quoted(part), Netbase::MplsLabel::max));
     }
-    take();
-    return value;
+    if (stack.size() == kMaxStackLabels) {
+      p.fail(column, fmt::format("label stack {} has more than {} labels", Kel::quoted(t.text),
+                               kMaxStackLabels));
+    }
+    stack.push_back(Netbase::MplsLabel(value));
+    if (slash == std::string_view::npos) {
+      break;
+    }
+    pos = slash + 1;
   }
-
-  // LABEL ('/' LABEL)*, after `after`.
-  Netbase::MplsLabelStack labelStack(const std::string& after) {
-    const std::string what = fmt::format("a label after {}", Kel::quoted(after));
-    if (atEnd()) {
-      expected(what);
-    }
-    const Token t = peek();
-    Netbase::MplsLabelStack stack;
-    size_t pos = 0;
-    while (true) {
-      size_t slash = t.text.find('/', pos);
-      std::string_view part = t.text.substr(pos, slash == std::string_view::npos ? slash : slash - pos);
-      const uint32_t column = t.column + static_cast<uint32_t>(pos);
-      uint32_t value = 0;
-      auto [ptr, ec] = std::from_chars(part.data(), part.data() + part.size(), value);
-      if (part.empty() || (ec != std::errc() && ec != std::errc::result_out_of_range) ||
-          ptr != part.data() + part.size()) {
-        fail(column, fmt::format("expected {}, found {}", stack.empty() ? what : "a label after '/'",
-                                 Kel::quoted(part.empty() ? t.text : part)));
-      }
-      if (ec == std::errc::result_out_of_range || value > Netbase::MplsLabel::max) {
-        fail(column, fmt::format("label {} out of range 0..{}", Kel::quoted(part), Netbase::MplsLabel::max));
-      }
-      if (stack.size() == kMaxStackLabels) {
-        fail(column, fmt::format("label stack {} has more than {} labels", Kel::quoted(t.text),
-                                 kMaxStackLabels));
-      }
-      stack.push_back(Netbase::MplsLabel(value));
-      if (slash == std::string_view::npos) {
-        break;
-      }
-      pos = slash + 1;
-    }
-    take();
-    return stack;
-  }
-
-  template <class T>
-  T parsed(const std::string& what) {
-    if (atEnd()) {
-      expected(what);
-    }
-    const Token t = peek();
-    try {
-      T value(t.text);
-      take();
-      return value;
-    } catch (const Kel::Exception&) {
-      expected(what);
-    }
-  }
-
- private:
-  const std::string& file_;
-  uint32_t line_;
-  std::vector<Token> tokens_;
-  size_t next_ = 0;
-  uint32_t endColumn_ = 1;
-};
+  p.take();
+  return stack;
+}
 
 // A next hop of a swap, push or pop route, weights added up.
 struct NextHop {
@@ -240,7 +134,7 @@ Action parseAction(LineParser& p) {
   if (word.text == "swap" || word.text == "push") {
     p.take();
     action.labelAction = word.text == "swap" ? Netbase::labelActionSwap : Netbase::labelActionPush;
-    action.stack = p.labelStack(std::string(word.text));
+    action.stack = labelStack(p, std::string(word.text));
   } else if (word.text == "pop") {
     p.take();
     if (p.peekIs("lookup")) {
@@ -382,90 +276,25 @@ ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
 
 }  // namespace
 
-RouteFileError::RouteFileError(const std::string& file, uint32_t line, uint32_t column,
-                               const std::string& message)
-    : std::runtime_error(line == 0 ? fmt::format("{}: {}", file, message)
-                                   : fmt::format("{}:{}:{}: {}", file, line, column, message)),
-      line_(line),
-      column_(column) {}
-
 std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName) {
   std::vector<ParsedRoute> routes;
   std::unordered_map<uint32_t, uint32_t> lineByLabel;
-  uint32_t lineNumber = 0;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    ++lineNumber;
-    size_t end = text.find('\n', pos);
-    std::string_view line = text.substr(pos, end == std::string_view::npos ? end : end - pos);
-    pos = end == std::string_view::npos ? text.size() : end + 1;
-    if (line.size() > kMaxLineBytes) {
-      throw RouteFileError(fileName, lineNumber, 1,
-                           fmt::format("line longer than {} bytes", kMaxLineBytes));
-    }
-    if (const size_t nul = line.find('\0'); nul != std::string_view::npos) {
-      throw RouteFileError(fileName, lineNumber, static_cast<uint32_t>(nul + 1),
-                           "a NUL byte: not a route file");
-    }
-    LineParser p(fileName, lineNumber, line);
-    if (p.empty()) {
-      continue;
-    }
+  forEachLine(text, fileName, "route file", [&](LineParser& p) {
     const uint32_t labelColumn = p.peek().column;
-    ParsedRoute route = parseRoute(p, lineNumber);
+    ParsedRoute route = parseRoute(p, p.line());
     const uint32_t label = route.route.key().label().value();
-    auto [it, inserted] = lineByLabel.emplace(label, lineNumber);
+    auto [it, inserted] = lineByLabel.emplace(label, p.line());
     if (!inserted) {
-      throw RouteFileError(fileName, lineNumber, labelColumn,
-                           fmt::format("label {} is already routed on line {}", label, it->second));
+      p.fail(labelColumn, fmt::format("label {} is already routed on line {}", label, it->second));
     }
     routes.push_back(std::move(route));
-  }
+  });
   return routes;
 }
 
 std::vector<ParsedRoute> readRouteFile(const std::string& path) {
-  const bool standardInput = path == "-";
-  const std::string name = standardInput ? "<stdin>" : path;
-  const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
-  }
-  struct Closer {
-    int fd;
-    bool own;
-    ~Closer() {
-      if (own) {
-        ::close(fd);
-      }
-    }
-  } closer{fd, !standardInput};
-  struct stat st;
-  if (::fstat(fd, &st) != 0) {
-    throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
-  }
-  if (S_ISDIR(st.st_mode)) {
-    throw RouteFileError(name, 0, 0, "is a directory, not a route file");
-  }
-  std::string text;
-  char chunk[1 << 16];
-  for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n < 0) {
-      throw RouteFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
-    }
-    if (n == 0) {
-      break;
-    }
-    if (text.size() + static_cast<size_t>(n) > kMaxFileBytes) {
-      throw RouteFileError(name, 0, 0,
-                           fmt::format("longer than {} bytes: not a route file", kMaxFileBytes));
-    }
-    text.append(chunk, static_cast<size_t>(n));
-  }
+  std::string name;
+  const std::string text = readLineFile(path, "route file", name);
   return parseRouteFile(text, name);
 }
 

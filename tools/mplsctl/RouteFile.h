@@ -40,23 +40,12 @@
 #include <vector>
 
 #include "Mpls/MplsLfibWriter.h"
+#include "tools/mplsctl/LineFile.h"
 
 namespace Mplsctl {
 
-// A route file that cannot be used. what() is "<file>:<line>:<column>: <message>", for
-// example "routes.txt:3:14: expected a label after 'swap', found 'x'"; a file that cannot
-// be read is "<file>: <reason>" with line and column 0.
-class RouteFileError : public std::runtime_error {
- public:
-  RouteFileError(const std::string& file, uint32_t line, uint32_t column,
-                 const std::string& message);
-  uint32_t line() const noexcept { return line_; }
-  uint32_t column() const noexcept { return column_; }
-
- private:
-  uint32_t line_;
-  uint32_t column_;
-};
+// A route file that cannot be used (see LineFileError).
+using RouteFileError = LineFileError;
 
 struct ParsedRoute {
   Mpls::ConsolidatedLfibRoute route;

@@ -13,20 +13,13 @@
 //   SID := index N | label LABEL;  ROUTER-ID := A.B.C.D[:SPACE];  SYSTEM-ID := xxxx.xxxx.xxxx
 #include "tools/mplsctl/SrCommand.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <limits>
 #include <map>
 #include <memory>
@@ -42,6 +35,8 @@
 #include "Pond/MountGroup.h"
 #include "Pond/UndoLog.h"
 #include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/LineFile.h"
+#include "tools/mplsctl/TableSetMount.h"
 
 namespace Mplsctl {
 
@@ -50,65 +45,16 @@ namespace {
 namespace Sr = Pond::SegmentRouting;
 using Sr::SegmentIdentifier;
 
-constexpr size_t kMaxFileBytes = size_t{64} << 20;
-constexpr size_t kMaxLineBytes = size_t{64} << 10;
+constexpr const char* kFileKind = "segment-routing file";
+constexpr const char* kKind = "segment-routing tables";
 
 // ---------------------------------------------------------------------------------------
 // Reading a file.
 
-struct Token {
-  std::string_view text;
-  uint32_t column;
-};
-
 // The words of one line, and the errors that point into it.
-class Line {
+class Line : public LineParser {
  public:
-  Line(const std::string& file, uint32_t number, std::string_view text)
-      : file_(file), number_(number) {
-    text = text.substr(0, text.find('#'));
-    for (size_t i = 0; i < text.size();) {
-      if (text[i] == ' ' || text[i] == '\t' || text[i] == '\r') {
-        ++i;
-        continue;
-      }
-      const size_t start = i;
-      while (i < text.size() && text[i] != ' ' && text[i] != '\t' && text[i] != '\r') {
-        ++i;
-      }
-      tokens_.push_back({text.substr(start, i - start), static_cast<uint32_t>(start + 1)});
-    }
-    endColumn_ = static_cast<uint32_t>(text.size() + 1);
-  }
-
-  uint32_t number() const { return number_; }
-  bool atEnd() const { return next_ == tokens_.size(); }
-  const Token& peek() const { return tokens_[next_]; }
-  Token take() { return tokens_[next_++]; }
-  bool takeIf(std::string_view word) {
-    if (atEnd() || peek().text != word) {
-      return false;
-    }
-    ++next_;
-    return true;
-  }
-
-  [[noreturn]] void fail(uint32_t column, const std::string& message) const {
-    throw CommandError(fmt::format("{}:{}:{}: {}", file_, number_, column, message));
-  }
-  // "expected <what>, found '<next word>'" (or "found end of line") at the next word.
-  [[noreturn]] void expected(std::string_view what) const {
-    if (atEnd()) {
-      fail(endColumn_, fmt::format("expected {}, found end of line", what));
-    }
-    fail(peek().column, fmt::format("expected {}, found {}", what, Kel::quoted(peek().text)));
-  }
-  const Token& next(std::string_view what) const {
-    if (atEnd()) {
-      expected(what);
-    }
-    return peek();
-  }
+  using LineParser::LineParser;
 
   // A decimal or 0x-hex number in [min, max].
   uint64_t number(std::string_view what, uint64_t min, uint64_t max) {
@@ -212,22 +158,17 @@ class Line {
   }
   // Takes an option's keyword, which may be given once.
   bool option(std::string_view word) {
-    if (atEnd() || peek().text != word) {
+    if (!peekIs(word)) {
       return false;
     }
     if (!seen_.insert(word).second) {
       fail(peek().column, fmt::format("'{}' given twice", word));
     }
-    ++next_;
+    take();
     return true;
   }
 
  private:
-  const std::string& file_;
-  uint32_t number_;
-  std::vector<Token> tokens_;
-  size_t next_ = 0;
-  uint32_t endColumn_ = 1;
   std::set<std::string_view> seen_;
 };
 
@@ -344,13 +285,7 @@ Sr::SrRoute parseRoute(Line& l) {
 
 class FileParser {
  public:
-  explicit FileParser(const std::string& file) : file_(file) {}
-
-  void line(uint32_t number, std::string_view text) {
-    Line l(file_, number, text);
-    if (l.atEnd()) {
-      return;
-    }
+  void line(Line& l) {
     const Token kind = l.take();
     const uint32_t keyColumn = l.atEnd() ? kind.column : l.peek().column;
     if (kind.text == "block") {
@@ -383,7 +318,7 @@ class FileParser {
   template <class Row, class Key>
   void add(std::vector<Row>& rows, std::map<Key, uint32_t>& lines, const Row& row, const Line& l,
            uint32_t column, std::string_view what) {
-    auto [it, added] = lines.emplace(row.key(), l.number());
+    auto [it, added] = lines.emplace(row.key(), l.line());
     if (!added) {
       l.fail(column, fmt::format("{} {} is already given on line {}", what, keyText(row.key()),
                                  it->second));
@@ -397,7 +332,6 @@ class FileParser {
     return fmt::format("{} {}", Sr::sidString(k.sid()), k.srcId());
   }
 
-  const std::string& file_;
   Facts facts_;
   std::map<Mpls::RouterId, uint32_t> blocks_;
   std::map<Netbase::IpGenPrefix, uint32_t> prefixes_;
@@ -408,63 +342,11 @@ class FileParser {
   std::map<Routing::Isis::AreaId, uint32_t> v6Areas_;
 };
 
-// The whole file at `path` ("-": standard input); `name` is set to what errors call it.
-std::string readText(const std::string& path, std::string& name) {
-  const bool standardInput = path == "-";
-  name = standardInput ? "<stdin>" : path;
-  const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  auto fail = [&](const std::string& why) { throw CommandError(fmt::format("{}: {}", name, why)); };
-  if (fd < 0) {
-    fail(fmt::format("cannot read: {}", std::strerror(errno)));
-  }
-  std::unique_ptr<int, void (*)(int*)> closer(standardInput ? nullptr : new int(fd), [](int* f) {
-    ::close(*f);
-    delete f;
-  });
-  struct stat st;
-  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
-    fail("is a directory, not a segment-routing file");
-  }
-  std::string text;
-  char chunk[1 << 16];
-  for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
-    if (n < 0 && errno == EINTR) {
-      continue;
-    }
-    if (n < 0) {
-      fail(fmt::format("cannot read: {}", std::strerror(errno)));
-    }
-    if (n == 0) {
-      return text;
-    }
-    if (text.size() + static_cast<size_t>(n) > kMaxFileBytes) {
-      fail(fmt::format("longer than {} bytes: not a segment-routing file", kMaxFileBytes));
-    }
-    text.append(chunk, static_cast<size_t>(n));
-  }
-}
-
 Facts readFacts(const std::string& path) {
   std::string name;
-  const std::string text = readText(path, name);
-  FileParser parser(name);
-  uint32_t number = 0;
-  for (size_t pos = 0; pos < text.size();) {
-    ++number;
-    const size_t end = std::min(text.find('\n', pos), text.size());
-    const std::string_view line(text.data() + pos, end - pos);
-    pos = end + 1;
-    if (line.size() > kMaxLineBytes) {
-      throw CommandError(
-          fmt::format("{}:{}:1: line longer than {} bytes", name, number, kMaxLineBytes));
-    }
-    if (const size_t nul = line.find('\0'); nul != std::string_view::npos) {
-      throw CommandError(fmt::format("{}:{}:{}: a NUL byte: not a segment-routing file", name,
-                                     number, nul + 1));
-    }
-    parser.line(number, line);
-  }
+  const std::string text = readLineFile(path, kFileKind, name);
+  FileParser parser;
+  forEachLine<Line>(text, name, kFileKind, [&](Line& l) { parser.line(l); });
   return std::move(parser).facts();
 }
 
@@ -513,18 +395,6 @@ void publishFacts(Sr::Status& status, const Facts& facts, Tally& tally) {
   MPLS_SR_STATUS_TABLES(SR_REPLACE_)
 }
 #undef SR_REPLACE_
-
-// The sizes of the tables that exist already (a writer must ask for the sizes they were
-// created with), the declared ones for the others.
-Sr::Status::Sizing writerSizing(const std::string& group) {
-  Sr::Status::Sizing sizing = Sr::TableInfo::srStatusInfo(Pond::Role::writer);
-  sizing.forEach([&](std::string_view table, Pond::TableSizing& s) {
-    if (std::optional<Pond::TableSizing> existing = Pond::MountGroup::tableSizing(group, table)) {
-      s = *existing;
-    }
-  });
-  return sizing;
-}
 
 std::string groupOf(const std::string& table) {
   try {
@@ -717,7 +587,8 @@ int runSrPublish(const SrOptions& options) {
   }
   Sr::Status::Ptr status = Sr::statusFactory(options.table);
   try {
-    status->mountGroupIs(writer, writerSizing(group));
+    status->mountGroupIs(writer,
+                         existingSizing(group, Sr::TableInfo::srStatusInfo(Pond::Role::writer)));
   } catch (const Pond::SegmentError& e) {
     throw CommandError(fmt::format("{}: nothing published ('mplsctl sr clear --table {}' removes "
                                    "the tables)",
@@ -750,24 +621,9 @@ int runSrPublish(const SrOptions& options) {
 
 int runSrShow(const SrOptions& options) {
   const std::string group = groupOf(options.table);
-  if (Pond::MountGroup::tableNames(group).empty()) {
-    throw CommandError(fmt::format(
-        "no segment-routing tables named '{}' (no shared-memory segments)", options.table));
-  }
   Sr::Status::Ptr status = Sr::statusFactory(options.table);
-  status->mountGroupIs(Pond::MountGroup::reader(group),
-                       Sr::TableInfo::srStatusInfo(Pond::Role::reader));
-  const Kel::Ptr<Pond::MountGroup>& reader = status->mountGroup();
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  for (reader->processChanges(); !reader->ready(); reader->processChanges()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      throw CommandError(fmt::format(
-          "segment-routing tables '{}' are incomplete: not all opened within 5 s (their writer "
-          "may still be creating them; 'mplsctl sr clear --table {}' removes what is there)",
-          options.table, options.table));
-    }
-    reader->waitForChange(std::chrono::milliseconds(100));
-  }
+  mountTableSetReader(*status, group, kKind, options.table,
+                      fmt::format("mplsctl sr clear --table {}", options.table));
   size_t damaged = 0;
   status->tableCorruptionHandlerIs([&](const std::string& text) {
     if (++damaged <= 20) {
@@ -786,17 +642,7 @@ int runSrShow(const SrOptions& options) {
 
 int runSrClear(const SrOptions& options) {
   const std::string group = groupOf(options.table);
-  size_t removed = 0;
-  try {
-    removed = Pond::MountGroup::removeSegments(group);
-  } catch (const Pond::SegmentError& e) {
-    throw CommandError(fmt::format("cannot clear segment-routing tables '{}': {}", options.table,
-                                   e.what()));
-  }
-  if (removed == 0) {
-    throw CommandError(fmt::format(
-        "no segment-routing tables named '{}' (no shared-memory segments)", options.table));
-  }
+  const size_t removed = removeTableSets({group}, kKind, options.table);
   std::printf("segment routing '%s': removed %zu shared-memory segments\n", options.table.c_str(),
               removed);
   return 0;

@@ -8,6 +8,8 @@
 //   mplsctl watch [--lfib NAME] [--count N] [--timeout SECONDS]
 //   mplsctl demo
 //   mplsctl mldp decode HEX... [--summary]
+//   mplsctl bindings publish|show|clear ...
+//   mplsctl sr publish|show|clear ...
 //
 // Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
 // LFIB (check), 2 for bad usage.
@@ -20,6 +22,7 @@
 #include "Kel/Exception.h"
 #include "Kel/Quote.h"
 #include "Pond/Exception.h"
+#include "tools/mplsctl/BindingsCommand.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
 #include "tools/mplsctl/SrCommand.h"
@@ -266,6 +269,7 @@ int main(int argc, char** argv) {
   addState(app, in);
   addLabels(app, in);
   Mplsctl::addSrCommands(app, in.run);
+  Mplsctl::addBindingsCommands(app, in.run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
