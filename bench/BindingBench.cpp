@@ -46,6 +46,10 @@ CommonLibPond::LabelBindingTable::Sizing sizing(uint32_t fecs, uint32_t peers) {
   auto s = CommonLibPond::LabelBindingTable::sizingFor(Pond::Role::writer);
   s.localLbtLabel.capacity = fecs;
   s.peerLbtLabel.capacity = std::max<uint32_t>(1024, fecs * peers);
+  // Change logs that hold a burst of the agent's writes: a consumer that falls further
+  // behind than its log resynchronises from the whole table.
+  s.localLbtLabel.logEntries = 1u << 20;
+  s.peerLbtLabel.logEntries = 1u << 22;
   return s;
 }
 
