@@ -5,11 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
+#include <optional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Kel/ChildProcess.h"
+#include "Mpls/CommonLibPond.h"
+#include "Mpls/CommonLibSm.h"
+#include "Pond/MountGroup.h"
 #include "ProgramRun.h"
 
 namespace {
@@ -159,6 +166,83 @@ TEST_F(MplsctlBindings, PublisherKilledHalfWayThenRestarted) {
     EXPECT_EQ(shown(), shown(table_ + "-ref"));
     ctl({"clear"}, table_ + "-ref");
   }
+}
+
+// A consumer of the common table set, in the process that builds it.
+struct Consumer {
+  explicit Consumer(const std::string& table)
+      : tables(CommonLibPond::labelBindingTableFactory(table)) {
+    tables->mountGroupIs(Pond::MountGroup::reader(CommonLibPond::mountGroupName(table)));
+    sm = CommonLibPond::commonLibConsumerSmFactory(tables, local, peers);
+    sm->handleInitialized();
+  }
+  // Processes what the writer published until nothing is left.
+  void catchUp() {
+    const Kel::Ptr<Pond::MountGroup>& g = tables->mountGroup();
+    for (int i = 0; i < 500 && (g->processChanges() > 0 || !g->ready()); ++i) {
+      g->waitForChange(std::chrono::milliseconds(10));
+    }
+  }
+  // What it rebuilt: a hash over one line per router, FEC, label, filter and time, and the
+  // number of lines.
+  std::string digest() const {
+    std::map<std::string, int> lines;
+    auto add = [&](const Mpls::LabelBindingTable& t, const std::string& who) {
+      for (auto&& [fec, b] : t.bindingIter()) {
+        for (const Netbase::MplsLabel& l : b->mplsLabelIter()) {
+          ++lines[who + fec.prefix().stringValue() + " " + std::to_string(l.value())];
+        }
+        ++lines[who + fec.prefix().stringValue() + " t" + std::to_string(b->lastUpdate())];
+      }
+      for (const Mpls::FwdEqvClass& fec : t.filteredFecIter()) {
+        ++lines[who + fec.prefix().stringValue() + " filtered"];
+      }
+    };
+    add(*local, "local ");
+    for (auto&& [id, t] : peers->bindingTableIter()) {
+      add(*t, id.stringValue() + " ");
+    }
+    std::string all;
+    for (const auto& [line, n] : lines) {
+      all += line + "*" + std::to_string(n) + "\n";
+    }
+    return std::to_string(std::hash<std::string>()(all)) + " " + std::to_string(lines.size());
+  }
+
+  CommonLibPond::LabelBindingTable::Ptr tables;
+  Mpls::LabelBindingTable::Ptr local = Mpls::labelBindingTableFactory();
+  Mpls::LabelBindingTableColl::Ptr peers = Mpls::labelBindingTableCollFactory();
+  Kel::Ptr<CommonLibPond::CommonLibConsumerSm> sm;
+};
+
+TEST_F(MplsctlBindings, ConsumerThatFellBehindConverges) {
+  // A consumer process holds 40,000 FECs' bindings; a publish of the same FECs with other
+  // labels and one peer fewer goes by without it processing anything: more changes than a
+  // table's change log holds. Once it processes, it holds what a fresh reader rebuilds.
+  const std::string gen = std::string(MPLS_EXAMPLES_DIR) + "/gen-bindings 40000 --updated 3 ";
+  ASSERT_EQ(std::system((gen + "--peers 2 > " + dir_.path + "/a.txt").c_str()), 0);
+  ASSERT_EQ(std::system((gen + "--peers 1 --first-label 50000 > " + dir_.path + "/b.txt").c_str()),
+            0);
+  Result r = ctl({"publish", dir_.path + "/a.txt"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  Kel::ChildProcess follower([&](Kel::ChildProcess::Channel& c) {
+    Consumer consumer(table_);
+    while (std::optional<std::string> request = c.request(std::chrono::seconds(60))) {
+      if (!request->empty()) {
+        consumer.catchUp();
+        c.reply(consumer.digest());
+      }
+    }
+    return 0;
+  });
+  EXPECT_TRUE(follower.ask("catch up", std::chrono::seconds(120)).ends_with(" 240000"));
+  r = ctl({"publish", dir_.path + "/b.txt"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string caughtUp = follower.ask("catch up", std::chrono::seconds(120));
+  Consumer fresh(table_);
+  fresh.catchUp();
+  EXPECT_EQ(caughtUp, fresh.digest());
+  EXPECT_TRUE(caughtUp.ends_with(" 160000")) << caughtUp;  // labels and times, local and peer
 }
 
 }  // namespace
