@@ -29,6 +29,7 @@ class LineFileError : public std::runtime_error {
  public:
   LineFileError(const std::string& file, uint32_t line, uint32_t column,
                 const std::string& message);
+  uint32_t line() const noexcept { return line_; }
   uint32_t column() const noexcept { return column_; }
 
  private:
