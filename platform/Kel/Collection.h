@@ -24,6 +24,9 @@
 // their elements in key order (a B-tree) and add nameIterAfter(k): the elements after k,
 // whether or not k is present, which is how a long scan resumes from its bookmark.
 //
+// KEL_SMALL_MAP_ATTR keeps a few elements (two inline) in insertion order and searches
+// them linearly: for the millions of small collections of an index.
+//
 // KEL_DENSE_MAP_ATTR, KEL_DENSE_SET_ATTR, KEL_DENSE_VALUE_COLL_ATTR and
 // KEL_DENSE_ENTITY_COLL_ATTR are the same collections for keys numbered in sequence
 // (KEL_HASH_ORDINAL) that fill much of their range: a table-wide index by label, say. They
@@ -57,6 +60,7 @@
 #include <absl/container/btree_map.h>
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>
+#include <absl/container/inlined_vector.h>
 
 #include "Kel/Attribute.h"
 #include "Kel/Entity.h"
@@ -164,6 +168,59 @@ using DenseMapColl = MapColl<K, V, OrdinalMap<K, V>>;
 
 template <class K, class V>
 using OrderedMapColl = MapColl<K, V, OrderedMapStore<K, V>>;
+
+// A handful of elements in insertion order, inline up to two and searched linearly: the
+// sources of one configured key, say, of which there are millions, each with one or two.
+template <class K, class V>
+class SmallMapStore {
+  using Elements = absl::InlinedVector<std::pair<K, V>, 2>;
+
+ public:
+  using const_iterator = typename Elements::const_iterator;
+
+  V* find(const K& k) {
+    for (auto& e : elements_) {
+      if (e.first == k) {
+        return &e.second;
+      }
+    }
+    return nullptr;
+  }
+  const V* find(const K& k) const { return const_cast<SmallMapStore*>(this)->find(k); }
+  std::pair<V*, bool> tryEmplace(const K& k) {
+    if (V* v = find(k)) {
+      return {v, false};
+    }
+    return {&elements_.emplace_back(k, defaultValue<V>()).second, true};
+  }
+  std::optional<V> take(const K& k) {
+    for (auto it = elements_.begin(); it != elements_.end(); ++it) {
+      if (it->first == k) {
+        std::optional<V> old(std::move(it->second));
+        elements_.erase(it);
+        return old;
+      }
+    }
+    return std::nullopt;
+  }
+  std::vector<K> keys() const {
+    std::vector<K> out;
+    for (const auto& e : elements_) {
+      out.push_back(e.first);
+    }
+    return out;
+  }
+  size_t size() const noexcept { return elements_.size(); }
+  bool empty() const noexcept { return elements_.empty(); }
+  const_iterator begin() const { return elements_.begin(); }
+  const_iterator end() const { return elements_.end(); }
+
+ private:
+  Elements elements_;
+};
+
+template <class K, class V>
+using SmallMapColl = MapColl<K, V, SmallMapStore<K, V>>;
 
 // Two iterators as a range for range-for.
 template <class It>
@@ -596,6 +653,7 @@ inline void attachParent(Entity* parent, Entity* child) {
 #define KEL_ENTITY_COLL_ATTR(K, E, name, Name) \
   KEL_ENTITY_COLL_ATTR_IN_(MapColl, K, E, name, Name)
 #define KEL_ORDERED_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(OrderedMapColl, K, V, name, Name)
+#define KEL_SMALL_MAP_ATTR(K, V, name, Name) KEL_MAP_ATTR_IN_(SmallMapColl, K, V, name, Name)
 #define KEL_ORDERED_VALUE_COLL_ATTR(K, T, name, Name) \
   KEL_VALUE_COLL_ATTR_IN_(OrderedMapColl, K, T, name, Name)
 #define KEL_ORDERED_ENTITY_COLL_ATTR(K, E, name, Name) \
