@@ -371,7 +371,9 @@ void RouteConfigMergerSm::handleInitialized() {
   entityPtrSm0_->start();
 }
 
-bool RouteConfigMergerSm::idle() const noexcept { return cliScans_ == 0 && dirScans_ == 0; }
+bool RouteConfigMergerSm::idle() const noexcept {
+  return cliScans_ == 0 && dirScans_ == 0 && !reconcilePending_;
+}
 
 void RouteConfigMergerSm::scanCountIs(bool dirStream, int delta) {
   uint32_t& count = dirStream ? dirScans_ : cliScans_;
@@ -379,8 +381,8 @@ void RouteConfigMergerSm::scanCountIs(bool dirStream, int delta) {
   const bool wasIdle = inputSmScanState_->idle();
   inputSmScanState_->routeSm2Is(cliScans_ > 0);
   inputSmScanState_->entityPtrSm0Is(dirScans_ > 0);
-  inputSmScanState_->idleIs(idle());
-  if (idle() && !wasIdle && routeSm2_ && routeSm2_->codefEnabled() && entityPtrSm0_ &&
+  inputSmScanState_->idleIs(cliScans_ == 0 && dirScans_ == 0);
+  if (inputSmScanState_->idle() && !wasIdle && routeSm2_ && routeSm2_->codefEnabled() && entityPtrSm0_ &&
       entityPtrSm0_->codefEnabled()) {
     handleMergedConfigRouteOutputInput();
   }
@@ -395,6 +397,10 @@ void RouteConfigMergerSm::doDeleteAll() {
   }
   routeSm2Del();
   entityPtrSm0Del();
+  if (reconcileTask_) {
+    reconcileTask_->cancel();
+  }
+  reconcilePending_ = false;
 }
 
 const RouteConfigMergerSm::Source* RouteConfigMergerSm::source(const Kel::String& name) const {
@@ -481,20 +487,44 @@ void RouteConfigMergerSm::handleMergedConfigRouteOutputInput() {
   KEL_TRACE(trace, 5, " Input scans for mergedConfigRouteOutput complete");
   if (!mergedConfigRouteOutputReconciling()) {
     KEL_TRACE(trace, 5, " .. not reconciling.");
-  } else {
-    std::vector<RouteKeyAndMetric> stale;
-    for (const auto& [key, route] : routeConfig_->routeIter()) {
-      if (!mergedConfigRouteOutputSeen(MergedConfigRouteOutputKeyType(key))) {
-        stale.push_back(key);
-      }
+    outputReadyIs();
+  } else if (!reconcilePending_) {
+    reconcileBookmarkValid_ = false;
+    reconcilePending_ = true;
+    if (!reconcileTask_) {
+      reconcileTask_ = std::make_unique<Kiva::Task>(
+          kivaControl_, "Mpls::RouteConfigMergerSm-MergedConfigRouteOutputReconcileTask",
+          [this] { return reconcileSlice(); });
     }
-    KEL_TRACE(trace, 5, " .. reconciled: {} stale routes removed", stale.size());
-    for (const RouteKeyAndMetric& key : stale) {
-      routeConfig_->routeDel(key);
-    }
-    mergedConfigRouteOutputSeenDelAll();
-    mergedConfigRouteOutputReconcilingIs(false);
+    reconcileTask_->schedule();
   }
+}
+
+bool RouteConfigMergerSm::reconcileSlice() {
+  const auto& routes = routeConfig_->routeIter();
+  auto it = reconcileBookmarkValid_ ? routes.after(reconcileBookmark_) : routes.begin();
+  while (it != routes.end()) {
+    reconcileBookmark_ = it->first;
+    reconcileBookmarkValid_ = true;
+    if (mergedConfigRouteOutputSeen_.erase(MergedConfigRouteOutputKeyType(reconcileBookmark_))) {
+      ++it;
+    } else {
+      KEL_TRACE(trace, 5, " .. removing stale k1={}", reconcileBookmark_);
+      routeConfig_->routeDel(reconcileBookmark_);
+      it = routes.after(reconcileBookmark_);
+    }
+    if (it != routes.end() && kivaControl_->shouldYield()) {
+      return true;
+    }
+  }
+  mergedConfigRouteOutputSeenDelAll();
+  mergedConfigRouteOutputReconcilingIs(false);
+  reconcilePending_ = false;
+  outputReadyIs();
+  return false;
+}
+
+void RouteConfigMergerSm::outputReadyIs() {
   outputState_->mergedConfigRouteOutputReadyIs(true);
   routeConfig_->readyIs(true);
 }

@@ -58,7 +58,8 @@
 #include <cstdint>
 #include <memory>
 
-#include <absl/container/flat_hash_map.h>
+#include <absl/container/btree_map.h>
+#include <absl/container/btree_set.h>
 #include <absl/container/inlined_vector.h>
 
 #include "Kel/Collection.h"
@@ -256,9 +257,6 @@ class RouteConfigMergerSm : public Kel::Reactor {
   };
   class NotifieeConst : public Kel::NotifieeOf<RouteConfigMergerSm> {
    public:
-    virtual void onMergedConfigRouteOutputSeen(const MergedConfigRouteOutputKeyType& key) {
-      (void)key;
-    }
     virtual void onMergedConfigRouteOutputInput(const Kel::String& name) { (void)name; }
     virtual void onMergedConfigRouteOutputReconciling() {}
     virtual void onInitialized() {}
@@ -303,8 +301,20 @@ class RouteConfigMergerSm : public Kel::Reactor {
 
   KEL_ATTR(bool, initialized, Initialized, false)
   KEL_ATTR(bool, mergedConfigRouteOutputReconciling, MergedConfigRouteOutputReconciling, false)
-  KEL_SET_ATTR(MergedConfigRouteOutputKeyType, mergedConfigRouteOutputSeen,
-               MergedConfigRouteOutputSeen)
+  // The output keys delivered since start-up, while reconciling. Changes are not announced.
+  bool mergedConfigRouteOutputSeen(const MergedConfigRouteOutputKeyType& key) const {
+    return mergedConfigRouteOutputSeen_.contains(key);
+  }
+  uint32_t mergedConfigRouteOutputSeens() const noexcept {
+    return static_cast<uint32_t>(mergedConfigRouteOutputSeen_.size());
+  }
+  void mergedConfigRouteOutputSeenIs(const MergedConfigRouteOutputKeyType& key, bool seen) {
+    seen ? (void)mergedConfigRouteOutputSeen_.insert(key) : mergedConfigRouteOutputSeenDel(key);
+  }
+  void mergedConfigRouteOutputSeenDel(const MergedConfigRouteOutputKeyType& key) {
+    mergedConfigRouteOutputSeen_.erase(key);
+  }
+  void mergedConfigRouteOutputSeenDelAll() { mergedConfigRouteOutputSeen_.clear(); }
   // The names of the sources feeding the output.
   KEL_SET_ATTR(Kel::String, mergedConfigRouteOutputInput, MergedConfigRouteOutputInput)
 
@@ -337,7 +347,7 @@ class RouteConfigMergerSm : public Kel::Reactor {
 
   // Installs the control, decides whether to reconcile and starts the scans. Once only.
   void handleInitialized();
-  // No scan pending.
+  // No scan pending, nor the removal of stale routes that follows the scans at a restart.
   bool idle() const noexcept;
   // Stops every scan, feeding a deletion for every key delivered: the merged routes leave
   // the output. The merger does nothing more afterwards.
@@ -351,13 +361,18 @@ class RouteConfigMergerSm : public Kel::Reactor {
                               const Route* entry);
   void eventToPipeline0(const Kel::String& name, const RouteKeyAndMetric& routeKey,
                         const Route* entry);
-  // Both streams' scans are complete: reconcile if needed, then declare the output ready.
+  // Both streams' scans are complete: declares the output ready or, when reconciling,
+  // starts the removal of the output's routes that no scan delivered, itself a task of the
+  // control ("Mpls::RouteConfigMergerSm-MergedConfigRouteOutputReconcileTask") that walks
+  // the output in slices; the output is declared ready when it is done.
   void handleMergedConfigRouteOutputInput();
 
  private:
   friend class KivaCode::RouteConfigMergerSm::RouteScanSm;
   friend class KivaCode::RouteConfigMergerSm::EntityPtrSm0;
   void pipeline0(const Source& source, const RouteKeyAndMetric& routeKey, const Route* entry);
+  bool reconcileSlice();
+  void outputReadyIs();
   const Source* source(const Kel::String& name) const;
   // A scan of the command-line (or directory) stream started or finished.
   void scanCountIs(bool dirStream, int delta);
@@ -367,14 +382,20 @@ class RouteConfigMergerSm : public Kel::Reactor {
   RouteConfigInput::PtrConst cliConfig_;
   Kiva::SmControl::Ptr control_;
   Kiva::SmControl::Ptr kivaControl_;
-  absl::flat_hash_map<RouteKeyAndMetric, GroupByCollectionValueType0, Kel::Hasher<RouteKeyAndMetric>>
-      groupByAttr0_;
+  // In key order, as the scans deliver keys: each scan fills them from one end to the other
+  // rather than touching a random cache line per key, and they never stall to rehash.
+  absl::btree_map<RouteKeyAndMetric, GroupByCollectionValueType0> groupByAttr0_;
+  absl::btree_set<MergedConfigRouteOutputKeyType> mergedConfigRouteOutputSeen_;
   KivaCode::RouteConfigMergerSm::InputSmScanState::Ptr inputSmScanState_;
   KivaCode::RouteConfigMergerSm::OutputState::Ptr outputState_;
   uint32_t cliScans_ = 0;
   uint32_t dirScans_ = 0;
   std::unique_ptr<KivaCode::RouteConfigMergerSm::RouteSm2> routeSm2_;
   std::unique_ptr<KivaCode::RouteConfigMergerSm::EntityPtrSm0> entityPtrSm0_;
+  std::unique_ptr<Kiva::Task> reconcileTask_;
+  RouteKeyAndMetric reconcileBookmark_;
+  bool reconcileBookmarkValid_ = false;
+  bool reconcilePending_ = false;
 };
 
 // A merger of `cliConfig` and the inputs of `configDir` into `routeConfig`, started
