@@ -32,14 +32,15 @@
 // Start-up and restart. handleInitialized() starts the scans. When the output already holds
 // routes (left by an earlier incarnation of the agent), the merger reconciles: it records
 // every key that the scans deliver (mergedConfigRouteOutputSeen), leaves the output's
-// other routes alone while the scans run, and removes them only once every scan of both
-// streams is complete. A route rewritten with the value it already has announces nothing,
-// so a restart on unchanged inputs changes nothing a reader of the output can see, but for
-// a key that two sources configure: it is written when the scan of the first reaches it
-// and withdrawn when the second's does, as the rule is evaluated key by key. The
-// output's `ready` is set only then (and never cleared), even when there is no input at
-// all; with a control on an event loop, that is a few loop iterations after start-up, and
-// without one after the host has run the control's pending slices.
+// other routes alone while the scans run, and once every scan of both streams is complete
+// removes them, walking the output in slices too. A route rewritten with the value it
+// already has announces nothing, so a restart on unchanged inputs changes nothing a reader
+// of the output can see but the removal of stale routes, and for a key that two sources
+// configure, one flap: it is written when the scan of the first source reaches it and
+// withdrawn when the second's does, as the rule is evaluated key by key. The output's
+// `ready` is set only at the end of all that (and never cleared), even when there is no
+// input at all: with a control on an event loop, a few loop iterations after start-up;
+// without one, once the host has run the control's pending slices (runPending()).
 //
 // Directory entries. A new entry gets a RouteSm1 and its own scan. A removed entry (or one
 // replaced by another entity) runs doDeleteAll on its RouteSm1, which feeds a deletion for
@@ -382,10 +383,23 @@ class RouteConfigMergerSm : public Kel::Reactor {
   RouteConfigInput::PtrConst cliConfig_;
   Kiva::SmControl::Ptr control_;
   Kiva::SmControl::Ptr kivaControl_;
+  // The key order of RouteKeyAndMetric (label, then metric), compared as one integer.
+  struct KeyLess {
+    static uint64_t packed(const RouteKeyAndMetric& k) noexcept {
+      return uint64_t{k.routeKey().topLabel().value()} << 8 | k.metric().value();
+    }
+    bool operator()(const RouteKeyAndMetric& a, const RouteKeyAndMetric& b) const noexcept {
+      return packed(a) < packed(b);
+    }
+    bool operator()(const MergedConfigRouteOutputKeyType& a,
+                    const MergedConfigRouteOutputKeyType& b) const noexcept {
+      return packed(a.routeKey()) < packed(b.routeKey());
+    }
+  };
   // In key order, as the scans deliver keys: each scan fills them from one end to the other
   // rather than touching a random cache line per key, and they never stall to rehash.
-  absl::btree_map<RouteKeyAndMetric, GroupByCollectionValueType0> groupByAttr0_;
-  absl::btree_set<MergedConfigRouteOutputKeyType> mergedConfigRouteOutputSeen_;
+  absl::btree_map<RouteKeyAndMetric, GroupByCollectionValueType0, KeyLess> groupByAttr0_;
+  absl::btree_set<MergedConfigRouteOutputKeyType, KeyLess> mergedConfigRouteOutputSeen_;
   KivaCode::RouteConfigMergerSm::InputSmScanState::Ptr inputSmScanState_;
   KivaCode::RouteConfigMergerSm::OutputState::Ptr outputState_;
   uint32_t cliScans_ = 0;

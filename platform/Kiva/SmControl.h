@@ -44,7 +44,9 @@
 // it to the reactors whose scans it runs; they keep it alive. A Task belongs to whoever
 // created it (usually a scan state machine) and unqueues itself when destroyed. The event
 // loop, when one is given, must outlive the control. Everything runs on one thread: the
-// one that runs the slices, which must be the one that created the control.
+// one that runs the slices, which must be the one that created the control. A timed
+// control that has run a slice is not usable in a child made by fork() (the child has no
+// timer).
 #pragma once
 
 #include <chrono>

@@ -84,6 +84,7 @@ class RouteConfigMerger : public ::testing::Test {
 
 TEST_F(RouteConfigMerger, OneSourceWinsNoneOrSeveralWithdraw) {
   start();
+  EXPECT_FALSE(out->ready());
   control->runPending();
   EXPECT_TRUE(out->ready());  // no input at all
 
