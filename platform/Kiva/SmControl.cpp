@@ -66,14 +66,15 @@ void SmControl::deferSlice() {
 
 void SmControl::sliceBegin() {
   sliceKeys_ = 0;
+  if (keysPerSlice_ == 0 && !timer_) {
+    timer_ = new internal::QuotaTimer();
+    expired_ = &timer_->expired();
+  }
+  // Read before arming: a slice that ran its quota out measures at least the quota.
+  sliceStart_ = monotonicNow();
   if (keysPerSlice_ == 0) {
-    if (!timer_) {
-      timer_ = new internal::QuotaTimer();
-      expired_ = &timer_->expired();
-    }
     timer_->arm(quota_);
   }
-  sliceStart_ = monotonicNow();
   inSlice_ = true;
 }
 

@@ -110,8 +110,8 @@ TEST(SmControl, TimedSliceEndsAfterItsQuota) {
   control->runPending();
   EXPECT_GE(yields, 1);
   EXPECT_EQ(observed.size(), control->slices());
-  EXPECT_GE(control->sliceTotal(), 50ms);
-  EXPECT_GE(control->sliceMax(), 1ms);
+  EXPECT_GE(control->sliceMax(), 1ms);  // a timer never fires early
+  EXPECT_GT(control->sliceTotal(), control->sliceMax());
 }
 
 // On a loop, every slice is one iteration: an always-ready fd is served between any two
@@ -144,7 +144,7 @@ TEST(SmControl, LoopRunsOtherWorkBetweenSlices) {
 
   const pid_t tid = static_cast<pid_t>(syscall(SYS_gettid));
   std::thread poke([tid] {
-    std::this_thread::sleep_for(50ms);
+    std::this_thread::sleep_for(200ms);
     syscall(SYS_tgkill, getpid(), tid, Kiva::quotaSignal());
   });
   const auto before = now();
