@@ -80,11 +80,11 @@ bool RouteScanSm::scanSlice() {
     // delivered after it, not lost.
     inputScanBookmark_ = it->first;
     bookmarkValid_ = true;
-    const uint64_t version = version_;
+    const uint64_t version = input_->routeVersion();
     deliver(inputScanBookmark_, &it->second);
     ++n;
     // A change of the input made by the delivery invalidates the iterator.
-    it = version_ == version ? std::next(it) : routes.after(inputScanBookmark_);
+    it = input_->routeVersion() == version ? std::next(it) : routes.after(inputScanBookmark_);
     if (it != routes.end() && merger_->kivaControl_->shouldYield()) {
       KEL_TRACE(trace, 7, "{} {} yielding after {} iterations ({} remaining)", task_.name(), name_,
                 n, std::distance(it, routes.end()));
