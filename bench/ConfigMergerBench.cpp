@@ -12,7 +12,6 @@
 // the thread was off the CPU, which on a loaded machine measures the other processes); and
 // the restart of the merger on an unchanged configuration (every key delivered again, the
 // output reconciled).
-#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -68,10 +67,6 @@ Round run(Kel::EventLoop& loop, const Mpls::RouteConfig::Ptr& out, const Kel::Di
   });
   out->readyIs(false);
   sm = nullptr;
-  // What the previous round freed is handed back before the clock starts, as in an agent
-  // that has just started; otherwise glibc consolidates a million freed chunks inside the
-  // first slice that asks for a larger block.
-  ::malloc_trim(0);
   const auto start = Clock::now();
   sm = Mpls::routeConfigMergerSmFactory(out, dir, cli, control);
   if (!loop.runUntil([&] { return out->ready(); }, std::chrono::minutes(5))) {
