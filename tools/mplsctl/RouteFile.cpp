@@ -10,6 +10,7 @@
 
 #include "Kel/Exception.h"
 #include "Kel/Quote.h"
+#include "tools/mplsd/StaticRoute.h"
 
 namespace Mplsctl {
 
@@ -238,30 +239,32 @@ Options parseOptions(LineParser& p, LfibViaType viaType) {
 
 ParsedRoute makeRoute(uint32_t label, const Action& action, const Options& o,
                       uint32_t lineNumber) {
-  ConsolidatedLfibRoute route(RouteKey(Netbase::MplsLabel(label)),
-                              o.source.value_or(LFib::sourceStatic), FwdEqvClass(),
-                              static_cast<uint8_t>(o.metric.value_or(0)), action.viaType);
-  route.viaSetTypeIs(viaSetTypeEcmp);
-  ParsedRoute parsed{route, lineNumber, 1};
+  Route config;
+  config.keyIs(RouteKeyAndMetric(RouteKey(Netbase::MplsLabel(label)),
+                                 RouteMetric(static_cast<uint8_t>(o.metric.value_or(0)))));
   if (action.lookup) {
-    parsed.route.ipLookupViaIs(*action.lookup);
+    config.actionIs(routeActionLookup);
+    config.vrfNameIs(action.lookup->vrfName());
+    config.payloadTypeIs(action.lookup->payloadType());
   } else if (action.pseudowire) {
-    parsed.route.pwViaIs(*action.pseudowire);
+    config.actionIs(routeActionPseudowire);
+    config.intfIs(action.pseudowire->pwIntfId());
   } else {
-    parsed.vias = static_cast<uint32_t>(o.nextHops.size());
-    const Netbase::UnboundedMplsLabelOperation operation(action.labelAction, action.stack);
+    config.actionIs(action.labelAction == Netbase::labelActionSwap   ? routeActionSwap
+                    : action.labelAction == Netbase::labelActionPush ? routeActionPush
+                                                                     : routeActionPop);
+    config.labelStackIs(Route::LabelStack(action.stack.begin(), action.stack.end()));
+    Route::Vias vias;
+    vias.reserve(o.nextHops.size());
     for (const auto& [hop, weight] : o.nextHops) {
-      LfibMplsVia via(LfibViaKey(), hop.address, action.labelAction, operation, false);
-      via.intfIs(hop.intf);
-      for (uint32_t w = 1; w <= weight; ++w) {
-        via.weightIs(w);
-        parsed.route.mplsViaIs(via);
-      }
-      if (weight > 1) {
-        parsed.route.viaSetTypeIs(viaSetTypeUcmp);
-      }
+      vias.emplace_back(hop.address, hop.intf, static_cast<uint8_t>(weight));
     }
+    config.viaIs(std::move(vias));
   }
+  const LFib::Source source = o.source.value_or(LFib::sourceStatic);
+  ParsedRoute parsed{Mplsd::lfibRouteOf(config, source), lineNumber,
+                     static_cast<uint32_t>(action.lookup || action.pseudowire ? 1 : o.nextHops.size()),
+                     config, o.source.has_value()};
   return parsed;
 }
 
@@ -276,26 +279,69 @@ ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
 
 }  // namespace
 
-std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName) {
+std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName,
+                                        RouteKeying keying) {
   std::vector<ParsedRoute> routes;
-  std::unordered_map<uint32_t, uint32_t> lineByLabel;
+  // label, or label and metric (above the label's 20 bits) -> line
+  std::unordered_map<uint32_t, uint32_t> lineByKey;
   forEachLine(text, fileName, "route file", [&](LineParser& p) {
     const uint32_t labelColumn = p.peek().column;
     ParsedRoute route = parseRoute(p, p.line());
     const uint32_t label = route.route.key().label().value();
-    auto [it, inserted] = lineByLabel.emplace(label, p.line());
+    const uint32_t metric = route.route.metric().value();
+    const bool byMetric = keying == RouteKeying::labelAndMetric;
+    auto [it, inserted] = lineByKey.emplace(byMetric ? label | metric << 20 : label, p.line());
     if (!inserted) {
-      p.fail(labelColumn, fmt::format("label {} is already routed on line {}", label, it->second));
+      p.fail(labelColumn, byMetric ? fmt::format("label {} metric {} is already routed on line {}",
+                                                 label, metric, it->second)
+                                   : fmt::format("label {} is already routed on line {}", label,
+                                                 it->second));
     }
     routes.push_back(std::move(route));
   });
   return routes;
 }
 
-std::vector<ParsedRoute> readRouteFile(const std::string& path) {
+std::vector<ParsedRoute> readRouteFile(const std::string& path, RouteKeying keying) {
   std::string name;
   const std::string text = readLineFile(path, "route file", name);
-  return parseRouteFile(text, name);
+  return parseRouteFile(text, name, keying);
+}
+
+std::string routeLine(const Route& route) {
+  std::string line = std::to_string(route.key().routeKey().label().value());
+  switch (route.action()) {
+    case routeActionLookup: {
+      const PayloadType payload = route.payloadType();
+      line += fmt::format(" pop lookup vrf {} {}", route.vrfName().stringValue(),
+                          payload == payloadTypeIpv6         ? "ipv6"
+                          : payload == payloadTypeAutoDecide ? "auto"
+                                                             : "ipv4");
+      break;
+    }
+    case routeActionPseudowire:
+      line += " pseudowire dev " + route.intf().stringValue();
+      break;
+    default: {
+      const RouteAction a = route.action();
+      line += a == routeActionSwap ? " swap " : a == routeActionPush ? " push " : " pop";
+      std::vector<std::string> labels;
+      for (const Netbase::MplsLabel& l : route.labelStack()) {
+        labels.push_back(std::to_string(l.value()));
+      }
+      line += absl::StrJoin(labels, "/");
+      for (const RouteVia& via : route.via()) {
+        line += fmt::format(" via {} dev {}", via.nextHop().stringValue(), via.intf().stringValue());
+        if (via.weight() > 1) {
+          line += fmt::format(" weight {}", via.weight());
+        }
+      }
+    }
+  }
+  if (route.key().metric().value() != 0) {
+    line += fmt::format(" metric {}", route.key().metric().value());
+  }
+  return line;
 }
 
 std::string sourceName(LFib::Source source) {

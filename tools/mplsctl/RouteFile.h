@@ -40,6 +40,7 @@
 #include <vector>
 
 #include "Mpls/MplsLfibWriter.h"
+#include "types/Mpls/RouteConfig.h"
 #include "tools/mplsctl/LineFile.h"
 
 namespace Mplsctl {
@@ -51,20 +52,33 @@ struct ParsedRoute {
   Mpls::ConsolidatedLfibRoute route;
   uint32_t line = 0;  // where it was written
   uint32_t vias = 0;  // distinct vias (next hop and interface), weights set aside
+  Mpls::Route config;   // the route as configuration holds it (source set aside)
+  bool sourceGiven = false;  // the line names its source
 };
+
+// What makes two lines of a route file the same route: the label (an LFIB has one route
+// per label), or the label and the metric (configuration keeps one route per metric of a
+// label and uses the lowest).
+enum class RouteKeying { label, labelAndMetric };
 
 // Parses a whole route file. `fileName` only names the file in errors. Returns the routes
 // in file order; throws RouteFileError for the first line in error, so that a file is
-// used whole or not at all. The same label on two lines is an error on the second line
-// ("label 100 is already routed on line 3").
-std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName);
+// used whole or not at all. The same route twice is an error on the second line ("label
+// 100 is already routed on line 3"; "label 100 metric 5 ..." by label and metric).
+std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName,
+                                        RouteKeying keying = RouteKeying::label);
 
 // Reads and parses the file at `path`; "-" reads standard input. Throws RouteFileError,
 // also when the file cannot be read, is a directory, is longer than 256 MiB (endless
 // input such as /dev/zero stops there), has a line longer than 64 KiB or a NUL byte.
 // Input quoted in messages has its control bytes escaped and long tokens cut
 // (Kel::quoted).
-std::vector<ParsedRoute> readRouteFile(const std::string& path);
+std::vector<ParsedRoute> readRouteFile(const std::string& path,
+                                       RouteKeying keying = RouteKeying::label);
+
+// The line of a route file that describes `route` ("100 swap 200 via 10.0.0.1 dev
+// Ethernet1 weight 2 metric 3"): parsing it gives the route back.
+std::string routeLine(const Mpls::Route& route);
 
 // The name a route file uses for `source` ("static", "bgp-lu", ...), or its number for a
 // source without one.

@@ -9,6 +9,7 @@
 //   mplsctl demo
 //   mplsctl mldp decode HEX... [--summary]
 //   mplsctl bindings publish|show|clear ...
+//   mplsctl config commit|show|input|vrf-label ...
 //   mplsctl sr publish|show|clear ...
 //
 // Exit status: 0 on success, 1 for an error (its message on stderr) or an inconsistent
@@ -23,6 +24,7 @@
 #include "Kel/Quote.h"
 #include "Pond/Exception.h"
 #include "tools/mplsctl/BindingsCommand.h"
+#include "tools/mplsctl/ConfigCommand.h"
 #include "tools/mplsctl/Commands.h"
 #include "tools/mplsctl/RouteFile.h"
 #include "tools/mplsctl/SrCommand.h"
@@ -270,6 +272,7 @@ int main(int argc, char** argv) {
   addLabels(app, in);
   Mplsctl::addSrCommands(app, in.run);
   Mplsctl::addBindingsCommands(app, in.run);
+  Mplsctl::addConfigCommands(app, in.run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
