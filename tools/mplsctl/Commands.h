@@ -109,6 +109,9 @@ void demoLabelBlocks();
 // The demo's scene of label bindings published by a producer process and rebuilt by a
 // consumer process (DemoBindings.cpp).
 void demoBindings();
+// The demo's scene of configuration committed, merged by an MPLS agent and programmed into
+// its LFIB, across the agent's restart (DemoConfig.cpp).
+void demoConfiguration();
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);
 

@@ -27,17 +27,6 @@ using Mpls::Route;
 using Mpls::RouteConfigInput;
 using Mpls::RouteKeyAndMetric;
 
-struct ConfigOptions {
-  std::string statehub = "default";
-  std::string file;
-  std::string name;
-  uint32_t label = 0;
-  std::string vrf;
-  bool dynamic = false;
-  bool remove = false;
-  std::string input;
-  bool json = false;
-};
 
 // A configuration entity holds at most this many routes (a collection's table capacity in
 // the state database).
@@ -125,9 +114,10 @@ std::string differenceText(const Difference& d) {
   return fmt::format("{} added, {} changed, {} removed", d.added, d.changed, d.removed);
 }
 
-int runCommit(const ConfigOptions& o) {
-  const std::vector<Route> routes = configRoutes(o.file);
-  auto manager = managerOf(o.statehub, nullptr);
+}  // namespace
+
+std::string commitConfigRoutes(const std::string& statehub, const std::vector<Route>& routes) {
+  auto manager = managerOf(statehub, nullptr);
   auto running = Mpls::routeConfigInputFactory("cli");
   auto publication = publishAs(*manager, Mpls::routeConfigCliPath, running);  // what is there
 
@@ -146,16 +136,14 @@ int runCommit(const ConfigOptions& o) {
     throw CommandError(e.what());
   }
   publication->flush();
-  std::printf("committed %zu routes to %s: %s\n", routes.size(), Mpls::routeConfigCliPath,
-              differenceText(d).c_str());
-  return 0;
+  return differenceText(d);
 }
 
-int runInputPublish(const ConfigOptions& o) {
-  const std::vector<Route> routes = configRoutes(o.file);
-  auto manager = managerOf(o.statehub, nullptr);
-  const std::string path = inputPath(*manager, Mpls::routeConfigInputDirPath, o.name);
-  auto input = Mpls::routeConfigInputFactory(o.name);
+std::string publishConfigInput(const std::string& statehub, const std::string& name,
+                               const std::vector<Route>& routes) {
+  auto manager = managerOf(statehub, nullptr);
+  const std::string path = inputPath(*manager, Mpls::routeConfigInputDirPath, name);
+  auto input = Mpls::routeConfigInputFactory(name);
   auto publication = publishAs(*manager, path, input);
   const Difference d = differenceOf(*input, routes);
   std::set<RouteKeyAndMetric> wanted;
@@ -175,22 +163,44 @@ int runInputPublish(const ConfigOptions& o) {
     throw CommandError(e.what());
   }
   publication->flush();
-  std::printf("input '%s': %zu routes published at %s: %s\n", o.name.c_str(), routes.size(),
-              path.c_str(), differenceText(d).c_str());
+  return differenceText(d);
+}
+
+void withdrawConfigInput(const std::string& statehub, const std::string& name) {
+  auto manager = managerOf(statehub, nullptr);
+  const std::string path = inputPath(*manager, Mpls::routeConfigInputDirPath, name);
+  if (!manager->remove(path)) {
+    throw CommandError(fmt::format("no input '{}' (nothing is published at {})", name, path));
+  }
+}
+
+namespace {
+
+int runCommit(const ConfigOptions& o) {
+  const std::vector<Route> routes = configRoutes(o.file);
+  const std::string done = commitConfigRoutes(o.statehub, routes);
+  std::printf("committed %zu routes to %s: %s\n", routes.size(), Mpls::routeConfigCliPath,
+              done.c_str());
+  return 0;
+}
+
+int runInputPublish(const ConfigOptions& o) {
+  const std::vector<Route> routes = configRoutes(o.file);
+  const std::string done = publishConfigInput(o.statehub, o.name, routes);
+  std::printf("input '%s': %zu routes published: %s\n", o.name.c_str(), routes.size(),
+              done.c_str());
   return 0;
 }
 
 int runInputWithdraw(const ConfigOptions& o) {
-  auto manager = managerOf(o.statehub, nullptr);
-  const std::string path = inputPath(*manager, Mpls::routeConfigInputDirPath, o.name);
-  if (!manager->remove(path)) {
-    throw CommandError(fmt::format("no input '{}' (nothing is published at {})", o.name, path));
-  }
+  withdrawConfigInput(o.statehub, o.name);
   std::printf("input '%s' withdrawn\n", o.name.c_str());
   return 0;
 }
 
-int runVrfLabel(const ConfigOptions& o) {
+}  // namespace
+
+void configVrfLabelIs(const ConfigOptions& o) {
   if (o.label < Netbase::MplsLabel::firstUnreserved || o.label > Netbase::MplsLabel::max) {
     throw CommandError(fmt::format("label {} out of range {}..{}", o.label,
                                    Netbase::MplsLabel::firstUnreserved, Netbase::MplsLabel::max));
@@ -222,6 +232,15 @@ int runVrfLabel(const ConfigOptions& o) {
     throw CommandError(e.what());
   }
   publication->flush();
+}
+
+namespace {
+
+int runVrfLabel(const ConfigOptions& o) {
+  configVrfLabelIs(o);
+  const std::string path = o.input.empty()
+                               ? std::string(Mpls::vrfLabelCliPath)
+                               : std::string(Mpls::vrfLabelInputDirPath) + "/" + o.input;
   if (o.remove) {
     std::printf("label %u removed from %s\n", o.label, path.c_str());
   } else {

@@ -19,11 +19,42 @@
 // written.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "types/Mpls/RouteConfig.h"
+
 namespace Mplsctl {
+
+// The options of the config commands.
+struct ConfigOptions {
+  std::string statehub = "default";
+  std::string file;
+  std::string name;
+  uint32_t label = 0;
+  std::string vrf;
+  bool dynamic = false;
+  bool remove = false;
+  std::string input;
+  bool json = false;
+};
+
+// What the commands do, for the demo. Each throws CommandError naming what is wrong and
+// returns "A added, C changed, R removed" where it changes routes.
+//   commitConfigRoutes   makes `routes` the command-line configuration, through a session
+//   publishConfigInput   makes `routes` what the input `name` holds
+//   withdrawConfigInput  removes the input `name`
+//   configVrfLabelIs     o.label to o.vrf (o.dynamic) in the command-line configuration or
+//                        the input o.input; removes it with o.remove
+std::string commitConfigRoutes(const std::string& statehub, const std::vector<Mpls::Route>& routes);
+std::string publishConfigInput(const std::string& statehub, const std::string& name,
+                               const std::vector<Mpls::Route>& routes);
+void withdrawConfigInput(const std::string& statehub, const std::string& name);
+void configVrfLabelIs(const ConfigOptions& o);
 
 // Adds the `config` commands to `app`; the chosen one's callback sets `run`.
 void addConfigCommands(CLI::App& app, std::function<int()>& run);

@@ -8,7 +8,8 @@
 // write), rewrites and deletes some, and after each step asks the reader over a pipe for
 // what it sees until that agrees with the LFIB. Every wait is bounded; the segments are
 // removed at the end, also on failure. Then label blocks from an MPLS agent that is killed
-// and restarted (DemoLabels.cpp).
+// and restarted (DemoLabels.cpp), label bindings between processes (DemoBindings.cpp) and
+// configuration programmed by an MPLS agent (DemoConfig.cpp).
 #include <absl/strings/str_join.h>
 #include <absl/strings/str_split.h>
 #include <fmt/format.h>
@@ -380,6 +381,7 @@ int runDemo() {
   demo.finishReader();
   demoLabelBlocks();
   demoBindings();
+  demoConfiguration();
   std::printf(
       "demo: %llu routes written, %llu deleted, reader followed %llu changes, "
       "IP-lookup table %zu entries, L2 EVPN table %zu entries, all consistent\n",
