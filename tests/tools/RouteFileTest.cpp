@@ -8,6 +8,7 @@
 
 #include "support/TestUtil.h"
 #include "tools/mplsctl/RouteFile.h"
+#include "tools/mplsd/StaticRoute.h"
 
 namespace {
 
@@ -164,6 +165,40 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
             "/: is a directory, not a route file");
   EXPECT_EQ(TestSupport::errorText<RouteFileError>([] { Mplsctl::readRouteFile("/dev/zero"); }),
             "/dev/zero: longer than 268435456 bytes: not a route file");
+}
+
+}  // namespace
+
+namespace {
+
+// Read as configuration: one route per label and metric, printed back line for line.
+TEST(RouteFile, ConfigurationRoutesPrintBackToTheirLines) {
+  const std::vector<std::string> lines = {
+      "100 swap 200 via 10.0.0.1 dev Ethernet1 weight 3 via 10.0.0.3 dev Ethernet4",
+      "100 pop via 10.0.0.2 dev Ethernet2 metric 7",
+      "102 push 300/301 via 2001:db8::1 dev Ethernet3",
+      "16 pop lookup vrf red auto",
+      "103 pseudowire dev Pseudowire1"};
+  std::string text;
+  for (const std::string& l : lines) {
+    text += l + "\n";
+  }
+  const std::vector<ParsedRoute> routes =
+      parseRouteFile(text, "config.txt", Mplsctl::RouteFileUse::config);
+  ASSERT_EQ(routes.size(), lines.size());
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(Mplsctl::routeLine(routes[i].config), lines[i]);
+    EXPECT_FALSE(routes[i].route);  // no LFIB route is made for configuration
+  }
+  EXPECT_EQ(routes[1].config.key(), RouteKeyAndMetric(RouteKey(100), RouteMetric(7)));
+  EXPECT_EQ(TestSupport::errorText<RouteFileError>([&] {
+              parseRouteFile(text + "100 pop via 10.0.0.9 dev Ethernet9 metric 7\n", "config.txt",
+                             Mplsctl::RouteFileUse::config);
+            }),
+            "config.txt:6:1: label 100 metric 7 is already routed on line 2");
+  // Loaded, the configured route is the LFIB route the file describes.
+  EXPECT_EQ(Mplsd::lfibRouteOf(routes[0].config),
+            parseRouteFile(lines[0], "load.txt").at(0).route);
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ std::string inputPath(Statehub::EntityManager& manager, const char* dir, const s
 
 // The routes of a route file as configuration: static ones only, at most kMaxRoutes.
 std::vector<Route> configRoutes(const std::string& file) {
-  const std::vector<ParsedRoute> parsed = readRouteFile(file, RouteKeying::labelAndMetric);
+  std::vector<ParsedRoute> parsed = readRouteFile(file, RouteFileUse::config);
   const std::string name = file == "-" ? "<stdin>" : file;
   if (parsed.size() > kMaxRoutes) {
     throw CommandError(fmt::format("{}: {} routes, more than the {} a configuration holds: "
@@ -77,14 +77,14 @@ std::vector<Route> configRoutes(const std::string& file) {
   }
   std::vector<Route> routes;
   routes.reserve(parsed.size());
-  for (const ParsedRoute& r : parsed) {
-    if (r.sourceGiven && r.route.source() != Mpls::LFib::sourceStatic) {
+  for (ParsedRoute& r : parsed) {
+    if (r.sourceGiven && r.source != Mpls::LFib::sourceStatic) {
       throw CommandError(fmt::format(
           "{}:{}: configured routes are static: the route of label {} names source '{}': "
           "nothing committed",
-          name, r.line, r.route.key().label().value(), sourceName(r.route.source())));
+          name, r.line, r.config.key().routeKey().label().value(), sourceName(r.source)));
     }
-    routes.push_back(r.config);
+    routes.push_back(std::move(r.config));
   }
   return routes;
 }

@@ -34,7 +34,7 @@ constexpr const char* kIsisRoutes = "101 swap 300 via 10.0.0.9 dev Ethernet9\n";
 
 std::vector<Mpls::Route> routesOf(const char* text, const std::string& name) {
   std::vector<Mpls::Route> routes;
-  for (const ParsedRoute& r : parseRouteFile(text, name, RouteKeying::labelAndMetric)) {
+  for (const ParsedRoute& r : parseRouteFile(text, name, RouteFileUse::config)) {
     routes.push_back(r.config);
   }
   return routes;

@@ -238,7 +238,7 @@ Options parseOptions(LineParser& p, LfibViaType viaType) {
 }
 
 ParsedRoute makeRoute(uint32_t label, const Action& action, const Options& o,
-                      uint32_t lineNumber) {
+                      uint32_t lineNumber, RouteFileUse use) {
   Route config;
   config.keyIs(RouteKeyAndMetric(RouteKey(Netbase::MplsLabel(label)),
                                  RouteMetric(static_cast<uint8_t>(o.metric.value_or(0)))));
@@ -262,34 +262,35 @@ ParsedRoute makeRoute(uint32_t label, const Action& action, const Options& o,
     config.viaIs(std::move(vias));
   }
   const LFib::Source source = o.source.value_or(LFib::sourceStatic);
-  ParsedRoute parsed{Mplsd::lfibRouteOf(config, source), lineNumber,
-                     static_cast<uint32_t>(action.lookup || action.pseudowire ? 1 : o.nextHops.size()),
-                     config, o.source.has_value()};
-  return parsed;
+  return ParsedRoute{
+      use == RouteFileUse::load ? Mplsd::lfibRouteOf(config, source) : ConsolidatedLfibRoute(),
+      lineNumber,
+      static_cast<uint32_t>(action.lookup || action.pseudowire ? 1 : o.nextHops.size()),
+      std::move(config), source, o.source.has_value()};
 }
 
 // "LABEL ACTION [VIAS] [OPTIONS]".
-ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber) {
+ParsedRoute parseRoute(LineParser& p, uint32_t lineNumber, RouteFileUse use) {
   const uint32_t label = p.number("an incoming label", "incoming label",
                                   Netbase::MplsLabel::firstUnreserved, Netbase::MplsLabel::max);
   const Action action = parseAction(p);
   const Options options = parseOptions(p, action.viaType);
-  return makeRoute(label, action, options, lineNumber);
+  return makeRoute(label, action, options, lineNumber, use);
 }
 
 }  // namespace
 
 std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName,
-                                        RouteKeying keying) {
+                                        RouteFileUse use) {
   std::vector<ParsedRoute> routes;
   // label, or label and metric (above the label's 20 bits) -> line
   std::unordered_map<uint32_t, uint32_t> lineByKey;
   forEachLine(text, fileName, "route file", [&](LineParser& p) {
     const uint32_t labelColumn = p.peek().column;
-    ParsedRoute route = parseRoute(p, p.line());
-    const uint32_t label = route.route.key().label().value();
-    const uint32_t metric = route.route.metric().value();
-    const bool byMetric = keying == RouteKeying::labelAndMetric;
+    ParsedRoute route = parseRoute(p, p.line(), use);
+    const uint32_t label = route.config.key().routeKey().label().value();
+    const uint32_t metric = route.config.key().metric().value();
+    const bool byMetric = use == RouteFileUse::config;
     auto [it, inserted] = lineByKey.emplace(byMetric ? label | metric << 20 : label, p.line());
     if (!inserted) {
       p.fail(labelColumn, byMetric ? fmt::format("label {} metric {} is already routed on line {}",
@@ -302,10 +303,10 @@ std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string
   return routes;
 }
 
-std::vector<ParsedRoute> readRouteFile(const std::string& path, RouteKeying keying) {
+std::vector<ParsedRoute> readRouteFile(const std::string& path, RouteFileUse use) {
   std::string name;
   const std::string text = readLineFile(path, "route file", name);
-  return parseRouteFile(text, name, keying);
+  return parseRouteFile(text, name, use);
 }
 
 std::string routeLine(const Route& route) {

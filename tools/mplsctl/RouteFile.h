@@ -49,24 +49,25 @@ namespace Mplsctl {
 using RouteFileError = LineFileError;
 
 struct ParsedRoute {
-  Mpls::ConsolidatedLfibRoute route;
+  Mpls::ConsolidatedLfibRoute route;  // what the LFIB writer takes (RouteFileUse::load only)
   uint32_t line = 0;  // where it was written
   uint32_t vias = 0;  // distinct vias (next hop and interface), weights set aside
   Mpls::Route config;   // the route as configuration holds it (source set aside)
+  Mpls::LFib::Source source = Mpls::LFib::sourceStatic;
   bool sourceGiven = false;  // the line names its source
 };
 
-// What makes two lines of a route file the same route: the label (an LFIB has one route
-// per label), or the label and the metric (configuration keeps one route per metric of a
-// label and uses the lowest).
-enum class RouteKeying { label, labelAndMetric };
+// What a route file is read for: to load into an LFIB (one route per label; `route` is
+// made), or as configuration (one route per label and metric, as configuration keeps them
+// and uses a label's lowest metric; only `config` is made).
+enum class RouteFileUse { load, config };
 
 // Parses a whole route file. `fileName` only names the file in errors. Returns the routes
 // in file order; throws RouteFileError for the first line in error, so that a file is
 // used whole or not at all. The same route twice is an error on the second line ("label
-// 100 is already routed on line 3"; "label 100 metric 5 ..." by label and metric).
+// 100 is already routed on line 3"; "label 100 metric 5 ..." for configuration).
 std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string& fileName,
-                                        RouteKeying keying = RouteKeying::label);
+                                        RouteFileUse use = RouteFileUse::load);
 
 // Reads and parses the file at `path`; "-" reads standard input. Throws RouteFileError,
 // also when the file cannot be read, is a directory, is longer than 256 MiB (endless
@@ -74,7 +75,7 @@ std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string
 // Input quoted in messages has its control bytes escaped and long tokens cut
 // (Kel::quoted).
 std::vector<ParsedRoute> readRouteFile(const std::string& path,
-                                       RouteKeying keying = RouteKeying::label);
+                                       RouteFileUse use = RouteFileUse::load);
 
 // The line of a route file that describes `route` ("100 swap 200 via 10.0.0.1 dev
 // Ethernet1 weight 2 metric 3"): parsing it gives the route back.
