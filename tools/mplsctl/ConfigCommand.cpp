@@ -15,6 +15,7 @@
 #include "Session/Session.h"
 #include "Statehub/EntityManager.h"
 #include "tools/mplsctl/Commands.h"
+#include "tools/mplsctl/StateViews.h"
 #include "tools/mplsctl/RouteFile.h"
 #include "types/Mpls/RouteConfig.h"
 #include "types/Mpls/VrfLabelConfig.h"
@@ -32,24 +33,6 @@ using Mpls::RouteKeyAndMetric;
 // the state database).
 const uint32_t kMaxRoutes = Statehub::EntityManager::defaultSizing().capacity;
 
-Statehub::EntityManager::Ptr managerOf(const std::string& statehub, Kel::EventLoop* loop) {
-  try {
-    return Kel::make<Statehub::EntityManager>(statehub, loop);
-  } catch (const Statehub::Error& e) {
-    throw CommandError(e.what());
-  }
-}
-
-template <class E>
-Statehub::Publication::Ptr publishAs(Statehub::EntityManager& manager, const std::string& path,
-                                     const Kel::Ptr<E>& entity) {
-  try {
-    return manager.publish(path, entity);
-  } catch (const Statehub::Error& e) {
-    throw CommandError(e.what());
-  }
-}
-
 // The path of the input `name` under `dir`; CommandError for a name the state database
 // cannot hold.
 std::string inputPath(Statehub::EntityManager& manager, const char* dir, const std::string& name) {
@@ -63,6 +46,9 @@ std::string inputPath(Statehub::EntityManager& manager, const char* dir, const s
   if (!valid) {
     throw CommandError(fmt::format("invalid input name '{}': use 1 to 64 letters, digits, '_' "
                                    "and '-'", name));
+  }
+  if (name == "cli") {
+    throw CommandError("invalid input name 'cli': it names the command-line configuration");
   }
   return path;
 }

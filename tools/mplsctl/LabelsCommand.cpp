@@ -39,14 +39,6 @@ std::string blockText(const Mpls::LabelBlock& b) {
   return fmt::format("{}-{}", b.blockStart().value(), b.blockEnd());
 }
 
-Statehub::EntityManager::Ptr managerOf(const std::string& statehub, Kel::EventLoop* loop) {
-  try {
-    return Kel::make<Statehub::EntityManager>(statehub, loop);
-  } catch (const Statehub::Error& e) {
-    throw CommandError(e.what());
-  }
-}
-
 // Request identifiers: short, and printable without quoting.
 void checkId(const std::string& id) {
   const bool ok = !id.empty() && id.size() <= 48 &&
@@ -72,16 +64,6 @@ std::string clientPath(Statehub::EntityManager& manager, const std::string& clie
                                    "'_' and '-'", client));
   }
   return path;
-}
-
-template <class E>
-Statehub::Publication::Ptr publishAs(Statehub::EntityManager& manager, const std::string& path,
-                                     const Kel::Ptr<E>& entity) {
-  try {
-    return manager.publish(path, entity);
-  } catch (const Statehub::Error& e) {
-    throw CommandError(e.what());
-  }
 }
 
 }  // namespace

@@ -169,4 +169,12 @@ std::vector<std::string> stateViewTypes() {
   return out;
 }
 
+Statehub::EntityManager::Ptr managerOf(const std::string& statehub, Kel::EventLoop* loop) {
+  try {
+    return Kel::make<Statehub::EntityManager>(statehub, loop);
+  } catch (const Statehub::Error& e) {
+    throw CommandError(e.what());
+  }
+}
+
 }  // namespace Mplsctl

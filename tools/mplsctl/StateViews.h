@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "Statehub/EntityManager.h"
+#include "tools/mplsctl/Commands.h"
 
 namespace Mplsctl {
 
@@ -40,5 +41,25 @@ std::vector<std::string> stateViewTypes();
 // or is still pending after `patience`.
 void awaitMount(Statehub::MountBase& mount, const std::string& what,
                 std::chrono::milliseconds patience = std::chrono::seconds(5));
+
+// The entity manager of the instance `statehub` (on `loop`, if any); CommandError for a
+// malformed instance name.
+Statehub::EntityManager::Ptr managerOf(const std::string& statehub, Kel::EventLoop* loop);
+
+// Publishes `entity` at `path` (having loaded what is published there); CommandError when
+// the state database refuses (another live publisher, another entity type).
+template <class E>
+Statehub::Publication::Ptr publishAs(Statehub::EntityManager& manager, const std::string& path,
+                                     const Kel::Ptr<E>& entity);
+
+template <class E>
+Statehub::Publication::Ptr publishAs(Statehub::EntityManager& manager, const std::string& path,
+                                     const Kel::Ptr<E>& entity) {
+  try {
+    return manager.publish(path, entity);
+  } catch (const Statehub::Error& e) {
+    throw CommandError(e.what());
+  }
+}
 
 }  // namespace Mplsctl
