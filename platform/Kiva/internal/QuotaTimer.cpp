@@ -133,11 +133,11 @@ QuotaTimer::~QuotaTimer() {
 
 void QuotaTimer::arm(std::chrono::nanoseconds quota) {
   flag_->store(false, std::memory_order_relaxed);
-  itimerspec spec{};
+  itimerspec expiry{};
   auto secs = std::chrono::duration_cast<std::chrono::seconds>(quota);
-  spec.it_value.tv_sec = secs.count();
-  spec.it_value.tv_nsec = (quota - secs).count();
-  if (::timer_settime(timer_, 0, &spec, nullptr) != 0) {
+  expiry.it_value.tv_sec = secs.count();
+  expiry.it_value.tv_nsec = (quota - secs).count();
+  if (::timer_settime(timer_, 0, &expiry, nullptr) != 0) {
     throwErrno("timer_settime", errno);
   }
 }
