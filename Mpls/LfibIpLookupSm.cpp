@@ -65,6 +65,14 @@ void LfibIpLookupSm::handleRouteVersion() {
   if (!initialized_) {
     return;
   }
+  if (lfibWalkHandsRows(*lfibStatus_)) {
+    lfibStatus_->lfibRouteForEach([&](const LfibRoute& route) {
+      if (lfibTrackingStatus_->routeVersion(route.key())) {
+        handleRouteVersion(route.key());
+      }
+    });
+    return;
+  }
   // Keys first: the handler's notifiees may change the versions.
   for (const RouteKey& routeKey : lfibTrackingStatus_->routeVersionIter().keys()) {
     handleRouteVersion(routeKey);

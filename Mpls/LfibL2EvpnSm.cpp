@@ -166,6 +166,14 @@ void LfibL2EvpnSm::handleLfibRoute() {
   if (!initialized_) {
     return;
   }
+  if (lfibWalkHandsRows(*lfibStatus_)) {
+    lfibStatus_->lfibRouteForEach([&](const LfibRoute& route) {
+      if (lfibTrackingStatus_->routeVersion(route.key())) {
+        handleLfibRoute(route.key());
+      }
+    });
+    return;
+  }
   // Keys first: the handler's notifiees may change the versions.
   for (const RouteKey& routeKey : lfibTrackingStatus_->routeVersionIter().keys()) {
     handleLfibRoute(routeKey);

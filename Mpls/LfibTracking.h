@@ -23,10 +23,15 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <absl/container/flat_hash_map.h>
 
 #include "Kel/Collection.h"
 #include "Kel/Entity.h"
 #include "Kel/FlagSet.h"
+#include "Kel/OrdinalMap.h"
 #include "Kel/Value.h"
 #include "Mpls/LfibViaKey.h"
 #include "Mpls/LfibViaSetKey.h"
@@ -124,10 +129,23 @@ class LfibViaKeyToLfibViaSetKeySet : public Kel::Entity {
 // See the top of this file. Accessors (Kel/Collection.h):
 //   routeKeyBacklog(k), routeKeyBacklogIs(k, true), routeKeyBacklogDel(k), ...DelAll()
 //   viaSetKeyBacklog(k), viaSetKeyBacklogIs(k, true), viaSetKeyBacklogDel(k), ...DelAll()
-//   viaSetKeyToRouteKeySet(k) (null when no route uses the via set),
-//     viaSetKeyToRouteKeySetIs(k) (the entry, created empty when absent), ...Del(k)
 //   routeVersion(k) (a default version when absent), routeVersionIs(v), routeVersionDel(k)
 // Each change is announced to the notifiees, and only a change.
+//
+// viaSetKeyToRouteKeySet is kept as a plain set of route keys per via set, in dense pages
+// (a few bytes per via set: most are used by one route). Its entity, the
+// LfibViaSetKeyToRouteKeySet, is made when first asked for and kept in step with the entry
+// from then on; when the entry goes, whoever still holds the entity sees it emptied.
+//   viaSetKeyToRouteKeySet(k)     the entity (null when no route uses the via set)
+//   viaSetKeyToRouteKeySets()     the number of entries
+//   viaSetKeyToRouteKeySetIter()  (key, entity) of every entry (makes every entity)
+//   viaSetKeyToRouteKeySetIs(k)   the entity, the entry created empty when absent
+//   viaSetKeyToRouteKeySetDel(k)  removes the entry; ...DelAll() every entry
+//   viaSetRouteKeys(k)            the entry's routes, without an entity (null when absent);
+//                                 valid until the index next changes
+//   viaSetRouteKeyIs(k, route)    adds a route to the entry (created when absent)
+//   viaSetRouteKeyDel(k, route)   removes a route; an entry left empty goes
+// onViaSetKeyToRouteKeySet(k) announces an entry that came or went.
 class LfibTrackingStatus : public Kel::Entity {
  public:
   using Ptr = Kel::Ptr<LfibTrackingStatus>;
@@ -147,12 +165,30 @@ class LfibTrackingStatus : public Kel::Entity {
   // Indexed by label and via-set index over the whole LFIB: kept in dense pages.
   KEL_DENSE_SET_ATTR(RouteKey, routeKeyBacklog, RouteKeyBacklog)
   KEL_DENSE_SET_ATTR(LfibViaSetKey, viaSetKeyBacklog, ViaSetKeyBacklog)
-  KEL_DENSE_ENTITY_COLL_ATTR(LfibViaSetKey, LfibViaSetKeyToRouteKeySet, viaSetKeyToRouteKeySet,
-                             ViaSetKeyToRouteKeySet)
   KEL_DENSE_VALUE_COLL_ATTR(RouteKey, LfibRouteVersion, routeVersion, RouteVersion)
+
+  LfibViaSetKeyToRouteKeySet::Ptr viaSetKeyToRouteKeySet(const LfibViaSetKey& viaSetKey) const;
+  uint32_t viaSetKeyToRouteKeySets() const noexcept {
+    return static_cast<uint32_t>(routeSets_.size());
+  }
+  std::vector<std::pair<LfibViaSetKey, LfibViaSetKeyToRouteKeySet::Ptr>>
+  viaSetKeyToRouteKeySetIter() const;
+  LfibViaSetKeyToRouteKeySet::Ptr viaSetKeyToRouteKeySetIs(const LfibViaSetKey& viaSetKey);
+  void viaSetKeyToRouteKeySetDel(const LfibViaSetKey& viaSetKey);
+  void viaSetKeyToRouteKeySetDelAll();
+  const Kel::SetColl<RouteKey>* viaSetRouteKeys(const LfibViaSetKey& viaSetKey) const {
+    return routeSets_.find(viaSetKey);
+  }
+  void viaSetRouteKeyIs(const LfibViaSetKey& viaSetKey, const RouteKey& routeKey);
+  void viaSetRouteKeyDel(const LfibViaSetKey& viaSetKey, const RouteKey& routeKey);
 
  private:
   const std::string name_;
+  Kel::OrdinalMap<LfibViaSetKey, Kel::SetColl<RouteKey>> routeSets_;
+  // The entities handed out, by via set.
+  mutable absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToRouteKeySet::Ptr,
+                              Kel::Hasher<LfibViaSetKey>>
+      routeSetEntities_;
 };
 
 Kel::Ptr<LfibTrackingStatus> lfibTrackingStatusFactory(const std::string& name);

@@ -24,7 +24,8 @@ bool exists(const LfibViaSet& viaSet) {
   return !(viaSet == kAbsent);
 }
 
-// Keys first, work after: the handlers notify other reactors, which may change the LFIB.
+// Keys first, work after: the handlers notify other reactors, which may change the LFIB
+// (on the writer's side; see lfibWalkHandsRows).
 template <class K, class ForEach>
 std::vector<K> keysOf(ForEach&& forEach) {
   std::vector<K> keys;
@@ -83,6 +84,31 @@ typename Entities::mapped_type::element_type* entityOf(const Entities& entities,
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------------------
+// The vias of a via set.
+
+bool LfibTrackingSm::ViaKeyList::insert(const LfibViaKey& viaKey) {
+  if (contains(viaKey)) {
+    return false;
+  }
+  if (size_ < kInline) {
+    inline_[size_++] = viaKey;
+    return true;
+  }
+  if (size_ == kInline || size_ == heap_.capacity) {
+    const uint32_t capacity = size_ * 2;
+    auto* keys = new LfibViaKey[capacity];
+    std::copy(begin(), end(), keys);
+    if (size_ > kInline) {
+      delete[] heap_.keys;
+    }
+    heap_.keys = keys;
+    heap_.capacity = capacity;
+  }
+  heap_.keys[size_++] = viaKey;
+  return true;
+}
 
 // ---------------------------------------------------------------------------------------
 // Nested notifiees.
@@ -199,8 +225,11 @@ void LfibTrackingSm::handleDel() {
 
 void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey) {
   KEL_FATAL_ASSERT(initialized());
+  handleLfibRoute(routeKey, lfibStatus_->lfibRoute(routeKey));
+}
+
+void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey, const LfibRoute& route) {
   const uint64_t pass = ++routePasses_;
-  const LfibRoute route = lfibStatus_->lfibRoute(routeKey);
   const bool present = exists(route);
   KEL_TRACE(trace, 8, "{} handleLfibRoute {} present: {}", smTraceName_, routeKey, present);
   const LfibViaSetKey* mapped = routeKeyToViaSetKey_.find(routeKey);
@@ -228,17 +257,22 @@ void LfibTrackingSm::handleLfibRoute(const RouteKey& routeKey) {
 
 void LfibTrackingSm::handleViaSet(const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
+  handleViaSet(viaSetKey, lfibStatus_->viaSet(viaSetKey));
+}
+
+void LfibTrackingSm::handleViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet) {
   KEL_TRACE(trace, 8, "{} handleViaSet {}", smTraceName_, viaSetKey);
-  indexViaSet(viaSetKey, lfibStatus_->viaSet(viaSetKey));
+  indexViaSet(viaSetKey, viaSet);
   maybeAddBacklogByViaSetKey(viaSetKey);
 }
+
 
 void LfibTrackingSm::indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet) {
   const bool present = exists(viaSet);
   if (present) {
     // Rewritten with the vias it had (the common case of a route update): nothing to do.
-    if (const Kel::SetColl<LfibViaKey>* indexed = viaSetKeyToViaKeySet_.find(viaSetKey)) {
-      const Kel::SetColl<LfibViaKey>& viaKeys = *indexed;
+    if (const ViaKeyList* indexed = viaSetKeyToViaKeySet_.find(viaSetKey)) {
+      const ViaKeyList& viaKeys = *indexed;
       uint32_t matched = 0;
       bool same = true;
       for (const LfibViaKey& viaKey : viaSet.viaKey()) {
@@ -276,6 +310,9 @@ void LfibTrackingSm::handleVia(const LfibViaKey& viaKey) {
 
 void LfibTrackingSm::handleVias() {
   KEL_FATAL_ASSERT(initialized());
+  if (viaKeyToViaSetKeySet_.empty()) {
+    return;  // no via set indexed: no via reaches a route
+  }
   std::vector<LfibViaKey> viaKeys;
   lfibStatus_->viaKeyForEach([&](const LfibViaKey& key) { viaKeys.push_back(key); });
   for (const LfibViaKey& viaKey : viaKeys) {
@@ -285,6 +322,11 @@ void LfibTrackingSm::handleVias() {
 
 void LfibTrackingSm::handleViaSets() {
   KEL_FATAL_ASSERT(initialized());
+  if (lfibWalkHandsRows(*lfibStatus_)) {
+    lfibStatus_->viaSetForEach(
+        [&](const LfibViaSet& viaSet) { handleViaSet(viaSet.key(), viaSet); });
+    return;
+  }
   for (const LfibViaSetKey& viaSetKey :
        keysOf<LfibViaSetKey>([&](auto f) { lfibStatus_->viaSetForEach(f); })) {
     handleViaSet(viaSetKey);
@@ -293,6 +335,11 @@ void LfibTrackingSm::handleViaSets() {
 
 void LfibTrackingSm::handleLfibRoutes() {
   KEL_FATAL_ASSERT(initialized());
+  if (lfibWalkHandsRows(*lfibStatus_)) {
+    lfibStatus_->lfibRouteForEach(
+        [&](const LfibRoute& route) { handleLfibRoute(route.key(), route); });
+    return;
+  }
   for (const RouteKey& routeKey :
        keysOf<RouteKey>([&](auto f) { lfibStatus_->lfibRouteForEach(f); })) {
     handleLfibRoute(routeKey);
@@ -303,7 +350,7 @@ void LfibTrackingSm::addRouteKeyViaSetKeyMapping(const RouteKey& routeKey,
                                                  const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
   *routeKeyToViaSetKey_.tryEmplace(routeKey).first = viaSetKey;
-  lfibTrackingStatus_->viaSetKeyToRouteKeySetIs(viaSetKey)->routeKeyIs(routeKey, true);
+  lfibTrackingStatus_->viaSetRouteKeyIs(viaSetKey, routeKey);
 }
 
 void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
@@ -314,16 +361,10 @@ void LfibTrackingSm::delRouteKeyViaSetKeyMapping(const RouteKey& routeKey) {
   }
   const LfibViaSetKey viaSetKey = *mapped;
   routeKeyToViaSetKey_.erase(routeKey);
-  LfibViaSetKeyToRouteKeySet::Ptr viaSetToRouteMap =
-      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
+  const Kel::SetColl<RouteKey>* viaSetToRouteMap = lfibTrackingStatus_->viaSetRouteKeys(viaSetKey);
   KEL_FATAL_ASSERT(!!viaSetToRouteMap);
-  viaSetToRouteMap->routeKeyDel(routeKey);
-  // The consumer hears of the removal and may change the LFIB from there: delete the entry
-  // only if it is still the one just emptied.
-  if (!viaSetToRouteMap->routeKeys() &&
-      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey) == viaSetToRouteMap) {
-    lfibTrackingStatus_->viaSetKeyToRouteKeySetDel(viaSetKey);
-  }
+  // An entry left empty goes with its last route.
+  lfibTrackingStatus_->viaSetRouteKeyDel(viaSetKey, routeKey);
 }
 
 void LfibTrackingSm::addViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey,
@@ -346,13 +387,13 @@ void LfibTrackingSm::addViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey,
 
 void LfibTrackingSm::delViaSetKeyViaKeyMapping(const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
-  const Kel::SetColl<LfibViaKey>* indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
+  const ViaKeyList* indexed = viaSetKeyToViaKeySet_.find(viaSetKey);
   if (!indexed) {
     return;
   }
   // Out of the index first: a notifiee of the entities below may bring this via set back
   // while its old vias are being unlinked.
-  const absl::InlinedVector<LfibViaKey, 4> viaKeys = membersOf<4>(*indexed);
+  const ViaKeyList viaKeys = *indexed;
   viaSetKeyToViaKeySet_.erase(viaSetKey);
   const LfibViaSetKeyToLfibViaKeySet::Ptr viaSetEntity = takeEntity(viaSetEntities_, viaSetKey);
   for (const LfibViaKey& viaKey : viaKeys) {
@@ -424,16 +465,19 @@ void LfibTrackingSm::maybeAddBacklogByViaKey(const LfibViaKey& viaKey) {
 void LfibTrackingSm::maybeAddBacklogByViaSetKey(const LfibViaSetKey& viaSetKey) {
   KEL_FATAL_ASSERT(initialized());
   addViaSetKeyBacklog(viaSetKey);
-  const LfibViaSetKeyToRouteKeySet::Ptr routes =
-      lfibTrackingStatus_->viaSetKeyToRouteKeySet(viaSetKey);
+  const Kel::SetColl<RouteKey>* routes = lfibTrackingStatus_->viaSetRouteKeys(viaSetKey);
   if (!routes) {
     return;
   }
   // As above: a route deleted or moved meanwhile has been handled on its own.
-  for (const RouteKey& routeKey : membersOf<16>(routes->routeKeyIter())) {
-    if (routes->routeKey(routeKey)) {
+  auto uses = [&](const RouteKey& routeKey) {
+    const Kel::SetColl<RouteKey>* now = lfibTrackingStatus_->viaSetRouteKeys(viaSetKey);
+    return now && now->contains(routeKey);
+  };
+  for (const RouteKey& routeKey : membersOf<16>(*routes)) {
+    if (uses(routeKey)) {
       addRouteKeyBacklog(routeKey);
-      if (routes->routeKey(routeKey)) {
+      if (uses(routeKey)) {
         updateRouteKeyShadow(routeKey);
       }
     }

@@ -38,7 +38,9 @@
 // Single-threaded: used on the reactor thread of the agent that owns the LfibStatus.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include <absl/container/flat_hash_map.h>
@@ -157,6 +159,9 @@ class LfibTrackingSm : public Kel::Reactor {
   void maybeAddBacklogByViaSetKey(const LfibViaSetKey& viaSetKey);
 
  private:
+  // The handlers, given the row as read (see lfibWalkHandsRows).
+  void handleLfibRoute(const RouteKey& routeKey, const LfibRoute& route);
+  void handleViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet);
   void indexViaSet(const LfibViaSetKey& viaSetKey, const LfibViaSet& viaSet);
   void resynchronize();
 
@@ -168,7 +173,57 @@ class LfibTrackingSm : public Kel::Reactor {
   // Counts handleLfibRoute() calls, so that one can tell it was re-entered.
   uint64_t routePasses_ = 0;
   Kel::OrdinalMap<RouteKey, LfibViaSetKey> routeKeyToViaSetKey_;
-  Kel::OrdinalMap<LfibViaSetKey, Kel::SetColl<LfibViaKey>> viaSetKeyToViaKeySet_;
+  // The vias of one via set, in the order indexed: two inline (most via sets have one or
+  // two), more on the heap. A via set has at most LfibViaKeyArray::capacity vias, so a
+  // linear search is short.
+  class ViaKeyList {
+   public:
+    ViaKeyList() noexcept {}
+    ViaKeyList(const ViaKeyList& other) {
+      for (const LfibViaKey& viaKey : other) {
+        insert(viaKey);
+      }
+    }
+    ViaKeyList(ViaKeyList&& other) noexcept { take(other); }
+    ViaKeyList& operator=(ViaKeyList other) noexcept {
+      release();
+      take(other);
+      return *this;
+    }
+    ~ViaKeyList() { release(); }
+
+    bool insert(const LfibViaKey& viaKey);
+    bool contains(const LfibViaKey& viaKey) const {
+      return std::find(begin(), end(), viaKey) != end();
+    }
+    size_t size() const noexcept { return size_; }
+    const LfibViaKey* begin() const noexcept { return size_ > kInline ? heap_.keys : inline_; }
+    const LfibViaKey* end() const noexcept { return begin() + size_; }
+
+   private:
+    static constexpr uint32_t kInline = 2;
+    void release() noexcept {
+      if (size_ > kInline) {
+        delete[] heap_.keys;
+      }
+      size_ = 0;
+    }
+    void take(ViaKeyList& other) noexcept {
+      std::memcpy(static_cast<void*>(this), &other, sizeof(ViaKeyList));
+      other.size_ = 0;
+    }
+    union {
+      LfibViaKey inline_[kInline];
+      struct {
+        LfibViaKey* keys;
+        uint32_t capacity;
+      } heap_;
+    };
+    uint32_t size_ = 0;
+  };
+  static_assert(sizeof(LfibViaKey) * 2 >= sizeof(LfibViaKey*) + sizeof(uint32_t));
+
+  Kel::OrdinalMap<LfibViaSetKey, ViaKeyList> viaSetKeyToViaKeySet_;
   Kel::OrdinalMap<LfibViaKey, Kel::SetColl<LfibViaSetKey>> viaKeyToViaSetKeySet_;
   // The entities handed out for index entries (see the accessors).
   mutable absl::flat_hash_map<LfibViaSetKey, LfibViaSetKeyToLfibViaKeySet::Ptr,

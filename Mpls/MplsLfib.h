@@ -528,6 +528,16 @@ using LfibStatusSizing = LfibStatus::Sizing;
 
 Kel::Ptr<LfibStatus> lfibStatusFactory();
 
+// Whether a walk over the tables of `lfib` may hand each row to the handlers as it reads it.
+// A reader's tables change only when its group's processChanges() runs, so its walks do,
+// and a handler's lookup of the row just handed over costs no second read (Pond keeps a
+// reader's last answer). On the writer's side the handlers may change the LFIB under the
+// walk: walks take the keys first and read each row when its turn comes.
+inline bool lfibWalkHandsRows(const LfibStatus& lfib) {
+  const Kel::Ptr<Pond::MountGroup>& group = lfib.mountGroup();
+  return group && group->role() == Pond::Role::reader;
+}
+
 // LfibVia<viaTypeX>: one via type of MPLS_LFIB_VIA_TYPES, its row type and its collection
 // of an LfibStatus. LfibViaOf<Row> is the same, found by row type.
 template <LfibViaType Type>

@@ -118,6 +118,8 @@ class OrdinalMap {
   OrdinalMap() = default;
   OrdinalMap(const OrdinalMap&) = delete;
   OrdinalMap& operator=(const OrdinalMap&) = delete;
+  OrdinalMap(OrdinalMap&&) noexcept = default;
+  OrdinalMap& operator=(OrdinalMap&&) noexcept = default;
 
   V* find(const K& k) {
     const Where where = locate(k, false);

@@ -15,9 +15,12 @@
 //     the declared capacity: what a writer that creates the tables reserves (a reader
 //     takes the sizes from the tables). sizingFor(role) gives the sizing of a mount role:
 //     the declared one for a writer, zero capacities (take the segment's) for a reader;
-//   - mountGroupIs(group, sizing): attaches every table to its table in `group` (null
-//     detaches them all) and announces onMountGroup; the group's role makes the entity a
-//     writer or a reader of every table. A writer group creates the tables, or attaches
+//   - mountGroupIs(group, sizing, changes): attaches every table to its table in `group`
+//     (null detaches them all) and announces onMountGroup; the group's role makes the
+//     entity a writer or a reader of every table. A reader follows the tables' changes
+//     (KelPond::Changes::followed, the default) or only reads them
+//     (KelPond::Changes::ignored: no notifications, and opening a table costs no walk of
+//     its rows; what a one-shot lookup wants). A writer group creates the tables, or attaches
 //     to those a previous writer left (Pond::SegmentError when their sizes differ: the
 //     entity is then left partly attached; drop it). Giving the group already attached
 //     does nothing. mountGroup() is the group attached;
@@ -75,31 +78,39 @@
 
 namespace KelPond {
 
+// Whether a reading collection announces its table's changes.
+enum class Changes { followed, ignored };
+
 // How a shared-memory collection is placed: its group (whose role decides writer or
-// reader), its table's name and, for a writer, its size.
+// reader), its table's name, for a writer its size, for a reader whether it follows the
+// table's changes.
 class CollectionControl : public Kel::Entity {
  public:
-  CollectionControl(Kel::Ptr<Pond::MountGroup> group, std::string table, Pond::TableSizing sizing)
-      : group_(std::move(group)), table_(std::move(table)), sizing_(sizing) {}
+  CollectionControl(Kel::Ptr<Pond::MountGroup> group, std::string table, Pond::TableSizing sizing,
+                    Changes changes = Changes::followed)
+      : group_(std::move(group)), table_(std::move(table)), sizing_(sizing), changes_(changes) {}
   const Kel::Ptr<Pond::MountGroup>& group() const noexcept { return group_; }
   const std::string& table() const noexcept { return table_; }
   const Pond::TableSizing& sizing() const noexcept { return sizing_; }
+  Changes changes() const noexcept { return changes_; }
 
  private:
   Kel::Ptr<Pond::MountGroup> group_;
   std::string table_;
   Pond::TableSizing sizing_;
+  Changes changes_;
 };
 
 // The control of `table` in `group`; null without a group (a collection given a null
 // control is detached).
 inline Kel::Ptr<CollectionControl> collectionControlFactory(Kel::Ptr<Pond::MountGroup> group,
                                                             std::string table,
-                                                            Pond::TableSizing sizing = {}) {
+                                                            Pond::TableSizing sizing = {},
+                                                            Changes changes = Changes::followed) {
   if (!group) {
     return nullptr;
   }
-  return Kel::make<CollectionControl>(std::move(group), std::move(table), sizing);
+  return Kel::make<CollectionControl>(std::move(group), std::move(table), sizing, changes);
 }
 
 // One table of a table set, as tableForEach() hands it out: its name and the table (null
@@ -192,7 +203,9 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
     name##_ = std::make_unique<::Pond::PondMap<K, T>>(control->group(), control->table(), \
                                                       control->sizing());               \
     if (control->group()->role() == ::Pond::Role::reader) {                             \
-      name##_->changeHandlerIs([this](const K& k) { name##Notify(k); });                \
+      if (control->changes() == ::KelPond::Changes::followed) {                         \
+        name##_->changeHandlerIs([this](const K& k) { name##Notify(k); });              \
+      }                                                                                 \
       name##_->mountHandlerIs([this] { name##NotifyMountStatus(); });                   \
     }                                                                                   \
   }                                                                                     \
@@ -220,7 +233,8 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
   ::Pond::TableSizing name{capacity};
 #define KEL_POND_TABLE_SIZING_EACH(name, Name, K, T, check, capacity) f(#name, name);
 #define KEL_POND_TABLE_MOUNT(name, Name, K, T, check, capacity) \
-  name##ControlIs(::KelPond::collectionControlFactory(kelMountGroup_, #name, sizing.name));
+  name##ControlIs(                                                    \
+      ::KelPond::collectionControlFactory(kelMountGroup_, #name, sizing.name, changes));
 #define KEL_POND_TABLE_REF(name, Name, K, T, check, capacity) \
   f(::KelPond::TableRef<K, T>{#name, name##_.get()});
 #define KEL_POND_TABLE_COUNT(name, Name, K, T, check, capacity) +1
@@ -258,7 +272,8 @@ void dumpRows(Kel::DumpContext& context, int indent, const TableRef<K, T>& ref) 
   void mountGroupIs(::Kel::Ptr<::Pond::MountGroup> group) {                               \
     mountGroupIs(std::move(group), Sizing());                                             \
   }                                                                                       \
-  void mountGroupIs(::Kel::Ptr<::Pond::MountGroup> group, const Sizing& sizing) {         \
+  void mountGroupIs(::Kel::Ptr<::Pond::MountGroup> group, const Sizing& sizing,          \
+                    ::KelPond::Changes changes = ::KelPond::Changes::followed) {          \
     if (group == kelMountGroup_) {                                                        \
       return;                                                                             \
     }                                                                                     \

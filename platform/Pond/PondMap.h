@@ -49,12 +49,11 @@
 #include <type_traits>
 #include <vector>
 
-#include <absl/container/flat_hash_set.h>
-
 #include "Kel/Binary.h"
 #include "Kel/StoredValue.h"
 #include "Kel/Value.h"
 #include "Pond/IterHint.h"
+#include "Pond/KeySet.h"
 #include "Pond/MountGroup.h"
 #include "Pond/TableCore.h"
 #include "Pond/TableSizing.h"
@@ -112,11 +111,23 @@ class PondMap final : public TableCore, private internal::TableBase {
         decodeFrom(row, data, len);
         return true;
       }
-      if (!findCopy(&key, hash, &len)) {
-        return false;
+      // A reader's lookups often come in runs of one key (one state machine after another
+      // reacting to one change): the last answer stands while the table's version says
+      // that nothing changed since it was read.
+      const uint64_t version = kRemembers ? TableCore::version() : 0;
+      if (kRemembers && last_.valid && last_.version == version && last_.key == key) {
+        if (last_.found) {
+          row = last_.row;
+        }
+        return last_.found;
       }
-      decodeFrom(row, bytes(), len);
-      return true;
+      last_.valid = false;
+      const bool found = findCopy(&key, hash, &len);
+      if (found) {
+        decodeFrom(row, bytes(), len);
+      }
+      remember(key, found ? &row : nullptr, version);
+      return found;
     } catch (const Kel::Exception& e) {
       reportCorruption(e.what());
       return false;
@@ -153,10 +164,14 @@ class PondMap final : public TableCore, private internal::TableBase {
       Row row{};
       try {
         uint32_t len = 0;
+        const uint64_t version = kRemembers && !writer() ? TableCore::version() : 0;
         if (!next(hint, &len)) {
           return true;
         }
         decodeFrom(row, bytes(), len);
+        if (kRemembers && !writer()) {
+          remember(row.key(), &row, version);  // its handler may look it up
+        }
       } catch (const Kel::Exception& e) {
         reportCorruption(e.what());
         if (unreadable()) {
@@ -328,26 +343,63 @@ class PondMap final : public TableCore, private internal::TableBase {
     }
   }
 
-  // Whether a key read from the change log is one; reports it when not.
-  bool validLogKey(const Key& key) const {
+  // Whether a key read from the change log (or from a row's slot: `where`) is one;
+  // reports it when not.
+  bool validLogKey(const Key& key, const char* where = "in the change log") const {
     std::string fault;
     if (Kel::storedValueValid(key, &fault)) [[likely]] {
       return true;
     }
     reportCorruption("table '" + tableName() + "' of mount group '" + TableCore::group()->name() +
-                     "': a key in the change log breaks the invariants of " +
+                     "': a key " + where + " breaks the invariants of " +
                      std::string(Key::kelTypeName) + ": " + fault);
     return false;
   }
 
-  absl::flat_hash_set<Key, Kel::Hasher<Key>> presentKeys() const {
-    absl::flat_hash_set<Key, Kel::Hasher<Key>> keys;
+  // The keys of the rows present, read without their rows.
+  KeySet<Key> presentKeys() const {
+    KeySet<Key> keys;
     keys.reserve(size());
-    forEach([&](const Row& r) { keys.insert(r.key()); });
+    IterHint hint;
+    while (true) {
+      Key key{};
+      try {
+        if (!nextKey(hint, &key)) {
+          break;
+        }
+      } catch (const Kel::Exception& e) {
+        reportCorruption(e.what());
+        if (unreadable()) {
+          break;
+        }
+        ++hint.slot;
+        continue;
+      }
+      if (validLogKey(key, "of a row")) {
+        keys.insert(key);
+      }
+    }
     return keys;
   }
 
+  // Keeps a reader's last answer: `row` under `key` (null: absent), read at `version`.
+  // Rows larger than a few cache lines are not kept: copying them costs what it saves.
+  static constexpr bool kRemembers = sizeof(Row) <= 128;
+  void remember(const Key& key, const Row* row, uint64_t version) const {
+    if constexpr (!kRemembers) {
+      return;
+    }
+    last_.key = key;
+    last_.found = row != nullptr;
+    if (row) {
+      last_.row = *row;
+    }
+    last_.version = version;
+    last_.valid = true;
+  }
+
   bool tryOpen() override {
+    last_.valid = false;
     if (opened()) {
       return true;
     }
@@ -369,6 +421,7 @@ class PondMap final : public TableCore, private internal::TableBase {
   }
 
   void close() override {
+    last_.valid = false;
     if (closeReader()) {
       reopened_ = true;
     }
@@ -415,7 +468,7 @@ class PondMap final : public TableCore, private internal::TableBase {
     // The rows logged since the last delivery and gone since: the consumer may have read
     // them in the table before it heard of them, so it hears of them now. (Entries the log
     // no longer holds are lost to this; a consumer that fell that far behind cannot tell.)
-    absl::flat_hash_set<Key, Kel::Hasher<Key>> logged;
+    KeySet<Key> logged;
     if (changeHandler_ && head >= cursor_ && head - cursor_ <= logEntries()) {
       for (uint64_t seq = cursor_; seq < head; ++seq) {
         Key key;
@@ -430,23 +483,23 @@ class PondMap final : public TableCore, private internal::TableBase {
     auto present = presentKeys();
     size_t delivered = 0;
     if (changeHandler_) {
-      for (const Key& k : present) {
+      present.forEach([&](const Key& k) {
         changeHandler_(k);
         ++delivered;
-      }
-      for (const Key& k : known_) {
+      });
+      known_.forEach([&](const Key& k) {
         if (!present.contains(k)) {
           logged.erase(k);
           changeHandler_(k);
           ++delivered;
         }
-      }
-      for (const Key& k : logged) {
+      });
+      logged.forEach([&](const Key& k) {
         if (!present.contains(k)) {
           changeHandler_(k);
           ++delivered;
         }
-      }
+      });
     }
     if (tracking_) {
       known_ = std::move(present);
@@ -458,10 +511,19 @@ class PondMap final : public TableCore, private internal::TableBase {
     return delivered;
   }
 
+  // A reader's last answer (see find).
+  struct LastAnswer {
+    bool valid = false;
+    bool found = false;
+    uint64_t version = 0;
+    Key key{};
+    Row row{};
+  };
+  mutable LastAnswer last_;
   uint64_t cursor_ = 0;
   bool reopened_ = false;
   bool tracking_ = false;
-  absl::flat_hash_set<Key, Kel::Hasher<Key>> known_;
+  KeySet<Key> known_;
   std::function<void(const Key&)> changeHandler_;
   std::function<void()> mountHandler_;
   std::function<void()> resyncHandler_;

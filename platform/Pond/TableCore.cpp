@@ -79,6 +79,22 @@ bool TableCore::next(IterHint& hint, uint32_t* len) const {
   return engine_->next(hint, bytes(), len, key);
 }
 
+bool TableCore::nextKey(IterHint& hint, void* keyOut) const {
+  uint32_t len = 0;
+  if (format_.variable) {
+    return engine_->next(hint, bytes(), &len, keyOut, true);
+  }
+  if (!engine_->next(hint, bytes(), &len, nullptr)) {
+    return false;
+  }
+  if (format_.keyOffset != RowFormat::kKeyNotBytewise) {
+    std::memcpy(keyOut, bytes() + format_.keyOffset, format_.keySize);
+  } else {
+    format_.keyOfRow(bytes(), keyOut);
+  }
+  return true;
+}
+
 void TableCore::upsertBytes(const void* key, uint32_t hash, uint32_t len) {
   if (UndoLog* undo = group_->undoLog()) [[unlikely]] {
     recordBefore(*undo, key, hash);

@@ -97,6 +97,8 @@ class TableCore {
   // Copies the next row at or after the hint into bytes() and moves the hint past it;
   // false at the end.
   bool next(IterHint& hint, uint32_t* len) const;
+  // The same, for the row's key only (variable rows: their records are not read).
+  bool nextKey(IterHint& hint, void* keyOut) const;
   // Writer: the row is in bytes(), `len` bytes of it.
   void upsertBytes(const void* key, uint32_t hash, uint32_t len);
   bool eraseKey(const void* key, uint32_t hash);

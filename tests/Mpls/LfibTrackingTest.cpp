@@ -152,6 +152,17 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
        "v{100:5 103:5 104:4 105:4} r{} s{}", "2{100 103 104 105}"},
       {"a via that no via set ever used touches nothing", [&] { w.via(mplsViaKey(9)); },
        "v{100:5 103:5 104:4 105:4} r{} s{}", "2{100 103 104 105}"},
+      {"a via set of five vias, more than are kept inline",
+       [&] {
+         for (uint32_t via = 4; via <= 7; ++via) {
+           w.via(mplsViaKey(via));
+         }
+         w.viaSet(setKey(2), {mplsViaKey(3), mplsViaKey(4), mplsViaKey(5), mplsViaKey(6),
+                              mplsViaKey(7)});
+       },
+       "v{100:6 103:6 104:5 105:5} r{100 103 104 105} s{2}", "2{100 103 104 105}"},
+      {"its fifth via reaches its routes", [&] { w.via(mplsViaKey(7), 2); },
+       "v{100:7 103:7 104:6 105:6} r{100 103 104 105} s{2}", "2{100 103 104 105}"},
   };
   for (const Step& step : steps) {
     drain(*t);
@@ -162,9 +173,11 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(1)), "");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(2)), "");
   EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(3)), "2");
+  EXPECT_EQ(viaSetsOf(*sm, mplsViaKey(7)), "2");
+  EXPECT_EQ(sm->viaSetKeyToViaKeySet(setKey(2))->viaKeys(), 5u);
   EXPECT_FALSE(sm->viaSetKeyToViaKeySet(setKey(1)));
   EXPECT_EQ(heldEntry->viaKeys(), 0u);
-  EXPECT_EQ(sm->viaKeyToViaSetKeySets(), 1u);
+  EXPECT_EQ(sm->viaKeyToViaSetKeySets(), 5u);
   EXPECT_EQ(sm->viaSetKeyToViaKeySets(), 1u);
   EXPECT_EQ(sm->routeKeyToViaSetKeys(), 4u);
 
@@ -178,6 +191,15 @@ TEST(LfibTrackingSm, ChangesTouchEveryRouteOnceAndTheIndexesFollowMovesAndDelete
   auto third = LfibTrackingSmIs(w.status, t, LfibTrackingMode(7), "test");
   EXPECT_NE(third, sm);
   EXPECT_EQ(trackingText(*t), "v{100:1 103:1 104:1 105:1 106:1} r{100 103 104 105 106} s{2}");
+  // An entry's entity, once handed out, follows the entry and is emptied when it goes.
+  const LfibViaSetKeyToRouteKeySet::Ptr routes = t->viaSetKeyToRouteKeySet(setKey(2));
+  w.route(107, setKey(2));
+  EXPECT_EQ(routes->routeKeys(), 6u);
+  for (uint32_t label : {100, 103, 104, 105, 106, 107}) {
+    s.lfibRouteDel(RouteKey(label));
+  }
+  EXPECT_EQ(routes->routeKeys(), 0u);
+  EXPECT_FALSE(t->viaSetKeyToRouteKeySet(setKey(2)));
 }
 
 // Counts what is written to a tracking status, per collection.

@@ -115,8 +115,8 @@ void demoConfiguration();
 int runCheck(const std::string& lfib);
 int runClear(const std::string& lfib);
 
-// Mounts the LFIB `name` for reading and waits (at most 5 s) until all its tables are
-// open. Throws CommandError "no LFIB named 'x' (no shared-memory segments)" when the LFIB
+// Mounts the LFIB `name` for reading what it holds (its changes are not followed) and
+// waits (at most 5 s) until all its tables are open. Throws CommandError "no LFIB named 'x' (no shared-memory segments)" when the LFIB
 // has no tables, and when it does not open in time.
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name);
 // Whether an LFIB mounted by mountLfibReader was found damaged by a reader (a row that does

@@ -54,7 +54,8 @@ bool lfibDamageFound() { return damageFound > 0; }
 
 Mpls::LfibStatus::Ptr mountLfibReader(const std::string& name) {
   LfibStatus::Ptr lfib = lfibStatusFactory();
-  mountTableSetReader(*lfib, name, "LFIB", name, fmt::format("mplsctl clear --lfib {}", name));
+  mountTableSetReader(*lfib, name, "LFIB", name, fmt::format("mplsctl clear --lfib {}", name),
+                      KelPond::Changes::ignored);
   // A damaged row or table is read as absent: say so, and fail the command.
   lfib->tableCorruptionHandlerIs([name](const std::string& text) { reportDamage(name, text); });
   return lfib;

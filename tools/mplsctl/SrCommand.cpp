@@ -623,7 +623,8 @@ int runSrShow(const SrOptions& options) {
   const std::string group = groupOf(options.table);
   Sr::Status::Ptr status = Sr::statusFactory(options.table);
   mountTableSetReader(*status, group, kKind, options.table,
-                      fmt::format("mplsctl sr clear --table {}", options.table));
+                      fmt::format("mplsctl sr clear --table {}", options.table),
+                      KelPond::Changes::ignored);
   size_t damaged = 0;
   status->tableCorruptionHandlerIs([&](const std::string& text) {
     if (++damaged <= 20) {

@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include "Pond/KelPond.h"
 #include "Pond/MountGroup.h"
 #include "tools/mplsctl/Commands.h"
 
@@ -17,15 +18,17 @@ namespace Mplsctl {
 
 // Mounts `set` as a reader of the group `group` and waits, at most 5 s, until every table
 // has opened. `kind` and `name` name the set in errors ("LFIB", "default"); `clear` is the
-// command that removes it. Throws CommandError when the group has no segments or stays
-// incomplete.
+// command that removes it. A command that reads what the tables hold and is done passes
+// KelPond::Changes::ignored: its tables open without walking their rows. Throws
+// CommandError when the group has no segments or stays incomplete.
 template <class Set>
 void mountTableSetReader(Set& set, const std::string& group, std::string_view kind,
-                         const std::string& name, const std::string& clear) {
+                         const std::string& name, const std::string& clear,
+                         KelPond::Changes changes = KelPond::Changes::followed) {
   if (Pond::MountGroup::tableNames(group).empty()) {
     throw CommandError(fmt::format("no {} named '{}' (no shared-memory segments)", kind, name));
   }
-  set.mountGroupIs(Pond::MountGroup::reader(group));
+  set.mountGroupIs(Pond::MountGroup::reader(group), Set::sizingFor(Pond::Role::reader), changes);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   const Kel::Ptr<Pond::MountGroup>& g = set.mountGroup();
   g->processChanges();

@@ -482,7 +482,8 @@ void TableEngine::corruptChain(uint32_t hash, uint32_t link, uint32_t hops) cons
                       hash & bucketMask_, link - 1, hops, capacity_));
 }
 
-bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const {
+bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut,
+                       bool keyOnly) const {
   alignas(8) uint8_t slotKey[kMaxKeySize];
   // acquire: the slots below the mark are read after it (allocSlot raises it before it
   // fills a slot).
@@ -516,7 +517,10 @@ bool TableEngine::next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* 
       if (!(flags & kSlotLive)) {
         break;
       }
-      if (layout_.variable) {
+      if (layout_.variable && keyOnly) {
+        std::memcpy(keyOut, slotKey, layout_.keySize);
+        *recordLen = 0;
+      } else if (layout_.variable) {
         checkRecord(ref, index);
         seqCopyOut(out, heap_ + ref.offset, roundUp8(ref.length));  // relaxed: as above
         // acquire: the record's copy completes before the sequence number is read again.

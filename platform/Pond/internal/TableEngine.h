@@ -128,8 +128,10 @@ class TableEngine {
     return nullptr;
   }
   // Copies the next row at or after hint.slot, moves the hint past it and returns true;
-  // false at the end. `keyOut` (variable rows) receives its key.
-  bool next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut) const;
+  // false at the end. `keyOut` (variable rows) receives its key; with `keyOnly`, a
+  // variable row's record is not copied (`recordLen` is 0).
+  bool next(IterHint& hint, uint8_t* out, uint32_t* recordLen, void* keyOut,
+            bool keyOnly = false) const;
 
   // Writer only. `row` has rowSize bytes (fixed rows) or `len` bytes (variable rows, at
   // most rowSize). Throws Pond::TableFullException when the table (or its record heap) is

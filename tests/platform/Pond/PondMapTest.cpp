@@ -49,9 +49,16 @@ TEST(PondMap, WriterAndReaderAgree) {
     w.upsert(Row::of(i, i));
   }
   EXPECT_THROW(w.upsert(Row::of(64, 0)), Pond::TableFullException);
+  // A reader's answers, asked again, follow every change in between (the last answer is
+  // kept while the table's version stays).
+  EXPECT_EQ(r.lookup(Key(3)), Row::of(3, 3));
+  EXPECT_EQ(r.lookup(Key(5)), Row::of(5, 5));
+  EXPECT_EQ(r.lookup(Key(5)), Row::of(5, 5));
+  EXPECT_FALSE(r.find(Key(64), *std::make_unique<Row>()));
   w.upsert(Row::of(3, 1000));  // replacing needs no room
   EXPECT_EQ(r.size(), 64u);
   EXPECT_EQ(r.lookup(Key(3)), Row::of(3, 1000));
+  EXPECT_EQ(r.lookup(Key(5)), Row::of(5, 5));
   EXPECT_TRUE(w.erase(Key(5)));
   EXPECT_FALSE(w.erase(Key(5)));
   EXPECT_FALSE(r.find(Key(5), *std::make_unique<Row>()));
@@ -187,6 +194,30 @@ TEST(PondMap, ReaderIsNotifiedOfEveryChangedKey) {
   w.erase(Key(1));
   reader->processChanges();
   EXPECT_EQ(changed, expected);
+
+  // The same with keys numbered in sequence, which the reader keeps as bits: rows present
+  // when it opened the table and gone after it fell behind are told of too.
+  PondMap<OrdinalKey, OrdinalRow> wo(writer, "ordinal", sized(64, 16));
+  for (uint32_t i = 0; i < 8; ++i) {
+    wo.upsert(OrdinalRow(OrdinalKey(i), i));
+  }
+  PondMap<OrdinalKey, OrdinalRow> ro(reader, "ordinal");
+  std::multiset<uint32_t> heard;
+  ro.changeHandlerIs([&](const OrdinalKey& k) { heard.insert(k.id()); });
+  std::multiset<uint32_t> told;
+  for (uint32_t i = 100; i < 130; ++i) {
+    wo.upsert(OrdinalRow(OrdinalKey(i), i));
+    told.insert(i);
+  }
+  for (uint32_t i = 0; i < 8; i += 2) {
+    wo.erase(OrdinalKey(i));
+    told.insert(i);
+  }
+  for (uint32_t i = 1; i < 8; i += 2) {
+    told.insert(i);  // present: a resync tells of every row present
+  }
+  reader->processChanges();
+  EXPECT_EQ(heard, told);
 }
 
 TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {

@@ -35,6 +35,16 @@ class Row {
   bool consistent() const { return b_ == a_ * 3 + 1 && c_ == (a_ ^ 0x5555555555555555ull) && d_ == ~a_; }
 };
 
+// Keys numbered in sequence (as labels and indexes are): a reader keeps its sets of them
+// as presence bits.
+class OrdinalKey {
+  KEL_VALUE(OrdinalKey, "PondTest::OrdinalKey", (uint32_t, id));
+  KEL_HASH_ORDINAL(id)
+};
+class OrdinalRow {
+  KEL_VALUE(OrdinalRow, "PondTest::OrdinalRow", (OrdinalKey, key), (uint64_t, n));
+};
+
 // Rows whose keys the table cannot compare at the row's start: one after another field,
 // one with padding bytes (compared through its equality).
 class TailKeyRow {
