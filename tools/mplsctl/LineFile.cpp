@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -39,10 +40,18 @@ std::string readLineFile(const std::string& path, std::string_view kind, std::st
   if (S_ISDIR(st.st_mode)) {
     throw LineFileError(name, 0, 0, fmt::format("is a directory, not a {}", kind));
   }
+  // Read in place: a regular file into a buffer of its size (and a byte more, to see one
+  // that grew), anything else into one that doubles.
   std::string text;
-  char chunk[1 << 16];
+  if (S_ISREG(st.st_mode) && st.st_size > 0) {
+    text.resize(std::min(static_cast<size_t>(st.st_size), kMaxFileBytes) + 1);
+  }
+  size_t have = 0;
   for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (have == text.size()) {
+      text.resize(std::min(std::max(text.size() * 2, size_t{1} << 16), kMaxFileBytes + 1));
+    }
+    const ssize_t n = ::read(fd, text.data() + have, text.size() - have);
     if (n < 0 && errno == EINTR) {
       continue;
     }
@@ -52,12 +61,13 @@ std::string readLineFile(const std::string& path, std::string_view kind, std::st
     if (n == 0) {
       break;
     }
-    if (text.size() + static_cast<size_t>(n) > kMaxFileBytes) {
+    have += static_cast<size_t>(n);
+    if (have > kMaxFileBytes) {
       throw LineFileError(name, 0, 0,
                           fmt::format("longer than {} bytes: not a {}", kMaxFileBytes, kind));
     }
-    text.append(chunk, static_cast<size_t>(n));
   }
+  text.resize(have);
   return text;
 }
 
