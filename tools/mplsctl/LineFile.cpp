@@ -1,11 +1,13 @@
 #include "tools/mplsctl/LineFile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace Mplsctl {
@@ -16,6 +18,20 @@ LineFileError::LineFileError(const std::string& file, uint32_t line, uint32_t co
                                    : fmt::format("{}:{}:{}: {}", file, line, column, message)),
       line_(line),
       column_(column) {}
+
+void preferHugePages(const void* data, size_t bytes) noexcept {
+  constexpr size_t kHugePage = size_t{2} << 20;
+  if (bytes < kHugePage) {
+    return;
+  }
+  // The whole pages inside the buffer.
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const uintptr_t start = (reinterpret_cast<uintptr_t>(data) + page - 1) / page * page;
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(data) + bytes) / page * page;
+  if (end > start) {
+    ::madvise(reinterpret_cast<void*>(start), end - start, MADV_HUGEPAGE);
+  }
+}
 
 std::string readLineFile(const std::string& path, std::string_view kind, std::string& name) {
   const bool standardInput = path == "-";
@@ -44,7 +60,10 @@ std::string readLineFile(const std::string& path, std::string_view kind, std::st
   // that grew), anything else into one that doubles.
   std::string text;
   if (S_ISREG(st.st_mode) && st.st_size > 0) {
-    text.resize(std::min(static_cast<size_t>(st.st_size), kMaxFileBytes) + 1);
+    const size_t size = std::min(static_cast<size_t>(st.st_size), kMaxFileBytes) + 1;
+    text.reserve(size);
+    preferHugePages(text.data(), size);
+    text.resize(size);
   }
   size_t have = 0;
   for (;;) {

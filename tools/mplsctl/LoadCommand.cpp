@@ -12,10 +12,15 @@
 
 #include <algorithm>
 #include <bit>
+#include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "Mpls/MplsLfibWriter.h"
@@ -69,6 +74,135 @@ class Progress {
 }  // namespace
 
 namespace Mplsctl {
+
+namespace {
+
+// Makes the LFIB routes of a route list in file order on a thread of its own (start()),
+// ahead of the writer that takes them (next()), in a ring of routes whose storage is
+// reused.
+class RouteMaker {
+ public:
+  explicit RouteMaker(const RouteList& routes) : routes_(routes), ring_(kRing) {}
+  ~RouteMaker() {
+    {
+      std::lock_guard lock(mutex_);
+      stop_ = true;
+    }
+    room_.notify_one();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+  RouteMaker(const RouteMaker&) = delete;
+  RouteMaker& operator=(const RouteMaker&) = delete;
+
+  // Throws std::system_error when no thread is to be had.
+  void start() { thread_ = std::thread([this] { make(); }); }
+
+  // The next route, valid until the next call.
+  const Mpls::ConsolidatedLfibRoute& next() {
+    if (next_ % kBatch == 0 && next_ > 0) {
+      // The routes before next_ are written: their places are free.
+      std::unique_lock lock(mutex_);
+      taken_ = next_;
+      if (makerWaits_ && taken_ >= resumeAt_) {
+        makerWaits_ = false;
+        lock.unlock();
+        room_.notify_one();
+      }
+    }
+    if (next_ == made_) {
+      std::unique_lock lock(mutex_);
+      ready_.wait(lock, [&] { return madeShared_ > next_ || error_; });
+      if (madeShared_ == next_) {
+        std::rethrow_exception(error_);
+      }
+      made_ = madeShared_;
+    }
+    return ring_[next_++ % kRing];
+  }
+
+ private:
+  // Routes are handed over in batches, each a quarter of the ring.
+  static constexpr uint64_t kRing = 1024;
+  static constexpr uint64_t kBatch = kRing / 4;
+
+  void make() {
+    uint64_t made = 0;
+    uint64_t free = kRing;  // the routes below this may be made
+    try {
+      routes_.forEach([&](const RouteList::Route& r) {
+        if (made == free) {
+          // The ring is full: wait until half of it is free again.
+          std::unique_lock lock(mutex_);
+          resumeAt_ = made - kRing / 2;
+          makerWaits_ = true;
+          room_.wait(lock, [&] { return taken_ >= resumeAt_ || stop_; });
+          makerWaits_ = false;
+          if (stop_) {
+            return false;
+          }
+          free = taken_ + kRing;
+        }
+        r.lfibRouteIn(ring_[made % kRing]);
+        if (++made % kBatch == 0) {
+          {
+            std::lock_guard lock(mutex_);
+            madeShared_ = made;
+            free = taken_ + kRing;
+          }
+          ready_.notify_one();
+        }
+        return true;
+      });
+      std::lock_guard lock(mutex_);
+      madeShared_ = made;
+    } catch (...) {
+      std::lock_guard lock(mutex_);
+      madeShared_ = made;
+      error_ = std::current_exception();
+    }
+    ready_.notify_one();
+  }
+
+  const RouteList& routes_;
+  std::vector<Mpls::ConsolidatedLfibRoute> ring_;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable ready_;  // madeShared_ rose, or the maker failed
+  std::condition_variable room_;   // taken_ reached resumeAt_, or stop_
+  uint64_t madeShared_ = 0;        // routes made
+  uint64_t taken_ = 0;             // routes the writer is done with
+  bool makerWaits_ = false;        // for taken_ to reach resumeAt_
+  uint64_t resumeAt_ = 0;
+  bool stop_ = false;
+  std::exception_ptr error_;
+  // The writer's side.
+  uint64_t next_ = 0;
+  uint64_t made_ = 0;
+};
+
+// Calls f(const ConsolidatedLfibRoute&) with the LFIB route of each of `routes`, in file
+// order, made by a RouteMaker when a thread is to be had.
+template <class F>
+void forEachLfibRoute(const RouteList& routes, F&& f) {
+  RouteMaker maker(routes);
+  try {
+    maker.start();
+  } catch (const std::system_error&) {
+    Mpls::ConsolidatedLfibRoute route;
+    routes.forEach([&](const RouteList::Route& r) {
+      r.lfibRouteIn(route);
+      f(route);
+    });
+    return;
+  }
+  for (size_t n = 0; n < routes.size(); ++n) {
+    f(maker.next());
+  }
+}
+
+}  // namespace
 
 namespace {
 
@@ -263,12 +397,11 @@ int runLoad(const LoadOptions& options) {
         writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
       }
       Progress progress(routes.size());
-      ConsolidatedLfibRoute route;
-      routes.forEach([&](const RouteList::Route& r) {
-        r.lfibRouteIn(route);
-        const uint64_t before = lfib->tableVersions();
+      forEachLfibRoute(routes, [&](const ConsolidatedLfibRoute& route) {
+        // Every change is logged: a route written as it stands logs none.
+        const size_t before = undo.changes();
         writer->lfibRouteIs(route);
-        (lfib->tableVersions() == before ? unchanged : written) += 1;
+        (undo.changes() == before ? unchanged : written) += 1;
         progress.step();
       });
       progress.done();

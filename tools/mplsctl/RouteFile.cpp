@@ -166,10 +166,50 @@ void parseAction(LineParser& p, RouteLine& r) {
   }
 }
 
+// `text` as a dotted-quad IPv4 address as inet_pton reads it (four numbers of 0 to 255,
+// without leading zeros); false for anything else, which may still be an address.
+bool dottedQuad(std::string_view text, uint32_t& address) {
+  uint32_t value = 0;
+  size_t i = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0) {
+      if (i == text.size() || text[i] != '.') {
+        return false;
+      }
+      ++i;
+    }
+    const size_t start = i;
+    uint32_t number = 0;
+    while (i < text.size() && i - start < 3 && text[i] >= '0' && text[i] <= '9') {
+      number = number * 10 + static_cast<uint32_t>(text[i] - '0');
+      ++i;
+    }
+    if (i == start || number > 255 || (i - start > 1 && text[start] == '0')) {
+      return false;
+    }
+    value = value << 8 | number;
+  }
+  if (i != text.size()) {
+    return false;
+  }
+  address = value;
+  return true;
+}
+
+// The next hop after "via": the common IPv4 form read here, the others by IpGenAddr.
+Netbase::IpGenAddr nextHop(LineParser& p) {
+  uint32_t v4 = 0;
+  if (!p.atEnd() && dottedQuad(p.peek().text, v4)) {
+    p.take();
+    return Netbase::IpGenAddr::ipv4(v4);
+  }
+  return p.parsed<Netbase::IpGenAddr>("an IPv4 or IPv6 address after 'via'");
+}
+
 // "via ADDRESS dev INTF [weight N]", from its "via" (`at`); weights of one next hop add up.
 void parseVia(LineParser& p, const Token& at, std::vector<Hop>& hops) {
   p.take();
-  Hop hop{p.parsed<Netbase::IpGenAddr>("an IPv4 or IPv6 address after 'via'"), {}, 0};
+  Hop hop{nextHop(p), {}, 0};
   p.keyword("dev", "after the next hop");
   hop.intf = p.parsed<Netbase::IntfId>("an interface name after 'dev'");
   uint32_t weight = 1;
@@ -178,7 +218,7 @@ void parseVia(LineParser& p, const Token& at, std::vector<Hop>& hops) {
     weight = p.number("a weight after 'weight'", "weight", 1, kMaxWeight);
   }
   auto same = std::find_if(hops.begin(), hops.end(), [&](const Hop& h) {
-    return h.address == hop.address && h.intf == hop.intf;
+    return h.intf == hop.intf && h.address == hop.address;
   });
   if (same == hops.end()) {
     same = hops.insert(hops.end(), hop);
@@ -264,7 +304,14 @@ void parseRoute(LineParser& p, RouteLine& r) {
 }
 
 size_t lineBreaks(std::string_view text) {
-  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+  size_t breaks = 0;
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  while ((at = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at))))) {
+    ++breaks;
+    ++at;
+  }
+  return breaks;
 }
 
 // Line `line` of `text` (1 for the first), without its line break.
@@ -324,13 +371,19 @@ class RouteListParser {
 
   // The routes of `text`, whose first line is line `firstLine` of the file, into `part`
   // up to the first line in error, whose error goes to `error`.
+  // `lines` is how many `text` holds, if known (0 otherwise).
   static void parsePart(std::string_view text, const std::string& fileName, uint32_t firstLine,
-                        Part& part, std::exception_ptr& error) noexcept {
+                        size_t lines, Part& part, std::exception_ptr& error) noexcept {
     try {
-      const size_t lines = lineBreaks(text) + 1;
+      if (lines == 0) {
+        lines = lineBreaks(text) + 1;
+      }
       part.entries.reserve(lines);
       part.hops.reserve(2 * lines);
       part.labels.reserve(lines);
+      preferHugePages(part.entries.data(), part.entries.capacity() * sizeof(RouteList::Entry));
+      preferHugePages(part.hops.data(), part.hops.capacity() * sizeof(Hop));
+      preferHugePages(part.labels.data(), part.labels.capacity() * sizeof(Netbase::MplsLabel));
       RouteLine r;
       forEachLine(
           text, fileName, "route file",
@@ -383,7 +436,8 @@ RouteList RouteListParser::parse(std::string_view text, const std::string& fileN
   size_t split = text.find('\n', text.size() / 2);
   split = split == std::string_view::npos ? text.size() : split + 1;
   const std::string_view halves[2] = {text.substr(0, split), text.substr(split)};
-  const uint32_t secondLine = static_cast<uint32_t>(lineBreaks(halves[0]) + 1);
+  const size_t firstLines = lineBreaks(halves[0]);
+  const uint32_t secondLine = static_cast<uint32_t>(firstLines + 1);
 
   RouteList list;
   list.parts_.resize(2);
@@ -392,16 +446,16 @@ RouteList RouteListParser::parse(std::string_view text, const std::string& fileN
   if (text.size() >= kThreadedBytes) {
     try {
       second.emplace(
-          [&] { parsePart(halves[1], fileName, secondLine, list.parts_[1], errors[1]); });
+          [&] { parsePart(halves[1], fileName, secondLine, 0, list.parts_[1], errors[1]); });
     } catch (const std::system_error&) {
       // No thread to be had: the calling thread parses both.
     }
   }
-  parsePart(halves[0], fileName, 1, list.parts_[0], errors[0]);
+  parsePart(halves[0], fileName, 1, firstLines + 1, list.parts_[0], errors[0]);
   if (second) {
     second->join();
   } else if (!errors[0]) {
-    parsePart(halves[1], fileName, secondLine, list.parts_[1], errors[1]);
+    parsePart(halves[1], fileName, secondLine, 0, list.parts_[1], errors[1]);
   }
   // The second half follows the first line in error, if the first half has it.
   if (errors[0]) {

@@ -37,6 +37,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "Mpls/MplsLfibWriter.h"
@@ -134,12 +135,19 @@ class RouteList {
 
   size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
-  // Calls f(const Route&) for every route, in file order.
+  // Calls f(const Route&) for every route, in file order; an f that returns bool stops
+  // the walk by returning false.
   template <class F>
   void forEach(F&& f) const {
     for (const Part& part : parts_) {
       for (const Entry& e : part.entries) {
-        f(Route(part, e));
+        if constexpr (std::is_same_v<std::invoke_result_t<F&, const Route&>, bool>) {
+          if (!f(Route(part, e))) {
+            return;
+          }
+        } else {
+          f(Route(part, e));
+        }
       }
     }
   }
