@@ -126,8 +126,8 @@ int run() {
     }
   } clear{lfib, outPath};
 
-  const std::string written = fmt::format("LFIB '{}': {} routes written, 0 unchanged, 0 deleted\n",
-                                          lfib, kRoutes);
+  const std::string written =
+      fmt::format("LFIB '{}': {} routes written, 0 unchanged, 0 deleted\n", lfib, kRoutes);
   const std::string unchanged =
       fmt::format("LFIB '{}': 0 routes written, {} unchanged, 0 deleted\n", lfib, kRoutes);
   std::vector<double> first;

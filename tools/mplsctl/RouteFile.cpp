@@ -171,8 +171,8 @@ void parseAction(LineParser& p, RouteLine& r) {
 bool dottedQuad(std::string_view text, uint32_t& address) {
   uint32_t value = 0;
   size_t i = 0;
-  for (int part = 0; part < 4; ++part) {
-    if (part > 0) {
+  for (int octet = 0; octet < 4; ++octet) {
+    if (octet > 0) {
       if (i == text.size() || text[i] != '.') {
         return false;
       }
@@ -367,29 +367,29 @@ class RouteListParser {
   static RouteList parse(std::string_view text, const std::string& fileName, RouteFileUse use);
 
  private:
-  using Part = RouteList::Part;
+  using Piece = RouteList::Piece;
 
-  // The routes of `text`, whose first line is line `firstLine` of the file, into `part`
+  // The routes of `text`, whose first line is line `firstLine` of the file, into `piece`
   // up to the first line in error, whose error goes to `error`.
   // `lines` is how many `text` holds, if known (0 otherwise).
-  static void parsePart(std::string_view text, const std::string& fileName, uint32_t firstLine,
-                        size_t lines, Part& part, std::exception_ptr& error) noexcept {
+  static void parsePiece(std::string_view text, const std::string& fileName, uint32_t firstLine,
+                         size_t lines, Piece& piece, std::exception_ptr& error) noexcept {
     try {
       if (lines == 0) {
         lines = lineBreaks(text) + 1;
       }
-      part.entries.reserve(lines);
-      part.hops.reserve(2 * lines);
-      part.labels.reserve(lines);
-      preferHugePages(part.entries.data(), part.entries.capacity() * sizeof(RouteList::Entry));
-      preferHugePages(part.hops.data(), part.hops.capacity() * sizeof(Hop));
-      preferHugePages(part.labels.data(), part.labels.capacity() * sizeof(Netbase::MplsLabel));
+      piece.entries.reserve(lines);
+      piece.hops.reserve(2 * lines);
+      piece.labels.reserve(lines);
+      preferHugePages(piece.entries.data(), piece.entries.capacity() * sizeof(RouteList::Entry));
+      preferHugePages(piece.hops.data(), piece.hops.capacity() * sizeof(Hop));
+      preferHugePages(piece.labels.data(), piece.labels.capacity() * sizeof(Netbase::MplsLabel));
       RouteLine r;
       forEachLine(
           text, fileName, "route file",
           [&](LineParser& p) {
             parseRoute(p, r);
-            add(part, r, p.line());
+            add(piece, r, p.line());
           },
           firstLine);
     } catch (...) {
@@ -397,7 +397,7 @@ class RouteListParser {
     }
   }
 
-  static void add(Part& part, const RouteLine& r, uint32_t line) {
+  static void add(Piece& piece, const RouteLine& r, uint32_t line) {
     RouteList::Entry e{};
     e.label = r.label;
     e.line = line;
@@ -408,20 +408,20 @@ class RouteListParser {
     e.metric = static_cast<uint8_t>(r.metric.value_or(0));
     e.hops = 1;
     if (r.lookup) {
-      e.first = static_cast<uint32_t>(part.lookups.size());
-      part.lookups.push_back(*r.lookup);
+      e.first = static_cast<uint32_t>(piece.lookups.size());
+      piece.lookups.push_back(*r.lookup);
     } else if (r.pseudowire) {
-      e.first = static_cast<uint32_t>(part.pseudowires.size());
-      part.pseudowires.push_back(*r.pseudowire);
+      e.first = static_cast<uint32_t>(piece.pseudowires.size());
+      piece.pseudowires.push_back(*r.pseudowire);
     } else {
-      e.first = static_cast<uint32_t>(part.hops.size());
+      e.first = static_cast<uint32_t>(piece.hops.size());
       e.hops = static_cast<uint16_t>(r.hops.size());
-      part.hops.insert(part.hops.end(), r.hops.begin(), r.hops.end());
-      e.firstLabel = static_cast<uint32_t>(part.labels.size());
+      piece.hops.insert(piece.hops.end(), r.hops.begin(), r.hops.end());
+      e.firstLabel = static_cast<uint32_t>(piece.labels.size());
       e.stackLabels = static_cast<uint8_t>(r.stack.size());
-      part.labels.insert(part.labels.end(), r.stack.begin(), r.stack.end());
+      piece.labels.insert(piece.labels.end(), r.stack.begin(), r.stack.end());
     }
-    part.entries.push_back(e);
+    piece.entries.push_back(e);
   }
 
   // The first route that routes a key of the ones before it again (keys by `use`), as the
@@ -440,29 +440,29 @@ RouteList RouteListParser::parse(std::string_view text, const std::string& fileN
   const uint32_t secondLine = static_cast<uint32_t>(firstLines + 1);
 
   RouteList list;
-  list.parts_.resize(2);
+  list.pieces_.resize(2);
   std::exception_ptr errors[2];
   std::optional<std::thread> second;
   if (text.size() >= kThreadedBytes) {
     try {
       second.emplace(
-          [&] { parsePart(halves[1], fileName, secondLine, 0, list.parts_[1], errors[1]); });
+          [&] { parsePiece(halves[1], fileName, secondLine, 0, list.pieces_[1], errors[1]); });
     } catch (const std::system_error&) {
       // No thread to be had: the calling thread parses both.
     }
   }
-  parsePart(halves[0], fileName, 1, firstLines + 1, list.parts_[0], errors[0]);
+  parsePiece(halves[0], fileName, 1, firstLines + 1, list.pieces_[0], errors[0]);
   if (second) {
     second->join();
   } else if (!errors[0]) {
-    parsePart(halves[1], fileName, secondLine, 0, list.parts_[1], errors[1]);
+    parsePiece(halves[1], fileName, secondLine, 0, list.pieces_[1], errors[1]);
   }
   // The second half follows the first line in error, if the first half has it.
   if (errors[0]) {
-    list.parts_.pop_back();
+    list.pieces_.pop_back();
   }
-  for (const Part& part : list.parts_) {
-    list.size_ += part.entries.size();
+  for (const Piece& piece : list.pieces_) {
+    list.size_ += piece.entries.size();
   }
   // Every route held comes before the first line in error: a route repeated among them is
   // the first error of the file.
@@ -484,10 +484,10 @@ void RouteListParser::refuseRepeats(const RouteList& list, std::string_view text
   };
   KeyBits seen(byMetric ? 28 : 20);
   std::optional<RouteList::Route> repeat;
-  for (const Part& part : list.parts_) {
-    for (const RouteList::Entry& e : part.entries) {
-      if (!seen.insert(keyOf(RouteList::Route(part, e)))) {
-        repeat = RouteList::Route(part, e);
+  for (const Piece& piece : list.pieces_) {
+    for (const RouteList::Entry& e : piece.entries) {
+      if (!seen.insert(keyOf(RouteList::Route(piece, e)))) {
+        repeat = RouteList::Route(piece, e);
         break;
       }
     }
@@ -533,11 +533,11 @@ uint32_t RouteList::Route::viaRecordLen() const {
     default: {
       const auto action = static_cast<Netbase::MplsLabelAction>(e_->labelAction);
       const Netbase::MplsLabel* labels = p_->labels.data() + e_->firstLabel;
-      return recordLen(LfibMplsVia(
-          LfibViaKey(), p_->hops[e_->first].address, action,
-          Netbase::UnboundedMplsLabelOperation(
-              action, Netbase::MplsLabelStack(labels, labels + e_->stackLabels)),
-          false));
+      return recordLen(
+          LfibMplsVia(LfibViaKey(), p_->hops[e_->first].address, action,
+                      Netbase::UnboundedMplsLabelOperation(
+                          action, Netbase::MplsLabelStack(labels, labels + e_->stackLabels)),
+                      false));
     }
   }
 }

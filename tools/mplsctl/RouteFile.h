@@ -90,7 +90,7 @@ class RouteList {
     bool sourceGiven;
   };
   // The routes of one stretch of the file.
-  struct Part {
+  struct Piece {
     std::vector<Entry> entries;
     std::vector<Hop> hops;
     std::vector<Netbase::MplsLabel> labels;
@@ -128,8 +128,8 @@ class RouteList {
    private:
     friend class RouteList;
     friend class RouteListParser;
-    Route(const Part& part, const Entry& entry) : p_(&part), e_(&entry) {}
-    const Part* p_;
+    Route(const Piece& piece, const Entry& entry) : p_(&piece), e_(&entry) {}
+    const Piece* p_;
     const Entry* e_;
   };
 
@@ -139,14 +139,14 @@ class RouteList {
   // the walk by returning false.
   template <class F>
   void forEach(F&& f) const {
-    for (const Part& part : parts_) {
-      for (const Entry& e : part.entries) {
+    for (const Piece& piece : pieces_) {
+      for (const Entry& e : piece.entries) {
         if constexpr (std::is_same_v<std::invoke_result_t<F&, const Route&>, bool>) {
-          if (!f(Route(part, e))) {
+          if (!f(Route(piece, e))) {
             return;
           }
         } else {
-          f(Route(part, e));
+          f(Route(piece, e));
         }
       }
     }
@@ -154,7 +154,7 @@ class RouteList {
 
  private:
   friend class RouteListParser;
-  std::vector<Part> parts_;
+  std::vector<Piece> pieces_;
   size_t size_ = 0;
 };
 
