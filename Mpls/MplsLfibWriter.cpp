@@ -435,10 +435,19 @@ void LfibWriter::lfibRouteDelAll() {
 LfibWriter::Orphans LfibWriter::lfibOrphanDelAll(LFib::Source source) {
   LfibStatus& lfib = *lfib_;
   Orphans removed;
+  // Sized for what the tables hold: a million routes and their vias go in without a rehash.
   absl::flat_hash_set<LfibViaSetKey, Kel::Hasher<LfibViaSetKey>> namedSets;
+  namedSets.reserve(lfib.lfibRoutes());
   lfib.lfibRouteForEach([&](const LfibRoute& route) { namedSets.insert(route.viaSetKey()); });
   std::vector<LfibViaSetKey> unusedSets;
   absl::flat_hash_set<LfibViaKey, Kel::Hasher<LfibViaKey>> namedVias;
+  size_t vias = 0;
+  lfibViaTypeForEach([&](auto via) {
+    if constexpr (ConsolidatedLfibRoute::carries<typename decltype(via)::Row>) {
+      vias += via.size(lfib);
+    }
+  });
+  namedVias.reserve(vias);
   lfib.viaSetForEach([&](const LfibViaSet& set) {
     if (set.key().source() == source && !namedSets.contains(set.key())) {
       unusedSets.push_back(set.key());

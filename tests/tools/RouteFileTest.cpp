@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "support/TestUtil.h"
 #include "tools/mplsctl/RouteFile.h"
@@ -167,6 +170,44 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
             "/dev/zero: longer than 268435456 bytes: not a route file");
 }
 
+// A file long enough to be parsed in two halves on two threads: the first error of the
+// file is reported, whichever half finds it, with the line numbers of the whole file.
+TEST(RouteFile, LongFilesReportTheirFirstError) {
+  constexpr uint32_t kLines = 6000;  // about 400 KB; the second half starts near line 3000
+  auto fileWith = [](const std::map<uint32_t, std::string>& replaced) {
+    std::string text;
+    for (uint32_t line = 1; line <= kLines; ++line) {
+      auto it = replaced.find(line);
+      text += it != replaced.end()
+                  ? it->second
+                  : fmt::format("{} swap {} via 10.0.{}.{} dev Ethernet{} via 10.1.{}.{} dev "
+                                "Ethernet{} source ldp",
+                                line + 15, line + 100000, line / 250, line % 250 + 1, line % 32 + 1,
+                                line / 250, line % 250 + 1, line % 7 + 1);
+      text += "\n";
+    }
+    return text;
+  };
+  const std::vector<ParsedRoute> routes = parseRouteFile(fileWith({{5000, "# comment"}}), "routes.txt");
+  ASSERT_EQ(routes.size(), kLines - 1);
+  EXPECT_EQ(routes[4999].line, 5001u);
+  EXPECT_EQ(routes[4999].route.key(), RouteKey(5016));
+  EXPECT_EQ(routes[4999].route.mplsVias(), 2u);
+
+  const std::string bad = "x pop via 10.0.0.1 dev Ethernet1";
+  const std::string again = "  25 pop via 10.0.0.1 dev Ethernet1";  // line 10's label
+  const std::vector<std::pair<std::map<uint32_t, std::string>, std::string>> cases = {
+      {{{100, bad}, {4000, bad}}, "routes.txt:100:1: expected an incoming label, found 'x'"},
+      {{{4000, bad}}, "routes.txt:4000:1: expected an incoming label, found 'x'"},
+      {{{4500, again}, {4800, bad}}, "routes.txt:4500:3: label 25 is already routed on line 10"},
+      {{{4200, bad}, {4600, again}}, "routes.txt:4200:1: expected an incoming label, found 'x'"},
+      {{{50, again}, {4000, bad}}, "routes.txt:50:3: label 25 is already routed on line 10"},
+  };
+  for (const auto& [replaced, message] : cases) {
+    EXPECT_EQ(errorOf(fileWith(replaced)), message) << message;
+  }
+}
+
 }  // namespace
 
 namespace {
@@ -197,8 +238,10 @@ TEST(RouteFile, ConfigurationRoutesPrintBackToTheirLines) {
             }),
             "config.txt:6:1: label 100 metric 7 is already routed on line 2");
   // Loaded, the configured route is the LFIB route the file describes.
-  EXPECT_EQ(Mplsd::lfibRouteOf(routes[0].config),
-            parseRouteFile(lines[0], "load.txt").at(0).route);
+  for (size_t i = 0; i < lines.size(); ++i) {
+    EXPECT_EQ(Mplsd::lfibRouteOf(routes[i].config),
+              parseRouteFile(lines[i], "load.txt").at(0).route) << lines[i];
+  }
 }
 
 }  // namespace

@@ -12,11 +12,16 @@
 
 #include <algorithm>
 #include <bit>
+#include <condition_variable>
 #include <cstdio>
+#include <exception>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
-#include <unordered_set>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "Mpls/MplsLfibWriter.h"
 #include "Pond/Exception.h"
@@ -72,6 +77,135 @@ namespace Mplsctl {
 
 namespace {
 
+// Makes the LFIB routes of a route list in file order on a thread of its own (start()),
+// ahead of the writer that takes them (next()), in a ring of routes whose storage is
+// reused.
+class RouteMaker {
+ public:
+  explicit RouteMaker(const RouteList& routes) : routes_(routes), ring_(kRing) {}
+  ~RouteMaker() {
+    {
+      std::lock_guard lock(mutex_);
+      stop_ = true;
+    }
+    room_.notify_one();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+  RouteMaker(const RouteMaker&) = delete;
+  RouteMaker& operator=(const RouteMaker&) = delete;
+
+  // Throws std::system_error when no thread is to be had.
+  void start() { thread_ = std::thread([this] { make(); }); }
+
+  // The next route, valid until the next call.
+  const Mpls::ConsolidatedLfibRoute& next() {
+    if (next_ % kBatch == 0 && next_ > 0) {
+      // The routes before next_ are written: their places are free.
+      std::unique_lock lock(mutex_);
+      taken_ = next_;
+      if (makerWaits_ && taken_ >= resumeAt_) {
+        makerWaits_ = false;
+        lock.unlock();
+        room_.notify_one();
+      }
+    }
+    if (next_ == made_) {
+      std::unique_lock lock(mutex_);
+      ready_.wait(lock, [&] { return madeShared_ > next_ || error_; });
+      if (madeShared_ == next_) {
+        std::rethrow_exception(error_);
+      }
+      made_ = madeShared_;
+    }
+    return ring_[next_++ % kRing];
+  }
+
+ private:
+  // Routes are handed over in batches, each a quarter of the ring.
+  static constexpr uint64_t kRing = 1024;
+  static constexpr uint64_t kBatch = kRing / 4;
+
+  void make() {
+    uint64_t made = 0;
+    uint64_t free = kRing;  // the routes below this may be made
+    try {
+      routes_.forEach([&](const RouteList::Route& r) {
+        if (made == free) {
+          // The ring is full: wait until half of it is free again.
+          std::unique_lock lock(mutex_);
+          resumeAt_ = made - kRing / 2;
+          makerWaits_ = true;
+          room_.wait(lock, [&] { return taken_ >= resumeAt_ || stop_; });
+          makerWaits_ = false;
+          if (stop_) {
+            return false;
+          }
+          free = taken_ + kRing;
+        }
+        r.lfibRouteIn(ring_[made % kRing]);
+        if (++made % kBatch == 0) {
+          {
+            std::lock_guard lock(mutex_);
+            madeShared_ = made;
+            free = taken_ + kRing;
+          }
+          ready_.notify_one();
+        }
+        return true;
+      });
+      std::lock_guard lock(mutex_);
+      madeShared_ = made;
+    } catch (...) {
+      std::lock_guard lock(mutex_);
+      madeShared_ = made;
+      error_ = std::current_exception();
+    }
+    ready_.notify_one();
+  }
+
+  const RouteList& routes_;
+  std::vector<Mpls::ConsolidatedLfibRoute> ring_;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable ready_;  // madeShared_ rose, or the maker failed
+  std::condition_variable room_;   // taken_ reached resumeAt_, or stop_
+  uint64_t madeShared_ = 0;        // routes made
+  uint64_t taken_ = 0;             // routes the writer is done with
+  bool makerWaits_ = false;        // for taken_ to reach resumeAt_
+  uint64_t resumeAt_ = 0;
+  bool stop_ = false;
+  std::exception_ptr error_;
+  // The writer's side.
+  uint64_t next_ = 0;
+  uint64_t made_ = 0;
+};
+
+// Calls f(const ConsolidatedLfibRoute&) with the LFIB route of each of `routes`, in file
+// order, made by a RouteMaker when a thread is to be had.
+template <class F>
+void forEachLfibRoute(const RouteList& routes, F&& f) {
+  RouteMaker maker(routes);
+  try {
+    maker.start();
+  } catch (const std::system_error&) {
+    Mpls::ConsolidatedLfibRoute route;
+    routes.forEach([&](const RouteList::Route& r) {
+      r.lfibRouteIn(route);
+      f(route);
+    });
+    return;
+  }
+  for (size_t n = 0; n < routes.size(); ++n) {
+    f(maker.next());
+  }
+}
+
+}  // namespace
+
+namespace {
+
 using namespace Mpls;
 
 // The rows each table is sized for, by table name; the tables not named keep their
@@ -93,11 +227,9 @@ LfibStatusSizing sizingFor(const Capacities& c) {
 
 // Twice what the file holds: routes and via sets, and the vias of each via type the writer
 // programs.
-Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
-  std::map<LfibViaType, uint64_t> vias;
-  for (const ParsedRoute& r : routes) {
-    vias[r.route.viaType()] += r.vias;
-  }
+Capacities fileCapacities(const RouteList& routes) {
+  uint64_t vias[viaTypeMax + 1] = {};
+  routes.forEach([&](const RouteList::Route& r) { vias[r.viaType()] += r.vias(); });
   Capacities c{{"lfibRoute", roomFor(routes.size())}, {"viaSet", roomFor(routes.size())}};
   lfibViaTypeForEach([&](auto via) {
     if constexpr (ConsolidatedLfibRoute::carries<typename decltype(via)::Row>) {
@@ -108,7 +240,7 @@ Capacities fileCapacities(const std::vector<ParsedRoute>& routes) {
 }
 
 // The sizes for the file, but those of the tables that exist already.
-LfibStatusSizing writerSizing(const std::string& name, const std::vector<ParsedRoute>& routes) {
+LfibStatusSizing writerSizing(const std::string& name, const RouteList& routes) {
   return existingSizing(name, sizingFor(fileCapacities(routes)));
 }
 
@@ -118,18 +250,35 @@ uint64_t rowCount(const LfibStatus& lfib) {
   return rows;
 }
 
+// One bit per incoming label.
+class LabelSet {
+ public:
+  LabelSet() : bits_((Netbase::MplsLabel::max + 1) / 64) {}
+  void insert(uint32_t label) { bits_[label / 64] |= uint64_t{1} << (label % 64); }
+  bool contains(uint32_t label) const { return (bits_[label / 64] >> (label % 64)) & 1; }
+
+ private:
+  std::vector<uint64_t> bits_;
+};
+
 // Refuses to write over damage that would stop the writer: a route it rewrites or deletes
-// must have its via set, and the set its vias.
-void refuseDamaged(const LfibStatus& lfib, const std::vector<RouteKey>& touched,
-                   const std::string& name) {
+// (the file's routes, then `gone`) must have its via set, and the set its vias. Returns
+// how many of the file's routes the LFIB holds.
+uint64_t refuseDamaged(const LfibStatus& lfib, const RouteList& file,
+                       const std::vector<uint32_t>& gone, const std::string& name) {
+  if (lfib.lfibRoutes() == 0) {
+    return 0;
+  }
   // The writer's own tables: nothing changes them under it, one read is enough.
   const auto* routes = lfib.lfibRouteTable();
   const auto* viaSets = lfib.viaSetTable();
-  for (const RouteKey& key : touched) {
+  uint64_t held = 0;
+  auto check = [&](const RouteKey& key) {
     LfibRoute route;
     if (!routes->find(key, route)) {
-      continue;
+      return;
     }
+    ++held;
     std::vector<LfibIntegrityProblem> problems;
     if (!viaSets->contains(route.viaSetKey())) {
       problems.push_back({LfibIntegrityProblem::Kind::viaSetMissing, key, route.viaSetKey(), {}});
@@ -142,13 +291,20 @@ void refuseDamaged(const LfibStatus& lfib, const std::vector<RouteKey>& touched,
           "damage, 'mplsctl clear --lfib {}' removes the LFIB)",
           name, problemText(problems.front()), name, name));
     }
+  };
+  file.forEach([&](const RouteList::Route& r) { check(RouteKey(Netbase::MplsLabel(r.label()))); });
+  const uint64_t inFile = held;
+  for (uint32_t label : gone) {
+    check(RouteKey(Netbase::MplsLabel(label)));
   }
+  return inFile;
 }
 
 // Refuses a load that could fill a table half way: what the LFIB holds now plus all the
 // file brings, as though nothing were rewritten in place, in rows and in record heap bytes.
-void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
-               const std::unordered_set<uint32_t>& deleted, const std::string& name) {
+// `held` of the file's routes are in the LFIB already; `deleted` routes go.
+void checkRoom(const LfibStatus& lfib, const RouteList& routes, uint64_t held, uint64_t deleted,
+               const std::string& name) {
   auto refuse = [&](const std::string& shortfall) {
     throw CommandError(fmt::format("LFIB '{}' {}: nothing loaded (run 'mplsctl clear --lfib {}' "
                                    "and load again to size it for the file)",
@@ -172,33 +328,27 @@ void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
     }
   };
 
-  uint64_t newRoutes = 0;
   std::vector<uint32_t> viaSetRecords;
-  std::map<LfibViaType, std::vector<uint32_t>> viaRecords;
-  for (const ParsedRoute& r : routes) {
-    if (lfib.lfibRoute(r.route.key()).key() != r.route.key()) {
-      ++newRoutes;
-    }
+  viaSetRecords.reserve(routes.size());
+  std::vector<uint32_t> viaRecords[viaTypeMax + 1];
+  uint64_t vias[viaTypeMax + 1] = {};
+  routes.forEach([&](const RouteList::Route& r) {
     viaSetRecords.push_back(LfibViaSet::kHeadLen +
                             LfibViaSet::kViaKeyLen *
-                                std::min<uint32_t>(r.vias, LfibViaKeyArray::capacity));
-    lfibViaTypeVisit(r.route.viaType(), [&](auto via) {
+                                std::min<uint32_t>(r.vias(), LfibViaKeyArray::capacity));
+    vias[r.viaType()] += r.vias();
+    lfibViaTypeVisit(r.viaType(), [&](auto via) {
       using V = typename decltype(via)::Row;
       if constexpr (ConsolidatedLfibRoute::carries<V> && Pond::VariableRow<V>) {
-        for (const V& v : r.route.template viasOf<V>()) {
-          viaRecords[via.viaType].push_back(v.serializeLen());
-        }
+        viaRecords[via.viaType].insert(viaRecords[via.viaType].end(), r.viaRecords(),
+                                       r.viaRecordLen());
       }
     });
-  }
+  });
   checkTable(*lfib.lfibRouteTable(), "routes",
-             uint64_t{lfib.lfibRoutes()} - deleted.size() + newRoutes, {});
+             uint64_t{lfib.lfibRoutes()} - deleted + (routes.size() - held), {});
   checkTable(*lfib.viaSetTable(), "via sets", uint64_t{lfib.viaSets()} + routes.size(),
              viaSetRecords);
-  std::map<LfibViaType, uint64_t> vias;
-  for (const ParsedRoute& r : routes) {
-    vias[r.route.viaType()] += r.vias;
-  }
   lfibViaTypeForEach([&](auto via) {
     if (const uint64_t added = vias[via.viaType]) {
       checkTable(*via.table(lfib), fmt::format("{} vias", via.label), via.size(lfib) + added,
@@ -210,7 +360,7 @@ void checkRoom(const LfibStatus& lfib, const std::vector<ParsedRoute>& routes,
 }  // namespace
 
 int runLoad(const LoadOptions& options) {
-  const std::vector<ParsedRoute> routes = readRouteFile(options.file);
+  const RouteList routes = readRouteList(options.file);
   const std::string& name = options.lfib;
 
   const LfibStatusSizing sizing = writerSizing(name, routes);
@@ -223,24 +373,20 @@ int runLoad(const LoadOptions& options) {
   LfibStatus::Ptr lfib = lfibStatusFactory();
   lfib->mountGroupIs(group, sizing);
   LfibWriter::Ptr writer = lfibWriterFactory(lfib);
+  const bool wasEmpty = rowCount(*lfib) == 0;
 
-  std::unordered_set<uint32_t> inFile;
-  std::vector<RouteKey> touched;
-  for (const ParsedRoute& r : routes) {
-    inFile.insert(r.route.key().label().value());
-    touched.push_back(r.route.key());
-  }
-  std::unordered_set<uint32_t> gone;
+  std::vector<uint32_t> gone;
   if (options.replace) {
+    LabelSet inFile;
+    routes.forEach([&](const RouteList::Route& r) { inFile.insert(r.label()); });
     lfib->lfibRouteForEach([&](const LfibRoute& r) {
       if (!inFile.contains(r.key().label().value())) {
-        gone.insert(r.key().label().value());
-        touched.push_back(r.key());
+        gone.push_back(r.key().label().value());
       }
     });
   }
-  refuseDamaged(*lfib, touched, name);
-  checkRoom(*lfib, routes, gone, name);
+  const uint64_t held = refuseDamaged(*lfib, routes, gone, name);
+  checkRoom(*lfib, routes, held, gone.size(), name);
 
   uint32_t written = 0, unchanged = 0;
   {
@@ -251,12 +397,13 @@ int runLoad(const LoadOptions& options) {
         writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
       }
       Progress progress(routes.size());
-      for (const ParsedRoute& r : routes) {
-        const uint64_t before = lfib->tableVersions();
-        writer->lfibRouteIs(r.route);
-        (lfib->tableVersions() == before ? unchanged : written) += 1;
+      forEachLfibRoute(routes, [&](const ConsolidatedLfibRoute& route) {
+        // Every change is logged: a route written as it stands logs none.
+        const size_t before = undo.changes();
+        writer->lfibRouteIs(route);
+        (undo.changes() == before ? unchanged : written) += 1;
         progress.step();
-      }
+      });
       progress.done();
     } catch (const std::exception& e) {
       undo.rollback();
@@ -266,22 +413,25 @@ int runLoad(const LoadOptions& options) {
   }
 
   // mplsctl is the one writer of the LFIB, and a load its full pass: what a writer that
-  // stopped mid-write left, and no route uses, goes now, whatever its source.
-  std::set<LFib::Source> sources;
-  lfib->viaSetForEach([&](const LfibViaSet& set) { sources.insert(set.key().source()); });
-  lfibViaTypeForEach([&](auto via) {
-    via.forEach(*lfib, [&](const auto& row) { sources.insert(row.key().source()); });
-  });
-  const uint64_t rowsBefore = rowCount(*lfib);
-  for (const LFib::Source source : sources) {
-    const Kel::Ptr<LfibProducerGrState> state = lfibProducerGrStateFactory(source);
-    writer->producerGrStateIs(state);
-    state->inputReadyIs(true);
-  }
-  if (const uint64_t swept = rowsBefore - rowCount(*lfib)) {
-    std::printf("LFIB '%s': %llu via sets and vias that no route used removed (a writer stopped "
-                "mid-write)\n",
-                name.c_str(), static_cast<unsigned long long>(swept));
+  // stopped mid-write left, and no route uses, goes now, whatever its source. A writer
+  // that finishes leaves nothing of the kind: an LFIB empty before the load has none.
+  if (!wasEmpty) {
+    std::set<LFib::Source> sources;
+    lfib->viaSetForEach([&](const LfibViaSet& set) { sources.insert(set.key().source()); });
+    lfibViaTypeForEach([&](auto via) {
+      via.forEach(*lfib, [&](const auto& row) { sources.insert(row.key().source()); });
+    });
+    const uint64_t rowsBefore = rowCount(*lfib);
+    for (const LFib::Source source : sources) {
+      const Kel::Ptr<LfibProducerGrState> state = lfibProducerGrStateFactory(source);
+      writer->producerGrStateIs(state);
+      state->inputReadyIs(true);
+    }
+    if (const uint64_t swept = rowsBefore - rowCount(*lfib)) {
+      std::printf("LFIB '%s': %llu via sets and vias that no route used removed (a writer "
+                  "stopped mid-write)\n",
+                  name.c_str(), static_cast<unsigned long long>(swept));
+    }
   }
   group->publish();
   std::printf("LFIB '%s': %u routes written, %u unchanged, %zu deleted\n", name.c_str(), written,

@@ -15,10 +15,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <vector>
 
 #include "Kel/EventLoop.h"
+#include "Kel/Hash.h"  // XXH3, inline
+#include "Kel/OrdinalMap.h"
 #include "Kel/SignalFd.h"
 #include "Mpls/LfibTrackingSm.h"
 #include "Pond/MountGroup.h"
@@ -55,13 +56,15 @@ int runWatch(const WatchOptions& options) {
 
   bool open = false;
   uint64_t lines = 0;
-  // What each route forwards as last printed: a writer that attaches anew makes the
-  // readers revisit every route, which raises versions but changes nothing to print.
-  std::map<RouteKey, std::string> known;
+  // What each route forwards as last printed, as a digest of its text: a writer that
+  // attaches anew makes the readers revisit every route, which raises versions but
+  // changes nothing to print. Eight bytes a route, in dense pages by label.
+  Kel::OrdinalMap<RouteKey, uint64_t> known;
   auto forwarding = [&](const LfibRouteView& view) {
     const LfibRoute& r = view.route;
-    return fmt::format("{} metric {} {}", sourceName(r.source()), r.metric().value(),
-                       routeSummary(view));
+    const std::string text = fmt::format("{} metric {} {}", sourceName(r.source()),
+                                         r.metric().value(), routeSummary(view));
+    return XXH3_64bits(text.data(), text.size());
   };
   auto done = [&] { return signalled || (options.count && lines >= *options.count); };
   loop.afterIterationHookIs([&] {
@@ -74,7 +77,7 @@ int runWatch(const WatchOptions& options) {
       open = true;
       lfib->lfibRouteForEach([&](const LfibRoute& r) {
         if (std::optional<LfibRouteView> view = lfibRouteView(*lfib, r.key())) {
-          known[r.key()] = forwarding(*view);
+          *known.tryEmplace(r.key()).first = forwarding(*view);
         }
       });
       tracking->routeKeyBacklogDelAll();
@@ -92,7 +95,7 @@ int runWatch(const WatchOptions& options) {
       const uint32_t label = key.topLabel().value();
       const std::optional<LfibRouteView> view = lfibRouteView(*lfib, key);
       if (!view) {
-        if (known.erase(key) > 0) {
+        if (known.erase(key)) {
           std::printf("deleted %u\n", label);
           ++lines;
         }
@@ -100,11 +103,12 @@ int runWatch(const WatchOptions& options) {
         // The LFIB lacks the route's via set or one of its vias, though the route stayed
         // as it was while it was read: not forwarding to print. The writer's next change
         // of the route brings it back here.
-      } else if (auto [it, added] = known.try_emplace(key, forwarding(*view)); added) {
+      } else if (auto [digest, added] = known.tryEmplace(key); added) {
+        *digest = forwarding(*view);
         std::printf("added %u -> %s\n", label, routeSummary(*view).c_str());
         ++lines;
-      } else if (std::string now = forwarding(*view); now != it->second) {
-        it->second = std::move(now);
+      } else if (const uint64_t now = forwarding(*view); now != *digest) {
+        *digest = now;
         std::printf("changed %u version %u -> %s\n", label, tracking->routeVersion(key).version(),
                     routeSummary(*view).c_str());
         ++lines;
