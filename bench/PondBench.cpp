@@ -270,6 +270,11 @@ double median(std::vector<double> v) {
 }
 
 // P3: notification latency with an idle reader, then the rate a reader keeps up with.
+// P3-futex is the wake-up the readers get, alone: the writer (this process) stores a word in
+// shared memory and wakes it (a shared futex on shmem, as a group's wake word), at the same
+// 200 us cadence, to a child forked from this process as the readers are, neither pinned.
+// It leaves out what P3 adds to the wake-up by its definition: the writer's upsert between
+// the stamp and the publish, and the reader's processChanges() up to its handler.
 void notifyFigures(const Workload& w, PondStore& pond) {
   NotifyResult n = notifyLatency(w, pond.group(), pond.table(), pond.writer(), false);
   figure("P3-p50", n.p50us, "us");

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <iterator>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -66,10 +67,12 @@ class OnExit {
   F f_;
 };
 
-// Tags of the ring's submissions (user_data); futex waits take the tags after these.
+// Tags of the ring's submissions (user_data). A futex wait's is its watch's id, then the
+// number of waits armed for it before (24 bits), so that the end of a wait replaced is
+// told from its successor's.
 constexpr uint64_t kTagIgnored = 0;  // cancellations: their outcome tells nothing
 constexpr uint64_t kTagEpoll = 1;    // the poll of the epoll fd
-constexpr uint64_t kTagFirstWait = 2;
+constexpr int kTagWaitBits = 24;
 
 // Not in every distribution's kernel headers yet (Linux 6.7).
 constexpr uint8_t kOpFutexWait = 51;
@@ -95,8 +98,15 @@ class EventLoop::Ring {
     }
     std::unique_ptr<Ring> ring(new Ring);
     ring->fd_ = fd;
-    if (!(p.features & IORING_FEAT_SINGLE_MMAP) || !ring->supports(kOpFutexWait) ||
-        !ring->supports(IORING_OP_POLL_ADD) || !ring->supports(IORING_OP_ASYNC_CANCEL)) {
+    std::vector<uint8_t> probeBytes(sizeof(io_uring_probe) + 256 * sizeof(io_uring_probe_op));
+    auto* probe = reinterpret_cast<io_uring_probe*>(probeBytes.data());
+    auto supports = [probe](uint8_t op) {
+      return probe->last_op >= op && (probe->ops[op].flags & IO_URING_OP_SUPPORTED);
+    };
+    if (!(p.features & IORING_FEAT_SINGLE_MMAP) ||
+        ::syscall(__NR_io_uring_register, fd, IORING_REGISTER_PROBE, probe, 256) < 0 ||
+        !supports(kOpFutexWait) || !supports(IORING_OP_POLL_ADD) ||
+        !supports(IORING_OP_ASYNC_CANCEL)) {
       return nullptr;
     }
     ring->ringsBytes_ = std::max<size_t>(p.sq_off.array + p.sq_entries * sizeof(uint32_t),
@@ -197,13 +207,6 @@ class EventLoop::Ring {
   static constexpr unsigned kEntries = 64;
 
   Ring() = default;
-
-  bool supports(uint8_t op) const {
-    std::vector<uint8_t> bytes(sizeof(io_uring_probe) + 256 * sizeof(io_uring_probe_op));
-    auto* probe = reinterpret_cast<io_uring_probe*>(bytes.data());
-    return ::syscall(__NR_io_uring_register, fd_, IORING_REGISTER_PROBE, probe, 256) >= 0 &&
-           probe->last_op >= op && (probe->ops[op].flags & IO_URING_OP_SUPPORTED);
-  }
 
   int fd_ = -1;
   void* rings_ = nullptr;
@@ -384,9 +387,8 @@ bool EventLoop::futexArm(FutexId id, const uint32_t* word, uint32_t expected) {
     // Possibly on a mapping since replaced at the same address: a new wait in any case.
     futexWaitCancel(watch.wait);
   }
-  const uint64_t tag = kTagFirstWait + futexWaitLast_++;
-  futexWaits_.emplace(tag, it->first);
-  watch.wait = tag;
+  watch.wait = (it->first << kTagWaitBits) | (watch.waits++ & ((1u << kTagWaitBits) - 1));
+  const uint64_t tag = watch.wait;
   io_uring_sqe* sqe = ring_->prepare(tag);
   sqe->opcode = kOpFutexWait;
   sqe->fd = static_cast<int32_t>(kFutex2SizeU32);  // shared: not FUTEX2_PRIVATE
@@ -412,17 +414,21 @@ void EventLoop::futexDel(FutexId id) noexcept {
 }
 
 void EventLoop::futexWaitCancel(uint64_t wait) {
-  futexWaits_.erase(wait);  // whatever its end, it is ignored
   io_uring_sqe* sqe = ring_->prepare(kTagIgnored);
   sqe->opcode = IORING_OP_ASYNC_CANCEL;
   sqe->addr = wait;
 }
 
 size_t EventLoop::runOnce(nanoseconds maxWait) {
+  return iterate(maxWait > nanoseconds::zero() ? saturatingAdd(monotonicNow(), maxWait)
+                                               : nanoseconds::min());
+}
+
+size_t EventLoop::iterate(nanoseconds deadline) {
   KEL_ASSERT(!running_, "the loop is run from one of its own callbacks");
   running_ = true;
   OnExit done([this] { running_ = false; });
-  waitForEvents(maxWait);
+  waitForEvents(deadline);
   size_t n = dispatchFds();
   n += dispatchTimers();
   n += runDeferred();
@@ -446,7 +452,8 @@ bool EventLoop::runUntil(const std::function<bool()>& done, nanoseconds timeout)
     if (stopRequested() || now >= deadline) {
       return false;
     }
-    runOnce(deadline == forever ? forever : deadline - now);
+    // The same deadline at every iteration: the timerfd stays armed as it is.
+    iterate(deadline);
   }
 }
 
@@ -459,19 +466,21 @@ void EventLoop::stop() noexcept {
 }
 
 bool EventLoop::stopRequested() noexcept {
-  if (!stop_.exchange(false, std::memory_order_acquire)) {
+  // acquire, both: pair with stop()'s release. Loaded first: no write while nothing asks.
+  if (!stop_.load(std::memory_order_acquire) ||
+      !stop_.exchange(false, std::memory_order_acquire)) {
     return false;
   }
   drain(wakeFd_);
   return true;
 }
 
-void EventLoop::waitForEvents(nanoseconds maxWait) {
+void EventLoop::waitForEvents(nanoseconds deadline) {
   eventCount_ = 0;
   int timeout = 0;
-  if (deferred_.empty() && futexesWoken_.empty() && maxWait > nanoseconds::zero()) {
+  if (deferred_.empty() && futexesWoken_.empty() && deadline != nanoseconds::min()) {
     nanoseconds now = monotonicNow();
-    nanoseconds wake = saturatingAdd(now, maxWait);
+    nanoseconds wake = deadline;
     if (!timers_.empty()) {
       wake = std::min(wake, timers_.begin()->first.first);
     }
@@ -516,19 +525,15 @@ void EventLoop::waitInRing(bool block) {
       readEpoll = true;
       return;
     }
-    auto wait = futexWaits_.find(tag);
-    if (wait == futexWaits_.end()) {
-      return;  // cancelled, or a cancellation
+    auto watch = futexes_.find(tag >> kTagWaitBits);
+    if (tag == kTagIgnored || watch == futexes_.end() || watch->second->wait != tag) {
+      return;  // a cancellation, or a wait deleted or replaced
     }
-    auto watch = futexes_.find(wait->second);
-    futexWaits_.erase(wait);
-    if (watch != futexes_.end()) {
-      watch->second->wait = 0;
-      // Woken, or the word did not hold the value expected; anything else is a failure,
-      // which the next futexArm() reports.
-      watch->second->failed = result != 0 && result != -EAGAIN;
-      futexesWoken_.push_back(watch->first);
-    }
+    watch->second->wait = 0;
+    // Woken, or the word did not hold the value expected; anything else is a failure,
+    // which the next futexArm() reports.
+    watch->second->failed = result != 0 && result != -EAGAIN;
+    futexesWoken_.push_back(watch->first);
   });
   if (!readEpoll) {
     return;

@@ -21,14 +21,15 @@
 //
 // Futex words: a process that announces changes through a 32-bit word in shared memory
 // (a new value, then FUTEX_WAKE; Pond's writers do) can wake the loop itself, where the
-// kernel has io_uring's futex wait (Linux 6.7): the loop then sleeps in io_uring_enter, on
-// its futex waits and on its epoll fd at once, and re-arms a wait in the same system call
-// that sleeps. A waker reaches the loop's thread directly, with no helper thread or eventfd
-// in between, and an idle loop still costs nothing.
+// kernel has io_uring's futex wait (Linux 6.7). While a futex handler is registered the
+// loop sleeps in io_uring_enter instead of epoll_wait, on its futex waits and on its epoll
+// fd at once, and the system call that sleeps also submits the waits armed since: the
+// waker reaches the loop's thread directly, with no helper thread or eventfd in between,
+// and an idle loop still costs nothing.
 //
 // A callback's exception propagates out of runOnce(), run() or runUntil() and the loop
-// stays usable: due timers, deferred tasks and level-triggered fds not yet dispatched are
-// found again by the next iteration.
+// stays usable: due timers, deferred tasks, futex handlers and level-triggered fds not yet
+// dispatched are found again by the next iteration.
 //
 // Threads: one thread runs the loop and makes every call to it, construction and
 // destruction included; only stop() may be called from another thread, at any time
@@ -116,10 +117,11 @@ class EventLoop {
   // that ended in this iteration. Does nothing for an unknown id. Never throws.
   void futexDel(FutexId id) noexcept;
 
-  // Runs one iteration. Waits at most `maxWait` for an fd or the next timer: not at all
-  // when it is zero or negative, a task is deferred or a timer is due; with `forever`,
-  // for as long as it takes. Returns the number of fd handlers, timers and deferred tasks run; hooks are
-  // not counted, so 0 means nothing was ready. Throws Kel::Exception when epoll_wait or
+  // Runs one iteration. Waits at most `maxWait` for an fd, a futex or the next timer: not at
+  // all when it is zero or negative, a task is deferred, a futex handler is still to run or
+  // a timer is due; with `forever`, for as long as it takes. Returns the number of fd and
+  // futex handlers, timers and deferred tasks run; hooks are not counted, so 0 means
+  // nothing was ready. Throws Kel::Exception when epoll_wait, io_uring_enter or
   // timerfd_settime fails, Kel::InternalException when called from one of the loop's
   // callbacks.
   size_t runOnce(std::chrono::nanoseconds maxWait = forever);
@@ -132,7 +134,7 @@ class EventLoop {
   // Returns the last result of done().
   bool runUntil(const std::function<bool()>& done, std::chrono::nanoseconds timeout);
 
-  // Asks run() or runUntil() to return, and wakes a loop sleeping in epoll_wait. Safe from
+  // Asks run() or runUntil() to return, and wakes a loop that sleeps. Safe from
   // any thread and from callbacks; never throws.
   void stop() noexcept;
 
@@ -155,11 +157,15 @@ class EventLoop {
   struct FutexWatch {
     Callback handler;
     uint64_t wait = 0;    // the pending wait's tag in the ring; 0 for none
+    uint32_t waits = 0;   // armed so far
     bool failed = false;  // the last wait ended in an error
   };
   class Ring;
 
-  void waitForEvents(std::chrono::nanoseconds maxWait);
+  // One iteration that waits until `deadline` at most (CLOCK_MONOTONIC; forever, or
+  // nanoseconds::min() for no waiting).
+  size_t iterate(std::chrono::nanoseconds deadline);
+  void waitForEvents(std::chrono::nanoseconds deadline);
   void waitInRing(bool block);
   void futexWaitCancel(uint64_t wait);
   size_t dispatchFds();
@@ -199,9 +205,7 @@ class EventLoop {
   bool ringRefused_ = false;
   bool ringPollsEpoll_ = false;  // a poll of epollFd_ is pending in the ring
   absl::flat_hash_map<uint64_t, std::shared_ptr<FutexWatch>> futexes_;
-  absl::flat_hash_map<uint64_t, uint64_t> futexWaits_;  // pending wait's tag -> its watch's id
   uint64_t futexIdLast_ = 0;
-  uint64_t futexWaitLast_ = 0;
   std::vector<uint64_t> futexesWoken_;  // ids whose wait ended, in order; handlers to run
 };
 

@@ -476,7 +476,8 @@ size_t MountGroup::processChanges() {
   } retry{changeFd_};
   // seq_cst: see the waiter's store. The helper saw the segment appear or be replaced: the
   // check below is not put off.
-  const bool segmentSignalled = changeFd_ >= 0 && segmentSignalled_.exchange(false);
+  const bool segmentSignalled =
+      changeFd_ >= 0 && segmentSignalled_.load() && segmentSignalled_.exchange(false);
   auto now = std::chrono::steady_clock::now();
   if (state_->segment.base() &&
       (segmentSignalled || now - lastReplacedCheck_ >= kReplacedCheckInterval)) {

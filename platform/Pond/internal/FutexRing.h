@@ -1,7 +1,8 @@
 // Pond::internal::FutexRing: an io_uring that waits on a futex word for the caller and
 // signals an eventfd when the word is woken (Linux 6.7 and later: IORING_OP_FUTEX_WAIT).
-// A reader's event loop then hears of a writer's publish with one wake-up, the loop's own,
-// instead of two (a waiting thread's, then the loop's through the eventfd).
+// A reader that polls its group's change fd then hears of a writer's publish with one
+// wake-up, its own, instead of two (a waiting thread's, then its own through the eventfd).
+// (A Kel::EventLoop waits on the word itself: MountGroup::loopIs.)
 //
 // The ring defers its completions to the thread that owns it (IORING_SETUP_DEFER_TASKRUN):
 // the writer's FUTEX_WAKE queues the wait's completion and signals the eventfd from the

@@ -8,10 +8,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <climits>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <stdexcept>
 #include <string>
 #include <thread>
