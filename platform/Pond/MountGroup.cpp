@@ -496,10 +496,6 @@ size_t MountGroup::processChanges() {
   }
   // acquire: a publish after this load ends the ring's wait at once (see changeFdQuiet).
   const uint32_t wake = loadAcquire(&header()->wakeSeq);
-  if (loopFutex_ != Kel::EventLoop::FutexId::none &&
-      !loop_->futexArm(loopFutex_, &header()->wakeSeq, wake)) {
-    loopWaitsNot();
-  }
   size_t delivered = 0;
   bool allOpen = true;
   for (internal::TableBase* t : tables_) {
@@ -525,8 +521,17 @@ size_t MountGroup::processChanges() {
 }
 
 void MountGroup::changeFdQuiet(std::optional<uint32_t> wake) {
+  if (loopFutex_ != Kel::EventLoop::FutexId::none) {
+    // Armed after the handlers, off the way to them: the kernel sees the wait when the loop
+    // next sleeps, and ends it at once if a publish came since `wake`. (A handler that
+    // throws has the change fd signalled: the next call arms it.)
+    if (wake && !loop_->futexArm(loopFutex_, &header()->wakeSeq, *wake)) {
+      loopWaitsNot();
+    }
+    return;
+  }
   if (!ring_) {
-    return;  // drained before the group was read, or the loop waits
+    return;  // drained before the group was read
   }
   if (wake && !ring_->arm(&header()->wakeSeq, *wake)) {
     ring_.reset();  // the helper waits on the word again
