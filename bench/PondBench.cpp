@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include "BenchSupport.h"
 #include "Kel/EventLoop.h"
@@ -268,6 +269,38 @@ double median(std::vector<double> v) {
   return v[v.size() / 2];
 }
 
+// P3: notification latency with an idle reader, then the rate a reader keeps up with.
+// P3-futex is the wake-up the readers get, alone: the writer (this process) stores a word in
+// shared memory and wakes it (a shared futex on shmem, as a group's wake word), at the same
+// 200 us cadence, to a child forked from this process as the readers are, neither pinned.
+// It leaves out what P3 adds to the wake-up by its definition: the writer's upsert between
+// the stamp and the publish, and the reader's processChanges() up to its handler.
+void notifyFigures(const Workload& w, PondStore& pond) {
+  NotifyResult n = notifyLatency(w, pond.group(), pond.table(), pond.writer(), false);
+  figure("P3-p50", n.p50us, "us");
+  figure("P3-p99", n.p99us, "us");
+  NotifyResult l = notifyLatency(w, pond.group(), pond.table(), pond.writer(), true);
+  figure("P3-loop-p50", l.p50us, "us");
+  figure("P3-loop-p99", l.p99us, "us");
+  NotifyResult f = futexFloor();
+  figure("P3-futex-p50", f.p50us, "us");
+  figure("P3-futex-p99", f.p99us, "us");
+  BurstFigures pf;
+  RateResult r = changeRate(w, pond.group(), pond.table(), pond.writer(), pf);
+  figure("P3-rate", double(r.handled) * 1e9 / double(r.elapsedNs), "changes/s");
+  note("P3-rate: the writer made " + std::to_string(pf.burstWritten) + " changes in " +
+       std::to_string(kBursts) + " bursts, at " + std::to_string(uint64_t(pf.burstWriteRate)) +
+       " changes/s; the reader handled " + std::to_string(r.handled) + " notifications in " +
+       std::to_string(r.elapsedNs / 1000000) + " ms" +
+       (r.offBursts ? "; in " + std::to_string(r.offBursts) +
+                          " bursts not one per change (it resynchronised)"
+                    : ""));
+  note("load average at the end " + loadAverage());
+}
+
+// --notify-only: Pond's own P1 (it fills the table), then the P3 figures; no peers, no P2.
+bool gNotifyOnly = false;
+
 int run() {
   note("PondBench: " + std::to_string(kRows) + " rows of 64 bytes, 32-byte keys; " +
        std::to_string(::sysconf(_SC_NPROCESSORS_ONLN)) + " CPUs; load average " + loadAverage());
@@ -279,6 +312,11 @@ int run() {
   PondStore& pond = *pondStore;
   std::vector<std::unique_ptr<Store>> stores;
   stores.push_back(std::move(pondStore));
+  if (gNotifyOnly) {
+    figure("P1", pond.insertAll(), "rows/s");
+    notifyFigures(w, pond);
+    return 0;
+  }
 #ifdef MPLS_BENCH_LMDB
   stores.push_back(lmdbStore(w));
 #else
@@ -339,27 +377,7 @@ int run() {
   // The peers are done: their memory goes back before the notification figures.
   stores.resize(1);
 
-  // P3: notification latency with an idle reader, then the rate a reader keeps up with.
-  NotifyResult n = notifyLatency(w, pond.group(), pond.table(), pond.writer(), false);
-  figure("P3-p50", n.p50us, "us");
-  figure("P3-p99", n.p99us, "us");
-  NotifyResult l = notifyLatency(w, pond.group(), pond.table(), pond.writer(), true);
-  figure("P3-loop-p50", l.p50us, "us");
-  figure("P3-loop-p99", l.p99us, "us");
-  NotifyResult f = futexFloor();
-  figure("P3-futex-p50", f.p50us, "us");
-  figure("P3-futex-p99", f.p99us, "us");
-  BurstFigures pf;
-  RateResult r = changeRate(w, pond.group(), pond.table(), pond.writer(), pf);
-  figure("P3-rate", double(r.handled) * 1e9 / double(r.elapsedNs), "changes/s");
-  note("P3-rate: the writer made " + std::to_string(pf.burstWritten) + " changes in " +
-       std::to_string(kBursts) + " bursts, at " + std::to_string(uint64_t(pf.burstWriteRate)) +
-       " changes/s; the reader handled " + std::to_string(r.handled) + " notifications in " +
-       std::to_string(r.elapsedNs / 1000000) + " ms" +
-       (r.offBursts ? "; in " + std::to_string(r.offBursts) +
-                          " bursts not one per change (it resynchronised)"
-                    : ""));
-  note("load average at the end " + loadAverage());
+  notifyFigures(w, pond);
   return 0;
 }
 
@@ -367,9 +385,18 @@ int run() {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "--notify-only") {
+    Bench::gNotifyOnly = true;
+    argv[1] = argv[0];
+    --argc;
+    ++argv;
+  }
   return Bench::benchMain(argc, argv, "PondBench",
                          "Measures Pond at a million rows and compares it with LMDB,\n"
                          "Boost.Interprocess and in-process hash maps; prints\n"
-                         "`figure NAME VALUE UNIT` lines (bench/README.md).\n",
+                         "`figure NAME VALUE UNIT` lines (bench/README.md).\n"
+                         "\n"
+                         "  --notify-only  only Pond's P1 (it fills the table) and the P3\n"
+                         "                 figures: no peers, no lookups\n",
                          Bench::run);
 }

@@ -1,6 +1,10 @@
 #include "Kel/EventLoop.h"
 
+#include <linux/io_uring.h>
+#include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,6 +15,7 @@
 #include <cstring>
 #include <iterator>
 #include <string_view>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -62,7 +67,163 @@ class OnExit {
   F f_;
 };
 
+// Tags of the ring's submissions (user_data). A futex wait's is its watch's id, then the
+// number of waits armed for it before (24 bits), so that the end of a wait replaced is
+// told from its successor's.
+constexpr uint64_t kTagIgnored = 0;  // cancellations: their outcome tells nothing
+constexpr uint64_t kTagEpoll = 1;    // the poll of the epoll fd
+constexpr int kTagWaitBits = 24;
+
+// Not in every distribution's kernel headers yet (Linux 6.7).
+constexpr uint8_t kOpFutexWait = 51;
+constexpr uint32_t kFutex2SizeU32 = 0x02;
+constexpr uint64_t kFutexBitsetAny = 0xffffffffull;
+
 }  // namespace
+
+// The io_uring the loop sleeps in once it waits on futex words. Its completions are
+// deferred to the loop's thread (IORING_SETUP_DEFER_TASKRUN), the only one that submits: a
+// futex wake from another process queues the completion and wakes the thread sleeping in
+// io_uring_enter, which runs it before it returns.
+class EventLoop::Ring {
+ public:
+  // Null when the kernel has no io_uring, no futex wait or deferred completions in it, or
+  // refuses io_uring to this process.
+  static std::unique_ptr<Ring> create() {
+    io_uring_params p{};
+    p.flags = IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN | IORING_SETUP_TASKRUN_FLAG;
+    const int fd = static_cast<int>(::syscall(__NR_io_uring_setup, kEntries, &p));
+    if (fd < 0) {
+      return nullptr;
+    }
+    std::unique_ptr<Ring> ring(new Ring);
+    ring->fd_ = fd;
+    std::vector<uint8_t> probeBytes(sizeof(io_uring_probe) + 256 * sizeof(io_uring_probe_op));
+    auto* probe = reinterpret_cast<io_uring_probe*>(probeBytes.data());
+    auto supports = [probe](uint8_t op) {
+      return probe->last_op >= op && (probe->ops[op].flags & IO_URING_OP_SUPPORTED);
+    };
+    if (!(p.features & IORING_FEAT_SINGLE_MMAP) ||
+        ::syscall(__NR_io_uring_register, fd, IORING_REGISTER_PROBE, probe, 256) < 0 ||
+        !supports(kOpFutexWait) || !supports(IORING_OP_POLL_ADD) ||
+        !supports(IORING_OP_ASYNC_CANCEL)) {
+      return nullptr;
+    }
+    ring->ringsBytes_ = std::max<size_t>(p.sq_off.array + p.sq_entries * sizeof(uint32_t),
+                                         p.cq_off.cqes + p.cq_entries * sizeof(io_uring_cqe));
+    void* rings = ::mmap(nullptr, ring->ringsBytes_, PROT_READ | PROT_WRITE,
+                         MAP_SHARED | MAP_POPULATE, fd, IORING_OFF_SQ_RING);
+    if (rings == MAP_FAILED) {
+      return nullptr;
+    }
+    ring->rings_ = rings;
+    ring->sqesBytes_ = p.sq_entries * sizeof(io_uring_sqe);
+    void* sqes = ::mmap(nullptr, ring->sqesBytes_, PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_POPULATE, fd, IORING_OFF_SQES);
+    if (sqes == MAP_FAILED) {
+      return nullptr;
+    }
+    ring->sqes_ = static_cast<io_uring_sqe*>(sqes);
+    char* base = static_cast<char*>(rings);
+    ring->sqFlags_ = reinterpret_cast<uint32_t*>(base + p.sq_off.flags);
+    ring->sqTail_ = reinterpret_cast<uint32_t*>(base + p.sq_off.tail);
+    ring->sqMask_ = *reinterpret_cast<uint32_t*>(base + p.sq_off.ring_mask);
+    ring->sqEntries_ = p.sq_entries;
+    ring->sqArray_ = reinterpret_cast<uint32_t*>(base + p.sq_off.array);
+    ring->cqHead_ = reinterpret_cast<uint32_t*>(base + p.cq_off.head);
+    ring->cqTail_ = reinterpret_cast<uint32_t*>(base + p.cq_off.tail);
+    ring->cqMask_ = *reinterpret_cast<uint32_t*>(base + p.cq_off.ring_mask);
+    ring->cqes_ = reinterpret_cast<io_uring_cqe*>(base + p.cq_off.cqes);
+    return ring;
+  }
+
+  ~Ring() {
+    if (sqes_) {
+      ::munmap(sqes_, sqesBytes_);
+    }
+    if (rings_) {
+      ::munmap(rings_, ringsBytes_);
+    }
+    if (fd_ >= 0) {
+      ::close(fd_);  // cancels what is pending
+    }
+  }
+  Ring(const Ring&) = delete;
+  Ring& operator=(const Ring&) = delete;
+
+  // The next submission entry, zeroed, tagged `tag`; submitted by the next enter(). A full
+  // queue is submitted first.
+  io_uring_sqe* prepare(uint64_t tag) {
+    if (queued_ == sqEntries_) {
+      enter(false);
+    }
+    // Only this thread writes the submission queue: the kernel reads what the release
+    // store of the tail publishes.
+    const uint32_t tail = *sqTail_;
+    const uint32_t index = tail & sqMask_;
+    io_uring_sqe* sqe = &sqes_[index];
+    std::memset(sqe, 0, sizeof(*sqe));
+    sqe->user_data = tag;
+    sqArray_[index] = index;
+    __atomic_store_n(sqTail_, tail + 1, __ATOMIC_RELEASE);
+    ++queued_;
+    return sqe;
+  }
+
+  // Submits what is queued and runs the completions deferred to this thread; with `block`,
+  // first sleeps until there is a completion. A signal cuts the sleep short.
+  void enter(bool block) {
+    const int n = static_cast<int>(::syscall(__NR_io_uring_enter, fd_, queued_, block ? 1 : 0,
+                                             IORING_ENTER_GETEVENTS, nullptr, 0));
+    if (n < 0) {
+      if (errno == EINTR) {
+        return;
+      }
+      throwErrno("io_uring_enter", errno);
+    }
+    queued_ -= std::min(queued_, static_cast<uint32_t>(n));
+  }
+
+  // Whether enter() has something to do without sleeping.
+  bool busy() const noexcept {
+    // acquire: the kernel raises the flag when it queues a completion for this thread.
+    return queued_ != 0 || (__atomic_load_n(sqFlags_, __ATOMIC_ACQUIRE) & IORING_SQ_TASKRUN) != 0;
+  }
+
+  // Calls f(tag, result) for each completion that came, in order.
+  template <class F>
+  void reap(F&& f) {
+    uint32_t head = *cqHead_;
+    // acquire: the completions are read after the tail that publishes them.
+    const uint32_t tail = __atomic_load_n(cqTail_, __ATOMIC_ACQUIRE);
+    for (; head != tail; ++head) {
+      const io_uring_cqe& cqe = cqes_[head & cqMask_];
+      f(cqe.user_data, cqe.res);
+    }
+    __atomic_store_n(cqHead_, head, __ATOMIC_RELEASE);  // release: the entries were read
+  }
+
+ private:
+  static constexpr unsigned kEntries = 64;
+
+  Ring() = default;
+
+  int fd_ = -1;
+  void* rings_ = nullptr;
+  size_t ringsBytes_ = 0;
+  io_uring_sqe* sqes_ = nullptr;
+  size_t sqesBytes_ = 0;
+  uint32_t* sqFlags_ = nullptr;
+  uint32_t* sqTail_ = nullptr;
+  uint32_t sqMask_ = 0;
+  uint32_t sqEntries_ = 0;
+  uint32_t* sqArray_ = nullptr;
+  uint32_t* cqHead_ = nullptr;
+  uint32_t* cqTail_ = nullptr;
+  uint32_t cqMask_ = 0;
+  io_uring_cqe* cqes_ = nullptr;
+  uint32_t queued_ = 0;  // prepared, not submitted
+};
 
 EventLoop::EventLoop() : events_(kEventsInitial) {
   try {
@@ -97,6 +258,7 @@ EventLoop::EventLoop() : events_(kEventsInitial) {
 }
 
 EventLoop::~EventLoop() {
+  ring_.reset();
   ::close(wakeFd_);
   ::close(timerFd_);
   ::close(epollFd_);
@@ -201,11 +363,72 @@ void EventLoop::afterIterationHookDel(HookId hook) noexcept {
   }
 }
 
+EventLoop::FutexId EventLoop::futexIs(Callback handler) {
+  KEL_ASSERT(handler, "empty futex handler");
+  if (!ring_ && !ringRefused_) {
+    ring_ = Ring::create();
+    ringRefused_ = !ring_;
+  }
+  if (!ring_) {
+    return FutexId::none;
+  }
+  uint64_t id = ++futexIdLast_;
+  futexes_.emplace(id, std::make_shared<FutexWatch>(FutexWatch{std::move(handler)}));
+  return FutexId{id};
+}
+
+bool EventLoop::futexArm(FutexId id, const uint32_t* word, uint32_t expected) {
+  auto it = futexes_.find(static_cast<uint64_t>(id));
+  if (it == futexes_.end() || it->second->failed) {
+    return false;
+  }
+  FutexWatch& watch = *it->second;
+  if (watch.wait != 0) {
+    // Possibly on a mapping since replaced at the same address: a new wait in any case.
+    futexWaitCancel(watch.wait);
+  }
+  watch.wait = (it->first << kTagWaitBits) | (watch.waits++ & ((1u << kTagWaitBits) - 1));
+  const uint64_t tag = watch.wait;
+  io_uring_sqe* sqe = ring_->prepare(tag);
+  sqe->opcode = kOpFutexWait;
+  sqe->fd = static_cast<int32_t>(kFutex2SizeU32);  // shared: not FUTEX2_PRIVATE
+  sqe->addr = reinterpret_cast<uint64_t>(word);
+  sqe->off = expected;  // the value the wait expects
+  sqe->addr3 = kFutexBitsetAny;
+  return true;
+}
+
+void EventLoop::futexDel(FutexId id) noexcept {
+  auto it = futexes_.find(static_cast<uint64_t>(id));
+  if (it == futexes_.end()) {
+    return;
+  }
+  if (it->second->wait != 0) {
+    try {
+      futexWaitCancel(it->second->wait);
+    } catch (const Exception&) {
+      // The queue could not be flushed: the wait stays, and its end is ignored.
+    }
+  }
+  futexes_.erase(it);
+}
+
+void EventLoop::futexWaitCancel(uint64_t wait) {
+  io_uring_sqe* sqe = ring_->prepare(kTagIgnored);
+  sqe->opcode = IORING_OP_ASYNC_CANCEL;
+  sqe->addr = wait;
+}
+
 size_t EventLoop::runOnce(nanoseconds maxWait) {
+  return iterate(maxWait > nanoseconds::zero() ? saturatingAdd(monotonicNow(), maxWait)
+                                               : nanoseconds::min());
+}
+
+size_t EventLoop::iterate(nanoseconds deadline) {
   KEL_ASSERT(!running_, "the loop is run from one of its own callbacks");
   running_ = true;
   OnExit done([this] { running_ = false; });
-  waitForEvents(maxWait);
+  waitForEvents(deadline);
   size_t n = dispatchFds();
   n += dispatchTimers();
   n += runDeferred();
@@ -229,7 +452,8 @@ bool EventLoop::runUntil(const std::function<bool()>& done, nanoseconds timeout)
     if (stopRequested() || now >= deadline) {
       return false;
     }
-    runOnce(deadline == forever ? forever : deadline - now);
+    // The same deadline at every iteration: the timerfd stays armed as it is.
+    iterate(deadline);
   }
 }
 
@@ -242,19 +466,21 @@ void EventLoop::stop() noexcept {
 }
 
 bool EventLoop::stopRequested() noexcept {
-  if (!stop_.exchange(false, std::memory_order_acquire)) {
+  // acquire, both: pair with stop()'s release. Loaded first: no write while nothing asks.
+  if (!stop_.load(std::memory_order_acquire) ||
+      !stop_.exchange(false, std::memory_order_acquire)) {
     return false;
   }
   drain(wakeFd_);
   return true;
 }
 
-void EventLoop::waitForEvents(nanoseconds maxWait) {
+void EventLoop::waitForEvents(nanoseconds deadline) {
   eventCount_ = 0;
   int timeout = 0;
-  if (deferred_.empty() && maxWait > nanoseconds::zero()) {
+  if (deferred_.empty() && futexesWoken_.empty() && deadline != nanoseconds::min()) {
     nanoseconds now = monotonicNow();
-    nanoseconds wake = saturatingAdd(now, maxWait);
+    nanoseconds wake = deadline;
     if (!timers_.empty()) {
       wake = std::min(wake, timers_.begin()->first.first);
     }
@@ -263,7 +489,56 @@ void EventLoop::waitForEvents(nanoseconds maxWait) {
       timeout = -1;
     }
   }
+  if (!futexes_.empty()) {
+    waitInRing(timeout != 0);
+    return;
+  }
   int n = ::epoll_wait(epollFd_, events_.data(), static_cast<int>(events_.size()), timeout);
+  if (n < 0) {
+    if (errno == EINTR) {
+      return;
+    }
+    throwErrno("epoll_wait", errno);
+  }
+  eventCount_ = static_cast<size_t>(n);
+}
+
+void EventLoop::waitInRing(bool block) {
+  if (block && !ringPollsEpoll_) {
+    // One-shot: armed again after each time it fires, when epoll is read, so that a
+    // level-triggered fd still ready fires it again at once.
+    io_uring_sqe* sqe = ring_->prepare(kTagEpoll);
+    sqe->opcode = IORING_OP_POLL_ADD;
+    sqe->fd = epollFd_;
+    sqe->poll32_events = POLLIN;
+    ringPollsEpoll_ = true;
+  }
+  if (block || ring_->busy()) {
+    ring_->enter(block);
+  }
+  // Without sleeping, epoll is read as it would be without the ring; after a sleep, only
+  // when its poll fired: a poll still pending says that no fd became ready since.
+  bool readEpoll = !block;
+  ring_->reap([&](uint64_t tag, int32_t result) {
+    if (tag == kTagEpoll) {
+      ringPollsEpoll_ = false;
+      readEpoll = true;
+      return;
+    }
+    auto watch = futexes_.find(tag >> kTagWaitBits);
+    if (tag == kTagIgnored || watch == futexes_.end() || watch->second->wait != tag) {
+      return;  // a cancellation, or a wait deleted or replaced
+    }
+    watch->second->wait = 0;
+    // Woken, or the word did not hold the value expected; anything else is a failure,
+    // which the next futexArm() reports.
+    watch->second->failed = result != 0 && result != -EAGAIN;
+    futexesWoken_.push_back(watch->first);
+  });
+  if (!readEpoll) {
+    return;
+  }
+  int n = ::epoll_wait(epollFd_, events_.data(), static_cast<int>(events_.size()), 0);
   if (n < 0) {
     if (errno == EINTR) {
       return;
@@ -290,9 +565,27 @@ void EventLoop::timerfdArm(nanoseconds deadline) {
 }
 
 size_t EventLoop::dispatchFds() {
+  size_t n = 0;
+  if (!futexesWoken_.empty()) {
+    size_t ran = 0;
+    // After an exception the handlers not yet run stay for the next iteration.
+    OnExit keep([this, &ran] {
+      futexesWoken_.erase(futexesWoken_.begin(),
+                          futexesWoken_.begin() + static_cast<std::ptrdiff_t>(ran));
+    });
+    while (ran < futexesWoken_.size()) {
+      auto it = futexes_.find(futexesWoken_[ran++]);
+      if (it == futexes_.end()) {
+        continue;  // deleted meanwhile
+      }
+      // Holds the handler while it runs, even if it deletes itself.
+      std::shared_ptr<FutexWatch> watch = it->second;
+      ++n;
+      watch->handler();
+    }
+  }
   size_t count = eventCount_;
   eventCount_ = 0;
-  size_t n = 0;
   for (size_t i = 0; i < count; ++i) {
     const epoll_event& ev = events_[i];
     auto serial = static_cast<uint32_t>(ev.data.u64 >> 32);

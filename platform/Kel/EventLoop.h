@@ -8,7 +8,7 @@
 //
 // One iteration waits in epoll_wait for a ready fd, the next timer deadline or stop(),
 // then runs, in this order:
-//   1. the handlers of the ready fds;
+//   1. the handlers of the ready fds and of the futex words woken (futexIs below);
 //   2. the timers due, earliest deadline first (creation order breaks ties);
 //   3. the tasks deferred before this step began, in FIFO order;
 //   4. the after-iteration hooks, in registration order (a writer publishes its
@@ -19,9 +19,17 @@
 // non-empty (Kel::InternalException otherwise). An idle loop sleeps in epoll_wait; the
 // timers share one timerfd on the monotonic clock.
 //
+// Futex words: a process that announces changes through a 32-bit word in shared memory
+// (a new value, then FUTEX_WAKE; Pond's writers do) can wake the loop itself, where the
+// kernel has io_uring's futex wait (Linux 6.7). While a futex handler is registered the
+// loop sleeps in io_uring_enter instead of epoll_wait, on its futex waits and on its epoll
+// fd at once, and the system call that sleeps also submits the waits armed since: the
+// waker reaches the loop's thread directly, with no helper thread or eventfd in between,
+// and an idle loop still costs nothing.
+//
 // A callback's exception propagates out of runOnce(), run() or runUntil() and the loop
-// stays usable: due timers, deferred tasks and level-triggered fds not yet dispatched are
-// found again by the next iteration.
+// stays usable: due timers, deferred tasks, futex handlers and level-triggered fds not yet
+// dispatched are found again by the next iteration.
 //
 // Threads: one thread runs the loop and makes every call to it, construction and
 // destruction included; only stop() may be called from another thread, at any time
@@ -49,6 +57,7 @@ class EventLoop {
  public:
   enum class TimerId : uint64_t { none = 0 };
   enum class HookId : uint64_t { none = 0 };
+  enum class FutexId : uint64_t { none = 0 };
 
   using FdHandler = std::function<void(uint32_t revents)>;
   using Callback = std::function<void()>;
@@ -93,10 +102,26 @@ class EventLoop {
   // Unregisters a hook. Does nothing for an unknown id.
   void afterIterationHookDel(HookId id) noexcept;
 
-  // Runs one iteration. Waits at most `maxWait` for an fd or the next timer: not at all
-  // when it is zero or negative, a task is deferred or a timer is due; with `forever`,
-  // for as long as it takes. Returns the number of fd handlers, timers and deferred tasks run; hooks are
-  // not counted, so 0 means nothing was ready. Throws Kel::Exception when epoll_wait or
+  // Registers `handler`, run in the fd step once the wait futexArm() armed for it ends.
+  // Returns FutexId::none where the loop cannot wait on futex words (no io_uring, no futex
+  // wait in it, or io_uring refused to this process): the caller waits another way.
+  FutexId futexIs(Callback handler);
+  // Arms the wait of `id` on the futex word `word` (shared, not FUTEX_PRIVATE), in place of
+  // the one it had: the wait ends when the word is woken, or at once when it does not hold
+  // `expected`, and the handler then runs once. The kernel sees the wait when the loop next
+  // sleeps or polls, so a wake that comes before is not missed: the word holds a new value
+  // then. Returns false, arming nothing, when the last wait of `id` ended otherwise (the
+  // kernel refused it, e.g. for a word that is not mapped): the caller waits another way.
+  bool futexArm(FutexId id, const uint32_t* word, uint32_t expected);
+  // Unregisters `id` and cancels its wait; its handler is not called again, even for a wait
+  // that ended in this iteration. Does nothing for an unknown id. Never throws.
+  void futexDel(FutexId id) noexcept;
+
+  // Runs one iteration. Waits at most `maxWait` for an fd, a futex or the next timer: not at
+  // all when it is zero or negative, a task is deferred, a futex handler is still to run or
+  // a timer is due; with `forever`, for as long as it takes. Returns the number of fd and
+  // futex handlers, timers and deferred tasks run; hooks are not counted, so 0 means
+  // nothing was ready. Throws Kel::Exception when epoll_wait, io_uring_enter or
   // timerfd_settime fails, Kel::InternalException when called from one of the loop's
   // callbacks.
   size_t runOnce(std::chrono::nanoseconds maxWait = forever);
@@ -109,7 +134,7 @@ class EventLoop {
   // Returns the last result of done().
   bool runUntil(const std::function<bool()>& done, std::chrono::nanoseconds timeout);
 
-  // Asks run() or runUntil() to return, and wakes a loop sleeping in epoll_wait. Safe from
+  // Asks run() or runUntil() to return, and wakes a loop that sleeps. Safe from
   // any thread and from callbacks; never throws.
   void stop() noexcept;
 
@@ -129,8 +154,20 @@ class EventLoop {
     uint64_t id;  // 0 once deleted while the hooks are running
     Callback callback;
   };
+  struct FutexWatch {
+    Callback handler;
+    uint64_t wait = 0;    // the pending wait's tag in the ring; 0 for none
+    uint32_t waits = 0;   // armed so far
+    bool failed = false;  // the last wait ended in an error
+  };
+  class Ring;
 
-  void waitForEvents(std::chrono::nanoseconds maxWait);
+  // One iteration that waits until `deadline` at most (CLOCK_MONOTONIC; forever, or
+  // nanoseconds::min() for no waiting).
+  size_t iterate(std::chrono::nanoseconds deadline);
+  void waitForEvents(std::chrono::nanoseconds deadline);
+  void waitInRing(bool block);
+  void futexWaitCancel(uint64_t wait);
   size_t dispatchFds();
   size_t dispatchTimers();
   size_t runDeferred();
@@ -162,6 +199,14 @@ class EventLoop {
   uint64_t hookIdLast_ = 0;
   bool hooksRunning_ = false;
   bool hookDeletedWhileRunning_ = false;
+
+  // Created by the first futexIs(); null when the kernel refused it (ringRefused_).
+  std::unique_ptr<Ring> ring_;
+  bool ringRefused_ = false;
+  bool ringPollsEpoll_ = false;  // a poll of epollFd_ is pending in the ring
+  absl::flat_hash_map<uint64_t, std::shared_ptr<FutexWatch>> futexes_;
+  uint64_t futexIdLast_ = 0;
+  std::vector<uint64_t> futexesWoken_;  // ids whose wait ended, in order; handlers to run
 };
 
 }  // namespace Kel

@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <exception>
 #include <fstream>
 
 #include <fmt/format.h>
@@ -424,7 +425,10 @@ void MountGroup::dropGroup() {
   if (ring_) {
     // Its wait is on the segment gone: a new ring waits on the next one.
     ring_ = internal::FutexRing::create(changeFd_);
-    ringWaits_.store(ring_ != nullptr);
+    if (!ring_) {
+      ringWaits_.store(false);
+      futexWakeAll(&stopWord_);  // the helper waits on the word again
+    }
   }
 }
 
@@ -436,20 +440,47 @@ void MountGroup::readyIs(bool ready) {
   kelNotify(&NotifieeConst::onReady);
 }
 
+namespace {
+
+void signalFd(int fd) {
+  uint64_t one = 1;
+  (void)!::write(fd, &one, sizeof(one));
+}
+
+void drainFd(int fd) {
+  uint64_t drained;  // an eventfd: one read takes the whole count
+  (void)!::read(fd, &drained, sizeof(drained));
+}
+
+}  // namespace
+
 size_t MountGroup::processChanges() {
   if (role_ != Role::reader) {
     return 0;
   }
-  if (changeFd_ >= 0) {
-    uint64_t drained;
-    while (::read(changeFd_, &drained, sizeof(drained)) == sizeof(drained)) {
-    }
-    if (ring_) {
-      ring_->reap();
-    }
+  if (changeFd_ >= 0 && !ring_ && loopFutex_ == Kel::EventLoop::FutexId::none) {
+    // The helper signals every publish it sees: drained before the group is read, the fd
+    // polls readable again for the publishes after.
+    drainFd(changeFd_);
   }
+  // A handler that throws leaves the rest of the changes to the next call: the change fd
+  // asks for it at once.
+  struct Retry {
+    int fd;
+    int exceptions = std::uncaught_exceptions();
+    ~Retry() {
+      if (fd >= 0 && std::uncaught_exceptions() > exceptions) {
+        signalFd(fd);
+      }
+    }
+  } retry{changeFd_};
+  // seq_cst: see the waiter's store. The helper saw the segment appear or be replaced: the
+  // check below is not put off.
+  const bool segmentSignalled =
+      changeFd_ >= 0 && segmentSignalled_.load() && segmentSignalled_.exchange(false);
   auto now = std::chrono::steady_clock::now();
-  if (state_->segment.base() && now - lastReplacedCheck_ >= kReplacedCheckInterval) {
+  if (state_->segment.base() &&
+      (segmentSignalled || now - lastReplacedCheck_ >= kReplacedCheckInterval)) {
     // A writer that found no segments (they were removed) made new ones: follow them.
     lastReplacedCheck_ = now;
     struct stat st {};
@@ -459,10 +490,11 @@ size_t MountGroup::processChanges() {
     }
   }
   if (!state_->segment.base() && !tryOpenGroup()) {
+    changeFdQuiet(std::nullopt);
     readyIs(false);
     return 0;
   }
-  // acquire: a publish after this load ends the ring's wait at once (see below).
+  // acquire: a publish after this load ends the ring's wait at once (see changeFdQuiet).
   const uint32_t wake = loadAcquire(&header()->wakeSeq);
   size_t delivered = 0;
   bool allOpen = true;
@@ -480,16 +512,51 @@ size_t MountGroup::processChanges() {
       delivered += newWriter ? t->resync() : t->pollChanges();
     }
   }
-  if (ring_ && !ring_->arm(&header()->wakeSeq, wake)) {
-    ring_.reset();  // the helper waits on the word again
-    ringWaits_.store(false);
-    futexWakeAll(&stopWord_);
-  }
+  changeFdQuiet(wake);
   readyIs(allOpen);
   if (newWriter) {
     kelNotify(&NotifieeConst::onWriterIncarnation);
   }
   return delivered;
+}
+
+void MountGroup::changeFdQuiet(std::optional<uint32_t> wake) {
+  if (loopFutex_ != Kel::EventLoop::FutexId::none) {
+    // Armed after the handlers, off the way to them: the kernel sees the wait when the loop
+    // next sleeps, and ends it at once if a publish came since `wake`. (A handler that
+    // throws has the change fd signalled: the next call arms it.)
+    if (wake && !loop_->futexArm(loopFutex_, &header()->wakeSeq, *wake)) {
+      loopWaitsNot();
+    }
+    return;
+  }
+  if (!ring_) {
+    return;  // drained before the group was read
+  }
+  if (wake && !ring_->arm(&header()->wakeSeq, *wake)) {
+    ring_.reset();  // the helper waits on the word again
+    ringWaits_.store(false);
+    futexWakeAll(&stopWord_);
+    signalFd(changeFd_);  // and the next call, without the ring, drains the fd first
+    return;
+  }
+  // Drained after the ring was armed, so that the signal of the wait that arm() completed
+  // goes with it; a wait that ended since, or a segment the helper saw, signals again.
+  drainFd(changeFd_);
+  // seq_cst: see the waiter's store.
+  if ((wake && ring_->ended()) || segmentSignalled_.load()) {
+    signalFd(changeFd_);
+  }
+}
+
+void MountGroup::loopWaitsNot() {
+  loop_->futexDel(loopFutex_);
+  loopFutex_ = Kel::EventLoop::FutexId::none;
+  // The helper waits on the word again, and signals the fd for the loop.
+  ringWaits_.store(false);
+  futexWakeAll(&stopWord_);
+  loop_->fdIs(changeFd_, EPOLLIN, [this](uint32_t) { processChanges(); });
+  signalFd(changeFd_);
 }
 
 bool MountGroup::waitForChange(std::chrono::milliseconds timeout) {
@@ -546,24 +613,32 @@ std::atomic<bool> gFutexRingAllowed{true};
 void MountGroup::futexRingAllowedIs(bool allowed) noexcept { gFutexRingAllowed.store(allowed); }
 
 int MountGroup::changeFd() {
-  if (changeFd_ >= 0 || role_ != Role::reader) {
-    return changeFd_;
+  if (changeFd_ < 0 && role_ == Role::reader) {
+    openChangeFd(gFutexRingAllowed.load());
   }
+  return changeFd_;
+}
+
+void MountGroup::openChangeFd(bool ring) {
   changeFd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (changeFd_ < 0) {
     throw SegmentError(fmt::format("mount group '{}': eventfd: {}", name_, std::strerror(errno)));
   }
-  if (gFutexRingAllowed.load()) {
+  if (ring) {
     ring_ = internal::FutexRing::create(changeFd_);
   }
-  ringWaits_.store(ring_ != nullptr);
+  ringWaits_.store(ring_ != nullptr || loopFutex_ != Kel::EventLoop::FutexId::none);
   // The thread maps the group on its own, so that it never touches the mapping this thread
-  // may drop, and turns every publish of the writer into a readable fd (with a ring: only
-  // the segment appearing or being replaced; the ring signals the publishes).
+  // may drop, and turns every publish of the writer into a readable fd (with a ring or a
+  // loop that waits on the word: only the segment appearing or being replaced).
   waiter_ = std::thread([this, fd = changeFd_, name = name_] {
-    auto signal = [fd] {
-      uint64_t one = 1;
-      (void)!::write(fd, &one, sizeof(one));
+    auto signal = [fd] { signalFd(fd); };
+    // The group's segment appeared or was replaced: processChanges() looks at it at once.
+    // seq_cst, the flag's store here and its loads in processChanges(), which drains the fd
+    // and then loads the flag: either it sees the flag or the fd stays signalled.
+    auto segmentSignal = [this, fd] {
+      segmentSignalled_.store(true);
+      signalFd(fd);
     };
     std::optional<Segment> own;
     uint32_t seen = 0;
@@ -580,16 +655,13 @@ int MountGroup::changeFd() {
         }
         const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
         waiterWord_.store(word);  // seq_cst: read by stopWaiter(), to wake this thread
-        // acquire: as below. Signal once for what happened before we looked.
-        seen = loadAcquire(word) - 1;
+        // acquire: as below. The reader opens the group, or follows it to this segment.
+        seen = loadAcquire(word);
+        segmentSignal();
       }
       const uint32_t* word = &reinterpret_cast<const GroupHeader*>(own->base())->wakeSeq;
       bool quiet = false;
       if (ringWaits_.load()) {
-        if (seen != loadAcquire(word)) {  // the group has just opened here
-          seen = loadAcquire(word);
-          signal();
-        }
         quiet = futexWait(&stopWord_, 0, std::chrono::milliseconds(200)) < 0 && errno == ETIMEDOUT;
       } else {
         // acquire: pairs with publish()'s release (the fd only signals; the reader reads
@@ -606,12 +678,11 @@ int MountGroup::changeFd() {
         if (::stat(Segment::pathOf(own->name()).c_str(), &st) != 0 || st.st_ino != own->inode()) {
           waiterWord_.store(nullptr);  // seq_cst: as above
           own.reset();
-          signal();
+          segmentSignal();
         }
       }
     }
   });
-  return changeFd_;
 }
 
 void MountGroup::loopIs(Kel::EventLoop* loop) {
@@ -623,6 +694,14 @@ void MountGroup::loopIs(Kel::EventLoop* loop) {
       loop_->afterIterationHookDel(publishHook_);
     } else if (changeFd_ >= 0) {
       loop_->fdDel(changeFd_);
+      if (loopFutex_ != Kel::EventLoop::FutexId::none) {
+        loop_->futexDel(loopFutex_);
+        loopFutex_ = Kel::EventLoop::FutexId::none;
+        if (!ring_) {
+          ringWaits_.store(false);  // the helper waits on the word again
+          futexWakeAll(&stopWord_);
+        }
+      }
     }
   }
   loop_ = loop;
@@ -631,9 +710,27 @@ void MountGroup::loopIs(Kel::EventLoop* loop) {
   }
   if (role_ == Role::writer) {
     publishHook_ = loop_->afterIterationHookIs([this] { publish(); });
-  } else {
-    loop_->fdIs(changeFd(), EPOLLIN, [this](uint32_t) { processChanges(); });
+    return;
   }
+  if (gFutexRingAllowed.load()) {
+    loopFutex_ = loop_->futexIs([this] { processChanges(); });
+  }
+  if (loopFutex_ == Kel::EventLoop::FutexId::none) {
+    loop_->fdIs(changeFd(), EPOLLIN, [this](uint32_t) { processChanges(); });
+    return;
+  }
+  // The loop waits on the writer's publishes itself (processChanges() arms each wait); the
+  // change fd only hears of the group's segment from the helper, and is drained here.
+  if (changeFd_ < 0) {
+    openChangeFd(false);
+  } else if (ring_) {
+    ring_.reset();  // the helper goes on watching the segment only
+  }
+  loop_->fdIs(changeFd_, EPOLLIN, [this](uint32_t) {
+    drainFd(changeFd_);
+    processChanges();
+  });
+  signalFd(changeFd_);  // the first wait is armed by the first call
 }
 
 void MountGroup::stopWaiter() {

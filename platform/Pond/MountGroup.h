@@ -33,7 +33,9 @@
 // futex wait (Linux 6.7), the group's own thread has the kernel wait on the writer's
 // publishes for it, and the fd signals without waking the helper, which then only watches
 // for the group's segment appearing or being replaced: one wake-up per publish instead of
-// two.
+// two. A reader on an event loop (loopIs) has the loop itself wait on the writer's word
+// (Kel::EventLoop::futexIs): the publish wakes the loop's thread in the system call it
+// sleeps in, which also re-arms the wait, and the fd only tells of the segment.
 #pragma once
 
 #include <sys/types.h>
@@ -156,8 +158,10 @@ class MountGroup : public Kel::Entity {
   // true); for comparing the two ways in benchmarks and tests. Applies to later calls.
   static void futexRingAllowedIs(bool allowed) noexcept;
   // Lets `loop` drive the group: a writer publishes after every iteration of the loop, a
-  // reader processes its changes whenever changeFd() polls readable. Null detaches. The
-  // loop must outlive the group, or be detached first.
+  // reader processes its changes whenever the writer publishes or the group's segment
+  // appears or is replaced (the loop waits on the group's word itself where it can, on
+  // changeFd() otherwise; changeFd() is then the loop's to poll). Null detaches. The loop
+  // must outlive the group, or be detached first.
   void loopIs(Kel::EventLoop* loop);
 
   // Tables register here (Pond::PondMap does it); a reader opens the table at once if it
@@ -176,6 +180,14 @@ class MountGroup : public Kel::Entity {
   void dropGroup();
   void readyIs(bool ready);
   void stopWaiter();
+  // Reader, at the end of processChanges(): the change fd polls readable again only for what
+  // comes after `wake` (the group's wake sequence read before its tables; none when the
+  // group is not open).
+  void changeFdQuiet(std::optional<uint32_t> wake);
+  // Reader: starts the change fd and its helper thread, with a FutexRing when `ring`.
+  void openChangeFd(bool ring);
+  // Reader on a loop that can no longer wait on the group's word: the helper does.
+  void loopWaitsNot();
 
   friend class internal::GroupState;
   friend class UndoLog;
@@ -207,9 +219,13 @@ class MountGroup : public Kel::Entity {
   // waiting to it (it then sleeps on stopWord_ between its checks of the segment).
   std::unique_ptr<internal::FutexRing> ring_;
   std::atomic<bool> ringWaits_{false};
+  // The helper saw the group's segment appear or be replaced since processChanges() looked.
+  std::atomic<bool> segmentSignalled_{false};
   uint32_t stopWord_ = 0;
   Kel::EventLoop* loop_ = nullptr;
   Kel::EventLoop::HookId publishHook_ = Kel::EventLoop::HookId::none;
+  // Reader: the loop's wait on the group's word, where the loop can wait on futex words.
+  Kel::EventLoop::FutexId loopFutex_ = Kel::EventLoop::FutexId::none;
 };
 
 }  // namespace Pond

@@ -1,13 +1,21 @@
 // Pond::internal::FutexRing: an io_uring that waits on a futex word for the caller and
 // signals an eventfd when the word is woken (Linux 6.7 and later: IORING_OP_FUTEX_WAIT).
-// A reader's event loop then hears of a writer's publish with one wake-up, the loop's own,
-// instead of two (a waiting thread's, then the loop's through the eventfd).
+// A reader that polls its group's change fd then hears of a writer's publish with one
+// wake-up, its own, instead of two (a waiting thread's, then its own through the eventfd).
+// (A Kel::EventLoop waits on the word itself: MountGroup::loopIs.)
 //
-// One wait at a time: arm() submits a wait unless one is pending, reap() consumes the
-// completion of the one that ended. The wait is on the word's shared-memory mapping (not a
-// private futex), so a writer in another process wakes it with a plain FUTEX_WAKE.
+// The ring defers its completions to the thread that owns it (IORING_SETUP_DEFER_TASKRUN):
+// the writer's FUTEX_WAKE queues the wait's completion and signals the eventfd from the
+// writer's own system call, so the owner's epoll_wait returns with the eventfd ready. A
+// ring without that flag would interrupt the owner's epoll_wait to complete the wait in its
+// context first (EINTR, then a second epoll_wait), and its completion would signal the
+// eventfd a second time.
 //
-// Threads: one thread uses a ring.
+// The wait is on the word's shared-memory mapping (not a private futex), so a writer in
+// another process wakes it with a plain FUTEX_WAKE. At most two waits are pending: arm()
+// submits the next one in the same system call that completes the one that ended.
+//
+// Threads: the thread that creates a ring is the only one that may use it.
 #pragma once
 
 #include <linux/io_uring.h>
@@ -20,19 +28,22 @@ namespace Pond::internal {
 
 class FutexRing {
  public:
-  // A ring whose completions signal `eventFd`; null when the kernel has no io_uring, no
-  // futex wait on it, or refuses io_uring to this process.
+  // A ring whose waits signal `eventFd` when they end; null when the kernel has no io_uring,
+  // no futex wait or no deferred completions on it, or refuses io_uring to this process.
   static std::unique_ptr<FutexRing> create(int eventFd);
   ~FutexRing();
   FutexRing(const FutexRing&) = delete;
   FutexRing& operator=(const FutexRing&) = delete;
 
-  // Makes sure a wait on `word` is pending: one that ends (and signals the eventfd) when
-  // the word is woken, at once when it no longer holds `seen`. False when the ring could
-  // not submit it.
+  // Makes sure a wait on `word` is pending, one that ends (and signals the eventfd) when the
+  // word is woken, at once when it no longer holds `seen`; consumes the completions of the
+  // waits that ended. One system call when a wait ended, none otherwise. False when the
+  // ring cannot wait (a submission refused, a wait failed otherwise than by ending): the
+  // caller then waits another way.
   bool arm(const uint32_t* word, uint32_t seen);
-  // Consumes the completions that came.
-  void reap();
+  // Whether a wait ended that arm() has not consumed: its signal of the eventfd may have been
+  // drained since, and the eventfd must be signalled again. Read after draining it.
+  bool ended() const noexcept;
 
  private:
   FutexRing() = default;
@@ -42,6 +53,7 @@ class FutexRing {
   size_t ringsBytes_ = 0;
   io_uring_sqe* sqes_ = nullptr;
   size_t sqesBytes_ = 0;
+  uint32_t* sqFlags_ = nullptr;
   uint32_t* sqTail_ = nullptr;
   uint32_t* sqMask_ = nullptr;
   uint32_t* sqArray_ = nullptr;
@@ -49,7 +61,8 @@ class FutexRing {
   uint32_t* cqTail_ = nullptr;
   uint32_t* cqMask_ = nullptr;
   io_uring_cqe* cqes_ = nullptr;
-  bool pending_ = false;
+  // Waits submitted whose completion was not consumed.
+  uint32_t pending_ = 0;
 };
 
 }  // namespace Pond::internal

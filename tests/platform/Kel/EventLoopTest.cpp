@@ -1,12 +1,17 @@
-// The event loop: fd handlers, timers, deferred tasks, after-iteration hooks, stopping.
+// The event loop: fd handlers, timers, deferred tasks, after-iteration hooks, stopping,
+// futex waits.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -226,6 +231,76 @@ TEST(EventLoop, StopAndRunUntil) {
   EXPECT_GT(iterations, 0);
   EXPECT_FALSE(watchdog);
   loop.timerDel(guard);
+}
+
+// A wait ends once per futexArm(): when its word is woken (from another thread here; a
+// process is the same to the kernel), or at once for a word that changed. A loop asleep on
+// a futex still wakes for its fds (level-triggered), timers and stop(); a wait replaced or
+// deleted runs nothing, and one the kernel refuses is reported by the next futexArm().
+TEST(EventLoop, FutexWaitsEndWhenTheirWordIsWoken) {
+  Kel::EventLoop loop;
+  int woken = 0;
+  Kel::EventLoop::FutexId id = loop.futexIs([&] { ++woken; });
+  if (id == Kel::EventLoop::FutexId::none) {
+    GTEST_SKIP() << "this kernel has no io_uring futex wait";
+  }
+  void* page = ::mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  auto* words = static_cast<uint32_t*>(page);
+  auto wake = [](uint32_t* word) {
+    __atomic_fetch_add(word, 1, __ATOMIC_RELEASE);
+    ::syscall(SYS_futex, word, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+  };
+  ASSERT_TRUE(loop.futexArm(id, &words[0], 0));
+  EXPECT_EQ(loop.runOnce(0ns), 0u);
+  std::thread waker([&] {
+    std::this_thread::sleep_for(20ms);  // the loop is asleep
+    wake(&words[0]);
+  });
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  waker.join();
+  wake(&words[0]);  // not armed again
+  EXPECT_EQ(loop.runOnce(20ms), 0u);
+  ASSERT_TRUE(loop.futexArm(id, &words[0], 0));  // it holds 2
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  EXPECT_EQ(woken, 2);
+  ASSERT_TRUE(loop.futexArm(id, &words[0], 2));
+  ASSERT_TRUE(loop.futexArm(id, &words[1], 0));
+  wake(&words[0]);
+  EXPECT_EQ(loop.runOnce(20ms), 0u);
+  wake(&words[1]);
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  EXPECT_EQ(woken, 3);
+
+  ASSERT_TRUE(loop.futexArm(id, &words[1], 1));
+  Pipe p;
+  loop.fdIs(p.in(), EPOLLIN, [](uint32_t) {});  // never read: ready until deleted
+  p.put();
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  loop.fdDel(p.in());
+  bool fired = false;
+  loop.timerIs(10ms, [&] { fired = true; });
+  EXPECT_TRUE(loop.runUntil([&] { return fired; }, 5s));
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(20ms);
+    loop.stop();
+  });
+  loop.run();
+  stopper.join();
+  loop.futexDel(id);
+  wake(&words[1]);
+  EXPECT_EQ(loop.runOnce(20ms), 0u);
+  EXPECT_EQ(woken, 3);
+  EXPECT_FALSE(loop.futexArm(id, &words[1], 2));
+
+  Kel::EventLoop::FutexId refused = loop.futexIs([&] { ++woken; });
+  void* gone = ::mmap(nullptr, 4096, PROT_READ, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_EQ(::munmap(gone, 4096), 0);
+  ASSERT_TRUE(loop.futexArm(refused, static_cast<uint32_t*>(gone), 0));
+  EXPECT_EQ(loop.runOnce(5s), 1u);
+  EXPECT_FALSE(loop.futexArm(refused, &words[0], 2));
+  ::munmap(page, 4096);
 }
 
 }  // namespace

@@ -222,6 +222,16 @@ TEST(PondMap, ReaderIsNotifiedOfEveryChangedKey) {
 
 TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
   ScopedGroupName g("restart");
+  // A reader on an event loop follows the group through all of it, as the writer publishes.
+  Kel::EventLoop loop;
+  auto looped = MountGroup::reader(*g);
+  PondMap<Key, Row> l(looped, "rows");
+  std::set<uint32_t> heard;
+  l.changeHandlerIs([&](const Key& k) { heard.insert(k.id()); });
+  looped->loopIs(&loop);
+  auto hears = [&](uint32_t key) {
+    return loop.runUntil([&] { return heard.contains(key); }, std::chrono::seconds(5));
+  };
   // A reader may come first: it waits for the writer to appear.
   auto reader = MountGroup::reader(*g);
   PondMap<Key, Row> r(reader, "rows");
@@ -233,6 +243,9 @@ TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
   w->upsert(Row::of(1, 1));
   writer->publish();
   EXPECT_TRUE(reader->waitForChange(std::chrono::milliseconds(1000)));
+  // The loop's reader opens the table with the row in it: a row it reads, not a change.
+  EXPECT_TRUE(loop.runUntil([&] { return l.lookup(Key(1)) == Row::of(1, 1); },
+                            std::chrono::seconds(5)));
   std::multiset<uint32_t> changed;
   r.changeHandlerIs([&](const Key& k) { changed.insert(k.id()); });
   reader->processChanges();
@@ -260,11 +273,20 @@ TEST(PondMap, WriterRestartKeepsRowsAndReadersLearnOfIt) {
   reader->processChanges();
   EXPECT_EQ(reader->writerIncarnation(), first + 1);
   EXPECT_EQ(changed, (std::multiset<uint32_t>{1, 2, 3}));  // a new writer: a full resync
+  EXPECT_TRUE(hears(2));
   // A writer that asks for other sizes is refused: the table would not be the same.
   w.reset();
   writer = nullptr;
   writer = MountGroup::writer(*g);
   EXPECT_THROW((PondMap<Key, Row>(writer, "rows", sized(64))), Pond::SegmentError);
+  // Segments removed and made anew: the loop's reader follows them to the new ones.
+  writer = nullptr;
+  MountGroup::removeSegments(*g);
+  writer = MountGroup::writer(*g);
+  w = std::make_unique<PondMap<Key, Row>>(writer, "rows", sized(64));
+  w->upsert(Row::of(4, 4));
+  writer->publish();
+  EXPECT_TRUE(hears(4));
 }
 
 // What a writer killed in the middle of rewriting a row leaves: the row's slot counter odd

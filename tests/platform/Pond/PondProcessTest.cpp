@@ -2,6 +2,7 @@
 // change log, and through a resync once it falls behind; a watch follows the groups that
 // another process creates and removes.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -31,7 +32,9 @@ constexpr uint32_t kDone = 0xFFFFFFF0;  // the key of the row that says "the wri
 // A reader that keeps a mirror of the table from notifications alone: on each one it
 // looks the key up. When the writer is done, the mirror must equal the table, and a key
 // whose notification was lost would show as a difference.
-int mirrorUntilDone(const std::string& group, Kel::ChildProcess::Channel& channel) {
+enum class Driven { byWait, byLoop, byChangeFd };  // waitForChange, loopIs, poll(changeFd())
+int mirrorUntilDone(const std::string& group, Kel::ChildProcess::Channel& channel, Driven by) {
+  Kel::EventLoop loop;
   auto reader = MountGroup::reader(group);
   PondMap<Key, Row> table(reader, "rows");
   std::map<uint32_t, Row> mirror;
@@ -52,10 +55,22 @@ int mirrorUntilDone(const std::string& group, Kel::ChildProcess::Channel& channe
     }
     done = done || k.id() == kDone;
   });
+  if (by == Driven::byLoop) {
+    reader->loopIs(&loop);
+  }
   auto deadline = Clock::now() + std::chrono::seconds(60);
   while (!done && Clock::now() < deadline) {
-    reader->waitForChange(std::chrono::milliseconds(50));
-    reader->processChanges();
+    if (by == Driven::byLoop) {
+      loop.runOnce(std::chrono::milliseconds(50));
+    } else {
+      if (by == Driven::byChangeFd) {
+        pollfd p{reader->changeFd(), POLLIN, 0};
+        ::poll(&p, 1, 50);
+      } else {
+        reader->waitForChange(std::chrono::milliseconds(50));
+      }
+      reader->processChanges();
+    }
     if (!caughtUp && reader->ready() && mirror.contains(0)) {
       channel.reply("caught up");
       caughtUp = true;
@@ -96,17 +111,22 @@ void writeRandomly(PondMap<Key, Row>& table, MountGroup& group, uint32_t ops, ui
 
 // A reader in another process hears of every change through the log. Stopped while the
 // writer overruns its log, it comes back, resynchronises from the table and ends with
-// exactly the writer's rows, deletions included.
+// exactly the writer's rows, deletions included. The same on an event loop, and polling
+// the group's change fd.
 TEST(PondProcess, ReaderInAnotherProcessHearsOfEveryChange) {
-  for (const bool stopped : {false, true}) {
-    ScopedGroupName g(stopped ? "overrun" : "follow");
+  for (int run = 0; run < 6; ++run) {
+    const auto by = static_cast<Driven>(run / 2);
+    const bool stopped = run % 2 != 0;
+    const char* how[] = {"", "-loop", "-fd"};
+    ScopedGroupName g(std::string(stopped ? "overrun" : "follow") + how[static_cast<int>(by)]);
     auto writer = MountGroup::writer(*g);
     PondMap<Key, Row> table(writer, "rows", sized(4096, stopped ? 64 : 1 << 16));
     for (uint32_t k = 0; k < (stopped ? 500 : 1); ++k) {
       table.upsert(Row::of(k, k));
     }
     writer->publish();
-    Kel::ChildProcess child([&](Kel::ChildProcess::Channel& c) { return mirrorUntilDone(*g, c); });
+    Kel::ChildProcess child(
+        [&](Kel::ChildProcess::Channel& c) { return mirrorUntilDone(*g, c, by); });
     ASSERT_TRUE(child.awaitReply(std::chrono::seconds(30)));
     if (stopped) {
       ::kill(child.pid(), SIGSTOP);
@@ -116,7 +136,8 @@ TEST(PondProcess, ReaderInAnotherProcessHearsOfEveryChange) {
     }
     writeRandomly(table, *writer, stopped ? 5000 : 20000, stopped ? 1500 : 1000, stopped ? 2 : 1);
     ::kill(child.pid(), SIGCONT);
-    EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0) << (stopped ? "stopped" : "following");
+    EXPECT_EQ(child.wait(std::chrono::seconds(60)), 0)
+        << (stopped ? "stopped" : "following") << how[static_cast<int>(by)];
   }
 }
 
