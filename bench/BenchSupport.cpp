@@ -7,6 +7,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -230,6 +232,42 @@ void figure(const std::string& name, double value, const char* unit) {
 void note(const std::string& text) {
   std::printf("# %s\n", text.c_str());
   std::fflush(stdout);
+}
+
+ProgramRun runProgram(const std::vector<std::string>& argv, const std::string& outPath,
+                      std::chrono::seconds timeout) {
+  std::vector<char*> args;
+  for (const std::string& a : argv) {
+    args.push_back(const_cast<char*>(a.c_str()));
+  }
+  args.push_back(nullptr);
+  const uint64_t t0 = monoNs();
+  Kel::ChildProcess child([&](Kel::ChildProcess::Channel&) {
+    const int fd = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0 || ::dup2(fd, STDOUT_FILENO) < 0) {
+      return 126;
+    }
+    ::execv(args[0], args.data());
+    return 127;
+  });
+  const int status = child.wait(timeout);
+  ProgramRun run{double(monoNs() - t0) / 1e9, {}};
+  if (std::FILE* f = std::fopen(outPath.c_str(), "rb")) {
+    char buf[4096];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) {
+      run.output.append(buf, n);
+    }
+    std::fclose(f);
+  }
+  if (status != 0) {
+    std::string command;
+    for (const std::string& a : argv) {
+      command += (command.empty() ? "" : " ") + a;
+    }
+    throw std::runtime_error(command + " exited with " + std::to_string(status) + ": " +
+                             run.output);
+  }
+  return run;
 }
 
 void sleepFor(std::chrono::microseconds d) {

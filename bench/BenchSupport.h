@@ -213,6 +213,18 @@ class Child {
   Kel::ChildProcess::Channel* channel_ = nullptr;  // in the child only
 };
 
+// A program run to its end, as an operator runs it.
+struct ProgramRun {
+  double seconds;      // from its fork to its exit
+  std::string output;  // what it wrote to its standard output
+};
+
+// Runs `argv` (argv[0] is the program's path) with its standard output to the file
+// `outPath` ("/dev/null" to drop it), and reads that file back; throws std::runtime_error
+// naming the command, with its output, unless it exits with status 0 within `timeout`.
+ProgramRun runProgram(const std::vector<std::string>& argv, const std::string& outPath,
+                      std::chrono::seconds timeout);
+
 // ---------------------------------------------------------------------------------------
 // Notification latency: rounds of one change each, a gap apart, the first ones not counted.
 

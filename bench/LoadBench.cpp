@@ -7,7 +7,6 @@
 // route, every tenth route a pop. mplsctl runs as a child process (stdout to a file, which
 // is checked); the time runs from its fork to its exit.
 // Every figure is a line `figure NAME VALUE UNIT`; lines starting with '#' are notes.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +14,6 @@
 #include <cstdio>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -23,7 +21,6 @@
 #include <fmt/format.h>
 
 #include "BenchSupport.h"
-#include "Kel/ChildProcess.h"
 
 namespace Bench {
 namespace {
@@ -56,40 +53,10 @@ std::string generatedRoutes(uint32_t count, uint32_t firstLabel) {
   return text;
 }
 
-struct Run {
-  double seconds;
-  std::string out;
-};
-
-// mplsctl with `args`, its stdout to `outPath`; throws unless it exits with status 0.
-Run mplsctl(const std::vector<std::string>& args, const std::string& outPath) {
-  std::vector<const char*> argv{MPLSCTL_PATH};
-  for (const std::string& a : args) {
-    argv.push_back(a.c_str());
-  }
-  argv.push_back(nullptr);
-  const uint64_t t0 = monoNs();
-  Kel::ChildProcess child([&](Kel::ChildProcess::Channel&) {
-    const int fd = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0 || ::dup2(fd, STDOUT_FILENO) < 0) {
-      return 126;
-    }
-    ::execv(MPLSCTL_PATH, const_cast<char* const*>(argv.data()));
-    return 127;
-  });
-  const int status = child.wait(kWait);
-  const uint64_t t1 = monoNs();
-  std::ifstream in(outPath);
-  std::stringstream out;
-  out << in.rdbuf();
-  if (status != 0) {
-    std::string command = "mplsctl";
-    for (const std::string& a : args) {
-      command += " " + a;
-    }
-    throw std::runtime_error(fmt::format("{} exited with {}: {}", command, status, out.str()));
-  }
-  return Run{(t1 - t0) / 1e9, out.str()};
+// mplsctl with `args`, its stdout to `outPath`.
+ProgramRun mplsctl(std::vector<std::string> args, const std::string& outPath) {
+  args.insert(args.begin(), MPLSCTL_PATH);
+  return runProgram(args, outPath, kWait);
 }
 
 double median(std::vector<double> v) {
@@ -136,18 +103,18 @@ int run() {
       mplsctl({"clear", "--lfib", lfib}, outPath);
     }
     clear.loaded = true;
-    const Run load = mplsctl({"load", file, "--lfib", lfib}, outPath);
-    if (load.out != written) {
-      throw std::runtime_error("the load printed: " + load.out);
+    const ProgramRun load = mplsctl({"load", file, "--lfib", lfib}, outPath);
+    if (load.output != written) {
+      throw std::runtime_error("the load printed: " + load.output);
     }
     first.push_back(load.seconds);
     note(fmt::format("L3 run {}: {:.3f} s", r, load.seconds));
   }
   std::vector<double> again;
   for (uint32_t r = 0; r < kRuns; ++r) {
-    const Run load = mplsctl({"load", file, "--lfib", lfib}, outPath);
-    if (load.out != unchanged) {
-      throw std::runtime_error("the reload printed: " + load.out);
+    const ProgramRun load = mplsctl({"load", file, "--lfib", lfib}, outPath);
+    if (load.output != unchanged) {
+      throw std::runtime_error("the reload printed: " + load.output);
     }
     again.push_back(load.seconds);
     note(fmt::format("L3-unchanged run {}: {:.3f} s", r, load.seconds));

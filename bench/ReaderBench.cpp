@@ -40,27 +40,6 @@ constexpr uint32_t kRoutes = 1'000'000;
 constexpr uint32_t kShowRuns = 5;
 constexpr auto kWait = std::chrono::seconds(120);
 
-// Runs a program to its end, its standard output to `out` ("/dev/null" to drop it);
-// throws unless it exits with status 0.
-void runProgram(const std::vector<std::string>& argv, const std::string& out) {
-  Kel::ChildProcess child([&](Kel::ChildProcess::Channel&) {
-    const int fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0 || ::dup2(fd, STDOUT_FILENO) < 0) {
-      return 126;
-    }
-    std::vector<char*> args;
-    for (const std::string& a : argv) {
-      args.push_back(const_cast<char*>(a.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
-    return 127;
-  });
-  if (const int status = child.wait(kWait); status != 0) {
-    throw std::runtime_error(fmt::format("{} exited with {}", argv[0], status));
-  }
-}
-
 // Every page of the group's segments mapped and touched, for as long as it lives.
 class SegmentPages {
  public:
@@ -161,8 +140,8 @@ int run() {
   Pond::MountGroup::removeSegments(lfib);
   runProgram({"/usr/bin/env", "python3", MPLS_GEN_ROUTES_PATH, std::to_string(kRoutes),
               "--first-label", "16"},
-             file);
-  runProgram({MPLSCTL_PATH, "load", file, "--lfib", lfib}, "/dev/null");
+             file, kWait);
+  runProgram({MPLSCTL_PATH, "load", file, "--lfib", lfib}, "/dev/null", kWait);
   struct Cleanup {
     const std::string& lfib;
     ~Cleanup() { Pond::MountGroup::removeSegments(lfib); }
@@ -172,10 +151,10 @@ int run() {
 
   std::vector<double> showMs;
   for (uint32_t i = 0; i < kShowRuns; ++i) {
-    const uint64_t t0 = monoNs();
-    runProgram({MPLSCTL_PATH, "show", std::to_string(16 + kRoutes / 2), "--lfib", lfib},
-               "/dev/null");
-    showMs.push_back(double(monoNs() - t0) / 1e6);
+    const ProgramRun show = runProgram(
+        {MPLSCTL_PATH, "show", std::to_string(16 + kRoutes / 2), "--lfib", lfib}, "/dev/null",
+        kWait);
+    showMs.push_back(show.seconds * 1e3);
   }
   std::sort(showMs.begin(), showMs.end());
 
