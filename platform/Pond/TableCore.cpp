@@ -50,6 +50,13 @@ TableCore::~TableCore() = default;
 uint32_t TableCore::size() const noexcept { return engine_ ? engine_->rowCount() : 0; }
 uint32_t TableCore::capacity() const noexcept { return engine_ ? engine_->capacity() : 0; }
 uint64_t TableCore::version() const noexcept { return engine_ ? engine_->version() : 0; }
+void TableCore::populate(uint32_t rows, uint64_t recordBytes) const {
+  requireWriter();
+  if (engine_) {
+    engine_->populate(rows, recordBytes);
+  }
+}
+
 uint64_t TableCore::heapBytes() const noexcept { return engine_ ? engine_->heapBytes() : 0; }
 bool TableCore::heapHolds(const std::vector<uint32_t>& recordLengths) const {
   requireWriter();

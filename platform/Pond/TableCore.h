@@ -47,6 +47,12 @@ class TableCore {
   // Writer: whether the record heap takes records of these lengths (as serializeLen gives
   // them) on top of what it holds now. A writer that must not fail half way asks first.
   bool heapHolds(const std::vector<uint32_t>& recordLengths) const;
+  // Writer: backs with memory the pages that `rows` more rows, with `recordBytes` bytes of
+  // records, will be written to, so that writing them takes no page faults. A writer about
+  // to fill its tables runs it on a thread of its own meanwhile: rows are written as the
+  // pages come. Safe beside the writer's writes; without it the pages come as they are
+  // written.
+  void populate(uint32_t rows, uint64_t recordBytes) const;
   // Bytes of the table's segment resident in memory.
   uint64_t residentBytes() const;
   // The table's segment was truncated under this process, or the last read found its

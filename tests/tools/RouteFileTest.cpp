@@ -1,8 +1,11 @@
 // The route file parser: every route form, with its options and comments, into the
 // consolidated routes the LFIB writer takes; each kind of error with its exact message.
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -174,9 +177,9 @@ TEST(RouteFile, ErrorsNameFileLineColumnAndWhatWasExpected) {
 // file is reported, whichever half finds it, with the line numbers of the whole file.
 TEST(RouteFile, LongFilesReportTheirFirstError) {
   constexpr uint32_t kLines = 6000;  // about 400 KB; the second half starts near line 3000
-  auto fileWith = [](const std::map<uint32_t, std::string>& replaced) {
+  auto fileWith = [](const std::map<uint32_t, std::string>& replaced, uint32_t lines) {
     std::string text;
-    for (uint32_t line = 1; line <= kLines; ++line) {
+    for (uint32_t line = 1; line <= lines; ++line) {
       auto it = replaced.find(line);
       text += it != replaced.end()
                   ? it->second
@@ -188,7 +191,8 @@ TEST(RouteFile, LongFilesReportTheirFirstError) {
     }
     return text;
   };
-  const std::vector<ParsedRoute> routes = parseRouteFile(fileWith({{5000, "# comment"}}), "routes.txt");
+  const std::vector<ParsedRoute> routes =
+      parseRouteFile(fileWith({{5000, "# comment"}}, kLines), "routes.txt");
   ASSERT_EQ(routes.size(), kLines - 1);
   EXPECT_EQ(routes[4999].line, 5001u);
   EXPECT_EQ(routes[4999].route.key(), RouteKey(5016));
@@ -204,8 +208,23 @@ TEST(RouteFile, LongFilesReportTheirFirstError) {
       {{{50, again}, {4000, bad}}, "routes.txt:50:3: label 25 is already routed on line 10"},
   };
   for (const auto& [replaced, message] : cases) {
-    EXPECT_EQ(errorOf(fileWith(replaced)), message) << message;
+    EXPECT_EQ(errorOf(fileWith(replaced, kLines)), message) << message;
   }
+
+  // A file of megabytes is mapped, not copied: the same routes; one cut short while it is
+  // parsed is that error, whatever the parse made of the rest.
+  const std::string path = fmt::format("/tmp/route-file-test-{}.txt", ::getpid());
+  std::ofstream(path) << fileWith({}, 20000);
+  EXPECT_EQ(Mplsctl::readRouteList(path).size(), 20000u);
+  EXPECT_EQ(TestSupport::errorText<Mplsctl::LineFileError>([&] {
+              Mplsctl::parseLineFile(path, "route file", [&](std::string_view text,
+                                                             const std::string& name) {
+                EXPECT_EQ(::truncate(path.c_str(), 4096), 0);
+                return parseRouteFile(text, name);
+              });
+            }),
+            path + ": cut short while being read");
+  ::unlink(path.c_str());
 }
 
 }  // namespace

@@ -142,8 +142,8 @@ std::string mutate(const std::string& path, const std::string& group, std::mt199
         std::memcpy(g.data() + offsetof(GroupHeader, writerPid), &pid, 4);
         std::memcpy(g.data() + offsetof(GroupHeader, writerStartTime), &start, 8);
         std::ofstream(group, std::ios::binary | std::ios::in) << g;
-        for (uint32_t i = 0; i < h.capacity && h.slotsOffset + uint64_t{i + 1} * h.slotSize <= bytes.size(); ++i) {
-          bytes[h.slotsOffset + uint64_t{i} * h.slotSize] |= 1;
+        for (uint32_t i = 0; i < h.capacity && slotHeaderOffset(h, i + 1) <= bytes.size(); ++i) {
+          bytes[slotHeaderOffset(h, i)] |= 1;
         }
         write();
         return "stuck writer, every slot half-written";

@@ -116,9 +116,9 @@ BindingFile parseBindingFile(std::string_view text, const std::string& fileName)
 }
 
 BindingFile readBindingFile(const std::string& path) {
-  std::string name;
-  const std::string text = readLineFile(path, "binding file", name);
-  return parseBindingFile(text, name);
+  return parseLineFile(path, "binding file", [](std::string_view text, const std::string& name) {
+    return parseBindingFile(text, name);
+  });
 }
 
 }  // namespace Mplsctl

@@ -9,8 +9,16 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <utility>
+
+#include "Pond/MappedFile.h"
 
 namespace Mplsctl {
+
+namespace {
+// Files from this size on are mapped; smaller ones are read.
+constexpr size_t kMapFrom = size_t{1} << 20;
+}  // namespace
 
 LineFileError::LineFileError(const std::string& file, uint32_t line, uint32_t column,
                              const std::string& message)
@@ -33,9 +41,17 @@ void preferHugePages(const void* data, size_t bytes) noexcept {
   }
 }
 
-std::string readLineFile(const std::string& path, std::string_view kind, std::string& name) {
+void LineFileText::checkWhole() const {
+  if (mapping_ && static_cast<const Pond::MappedFile*>(mapping_.get())->cutShort()) {
+    throw LineFileError(name_, 0, 0, "cut short while being read");
+  }
+}
+
+LineFileText readLineFile(const std::string& path, std::string_view kind) {
   const bool standardInput = path == "-";
-  name = standardInput ? "<stdin>" : path;
+  LineFileText file;
+  file.name_ = standardInput ? "<stdin>" : path;
+  const std::string& name = file.name_;
   const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     throw LineFileError(name, 0, 0, fmt::format("cannot read: {}", std::strerror(errno)));
@@ -56,9 +72,20 @@ std::string readLineFile(const std::string& path, std::string_view kind, std::st
   if (S_ISDIR(st.st_mode)) {
     throw LineFileError(name, 0, 0, fmt::format("is a directory, not a {}", kind));
   }
+  // A large regular file is mapped: its pages are those of the page cache, where a copy
+  // would cost fresh memory (page faults) and the copy itself.
+  if (S_ISREG(st.st_mode) && static_cast<size_t>(st.st_size) >= kMapFrom &&
+      static_cast<size_t>(st.st_size) <= kMaxFileBytes) {
+    if (auto mapped = Pond::MappedFile::map(fd, static_cast<size_t>(st.st_size))) {
+      auto shared = std::make_shared<Pond::MappedFile>(std::move(*mapped));
+      file.text_ = shared->bytes();
+      file.mapping_ = std::move(shared);
+      return file;
+    }
+  }
   // Read in place: a regular file into a buffer of its size (and a byte more, to see one
   // that grew), anything else into one that doubles.
-  std::string text;
+  std::string& text = file.read_;
   if (S_ISREG(st.st_mode) && st.st_size > 0) {
     const size_t size = std::min(static_cast<size_t>(st.st_size), kMaxFileBytes) + 1;
     text.reserve(size);
@@ -87,7 +114,8 @@ std::string readLineFile(const std::string& path, std::string_view kind, std::st
     }
   }
   text.resize(have);
-  return text;
+  file.text_ = text;
+  return file;
 }
 
 }  // namespace Mplsctl

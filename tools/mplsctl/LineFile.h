@@ -10,6 +10,7 @@
 
 #include <charconv>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -42,10 +43,44 @@ class LineFileError : public std::runtime_error {
 inline constexpr size_t kMaxFileBytes = size_t{256} << 20;
 inline constexpr size_t kMaxLineBytes = size_t{64} << 10;
 
-// The text of the file at `path`; "-" reads standard input (named "<stdin>" in errors,
-// which `name` receives). Throws LineFileError when the file cannot be read, is a
-// directory or is longer than kMaxFileBytes; `kind` ("route file") ends those messages.
-std::string readLineFile(const std::string& path, std::string_view kind, std::string& name);
+// The text of a line file, read or mapped (see parseLineFile).
+class LineFileText {
+ public:
+  std::string_view text() const noexcept { return text_; }
+  // The file's name in errors: its path, or "<stdin>".
+  const std::string& name() const noexcept { return name_; }
+  // Throws LineFileError "<file>: cut short while being read" when the mapped file was
+  // found shorter than it was when mapped.
+  void checkWhole() const;
+
+ private:
+  friend LineFileText readLineFile(const std::string& path, std::string_view kind);
+  std::string name_;
+  std::string read_;                     // a file that was read
+  std::shared_ptr<const void> mapping_;  // or the mapping of a regular file
+  std::string_view text_;
+};
+
+// The text of the file at `path`; "-" reads standard input (named "<stdin>" in errors).
+// A large regular file is mapped rather than copied. Throws LineFileError when the file
+// cannot be read, is a directory or is longer than kMaxFileBytes; `kind` ("route file")
+// ends those messages.
+LineFileText readLineFile(const std::string& path, std::string_view kind);
+
+// parse(text, name) over the file at `path` (see readLineFile), and its result. A file cut
+// short while it was parsed is that error, whatever the parse made of it.
+template <class Parse>
+auto parseLineFile(const std::string& path, std::string_view kind, Parse&& parse) {
+  const LineFileText file = readLineFile(path, kind);
+  try {
+    auto result = parse(file.text(), file.name());
+    file.checkWhole();
+    return result;
+  } catch (const LineFileError&) {
+    file.checkWhole();
+    throw;
+  }
+}
 
 // Asks the kernel to back the memory of a large buffer (`bytes` from `data`, allocated and
 // not yet touched) with huge pages: a buffer of 100 MB then costs 50 page faults instead of

@@ -15,8 +15,10 @@
 #include <condition_variable>
 #include <cstdio>
 #include <exception>
+#include <future>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -300,10 +302,47 @@ uint64_t refuseDamaged(const LfibStatus& lfib, const RouteList& file,
   return inFile;
 }
 
+// What a file's routes add to the tables at most: a route and a via set per route, and its
+// vias; the record of each row the writer stores as a record.
+struct FileRows {
+  uint64_t routes = 0;
+  std::vector<uint32_t> viaSetRecords;
+  uint64_t vias[viaTypeMax + 1] = {};
+  std::vector<uint32_t> viaRecords[viaTypeMax + 1];
+};
+
+FileRows fileRows(const RouteList& routes) {
+  FileRows rows;
+  rows.routes = routes.size();
+  rows.viaSetRecords.reserve(routes.size());
+  routes.forEach([&](const RouteList::Route& r) {
+    rows.viaSetRecords.push_back(LfibViaSet::kHeadLen +
+                                 LfibViaSet::kViaKeyLen *
+                                     std::min<uint32_t>(r.vias(), LfibViaKeyArray::capacity));
+    rows.vias[r.viaType()] += r.vias();
+    lfibViaTypeVisit(r.viaType(), [&](auto via) {
+      using V = typename decltype(via)::Row;
+      if constexpr (ConsolidatedLfibRoute::carries<V> && Pond::VariableRow<V>) {
+        rows.viaRecords[via.viaType].insert(rows.viaRecords[via.viaType].end(), r.viaRecords(),
+                                            r.viaRecordLen());
+      }
+    });
+  });
+  return rows;
+}
+
+uint64_t sum(const std::vector<uint32_t>& lengths) {
+  uint64_t bytes = 0;
+  for (uint32_t len : lengths) {
+    bytes += len;
+  }
+  return bytes;
+}
+
 // Refuses a load that could fill a table half way: what the LFIB holds now plus all the
 // file brings, as though nothing were rewritten in place, in rows and in record heap bytes.
 // `held` of the file's routes are in the LFIB already; `deleted` routes go.
-void checkRoom(const LfibStatus& lfib, const RouteList& routes, uint64_t held, uint64_t deleted,
+void checkRoom(const LfibStatus& lfib, const FileRows& file, uint64_t held, uint64_t deleted,
                const std::string& name) {
   auto refuse = [&](const std::string& shortfall) {
     throw CommandError(fmt::format("LFIB '{}' {}: nothing loaded (run 'mplsctl clear --lfib {}' "
@@ -318,44 +357,81 @@ void checkRoom(const LfibStatus& lfib, const RouteList& routes, uint64_t held, u
                          rows));
     }
     if (!table.heapHolds(records)) {
-      uint64_t bytes = 0;
-      for (uint32_t len : records) {
-        bytes += len;
-      }
       refuse(fmt::format("has no room for {} bytes more of {} in the {}-byte record heap of "
                          "its table '{}'",
-                         bytes, what, table.heapBytes(), table.tableName()));
+                         sum(records), what, table.heapBytes(), table.tableName()));
     }
   };
-
-  std::vector<uint32_t> viaSetRecords;
-  viaSetRecords.reserve(routes.size());
-  std::vector<uint32_t> viaRecords[viaTypeMax + 1];
-  uint64_t vias[viaTypeMax + 1] = {};
-  routes.forEach([&](const RouteList::Route& r) {
-    viaSetRecords.push_back(LfibViaSet::kHeadLen +
-                            LfibViaSet::kViaKeyLen *
-                                std::min<uint32_t>(r.vias(), LfibViaKeyArray::capacity));
-    vias[r.viaType()] += r.vias();
-    lfibViaTypeVisit(r.viaType(), [&](auto via) {
-      using V = typename decltype(via)::Row;
-      if constexpr (ConsolidatedLfibRoute::carries<V> && Pond::VariableRow<V>) {
-        viaRecords[via.viaType].insert(viaRecords[via.viaType].end(), r.viaRecords(),
-                                       r.viaRecordLen());
-      }
-    });
-  });
   checkTable(*lfib.lfibRouteTable(), "routes",
-             uint64_t{lfib.lfibRoutes()} - deleted + (routes.size() - held), {});
-  checkTable(*lfib.viaSetTable(), "via sets", uint64_t{lfib.viaSets()} + routes.size(),
-             viaSetRecords);
+             uint64_t{lfib.lfibRoutes()} - deleted + (file.routes - held), {});
+  checkTable(*lfib.viaSetTable(), "via sets", uint64_t{lfib.viaSets()} + file.routes,
+             file.viaSetRecords);
   lfibViaTypeForEach([&](auto via) {
-    if (const uint64_t added = vias[via.viaType]) {
+    if (const uint64_t added = file.vias[via.viaType]) {
       checkTable(*via.table(lfib), fmt::format("{} vias", via.label), via.size(lfib) + added,
-                 viaRecords[via.viaType]);
+                 file.viaRecords[via.viaType]);
     }
   });
 }
+
+// Backs the pages the file's rows will be written to in an empty LFIB, on a thread of its
+// own while the writer reads the file's needs and then writes (see
+// Pond::TableCore::populate): first what every table writes to whatever the rows (its
+// chains' heads and change log), then, given the file's rows, their slots and records. The
+// thread is joined when the object goes. (Into an LFIB that holds routes, most rows are
+// rewritten in place: nothing is backed ahead.) Without a thread to be had, the pages come
+// as they are written.
+class Populating {
+ public:
+  Populating(const LfibStatus& lfib, bool empty) {
+    if (!empty) {
+      return;
+    }
+    try {
+      thread_ = std::thread([this, &lfib] {
+        lfib.tableForEach([](const auto& table) {
+          if (table.table) {
+            table.table->populate(0, 0);
+          }
+        });
+        if (const FileRows* file = rows_.get_future().get()) {
+          lfib.lfibRouteTable()->populate(static_cast<uint32_t>(file->routes), 0);
+          lfib.viaSetTable()->populate(static_cast<uint32_t>(file->routes),
+                                       sum(file->viaSetRecords));
+          lfibViaTypeForEach([&](auto via) {
+            if (const uint64_t added = file->vias[via.viaType]) {
+              via.table(lfib)->populate(static_cast<uint32_t>(added),
+                                        sum(file->viaRecords[via.viaType]));
+            }
+          });
+        }
+      });
+    } catch (const std::system_error&) {
+    }
+  }
+  // The rows to back pages for; `file` outlives this object.
+  void rowsAre(const FileRows& file) {
+    if (thread_.joinable() && !given_) {
+      given_ = true;
+      rows_.set_value(&file);
+    }
+  }
+  ~Populating() {
+    if (thread_.joinable()) {
+      if (!given_) {
+        rows_.set_value(nullptr);
+      }
+      thread_.join();
+    }
+  }
+  Populating(const Populating&) = delete;
+  Populating& operator=(const Populating&) = delete;
+
+ private:
+  std::promise<const FileRows*> rows_;
+  bool given_ = false;
+  std::thread thread_;
+};
 
 }  // namespace
 
@@ -374,6 +450,8 @@ int runLoad(const LoadOptions& options) {
   lfib->mountGroupIs(group, sizing);
   LfibWriter::Ptr writer = lfibWriterFactory(lfib);
   const bool wasEmpty = rowCount(*lfib) == 0;
+  FileRows file;  // read by the populating thread until it is joined
+  Populating populating(*lfib, wasEmpty);
 
   std::vector<uint32_t> gone;
   if (options.replace) {
@@ -386,12 +464,19 @@ int runLoad(const LoadOptions& options) {
     });
   }
   const uint64_t held = refuseDamaged(*lfib, routes, gone, name);
-  checkRoom(*lfib, routes, held, gone.size(), name);
+  file = fileRows(routes);
+  checkRoom(*lfib, file, held, gone.size(), name);
+  populating.rowsAre(file);
 
   uint32_t written = 0, unchanged = 0;
   {
-    // A write the tables refuse after all (a record heap full) takes the load back whole.
-    Pond::UndoLog undo(group);
+    // A write the tables refuse after all (a record heap full) takes the load back whole:
+    // through an undo log, or, into an empty LFIB, by emptying it again (a log of every
+    // row would only say that none was there).
+    std::optional<Pond::UndoLog> undo;
+    if (!wasEmpty) {
+      undo.emplace(group);
+    }
     try {
       for (uint32_t label : gone) {
         writer->lfibRouteDel(RouteKey(Netbase::MplsLabel(label)));
@@ -399,14 +484,24 @@ int runLoad(const LoadOptions& options) {
       Progress progress(routes.size());
       forEachLfibRoute(routes, [&](const ConsolidatedLfibRoute& route) {
         // Every change is logged: a route written as it stands logs none.
-        const size_t before = undo.changes();
+        const size_t before = undo ? undo->changes() : 0;
         writer->lfibRouteIs(route);
-        (undo.changes() == before ? unchanged : written) += 1;
+        if (undo) {
+          (undo->changes() == before ? unchanged : written) += 1;
+        }
         progress.step();
       });
       progress.done();
+      if (!undo) {
+        written = lfib->lfibRoutes();  // every route of the file is new
+      }
     } catch (const std::exception& e) {
-      undo.rollback();
+      if (undo) {
+        undo->rollback();
+      } else {
+        writer->lfibRouteDelAll();
+        lfibViaTypeForEach([&](auto via) { via.eraseAll(*lfib); });
+      }
       group->publish();
       throw CommandError(fmt::format("{}: nothing loaded", e.what()));
     }

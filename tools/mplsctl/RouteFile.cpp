@@ -640,15 +640,15 @@ std::vector<ParsedRoute> parseRouteFile(std::string_view text, const std::string
 }
 
 RouteList readRouteList(const std::string& path, RouteFileUse use) {
-  std::string name;
-  const std::string text = readLineFile(path, "route file", name);
-  return parseRouteList(text, name, use);
+  return parseLineFile(path, "route file", [&](std::string_view text, const std::string& name) {
+    return parseRouteList(text, name, use);
+  });
 }
 
 std::vector<ParsedRoute> readRouteFile(const std::string& path, RouteFileUse use) {
-  std::string name;
-  const std::string text = readLineFile(path, "route file", name);
-  return parseRouteFile(text, name, use);
+  return parseLineFile(path, "route file", [&](std::string_view text, const std::string& name) {
+    return parseRouteFile(text, name, use);
+  });
 }
 
 std::string routeLine(const Route& route) {

@@ -343,11 +343,11 @@ class FileParser {
 };
 
 Facts readFacts(const std::string& path) {
-  std::string name;
-  const std::string text = readLineFile(path, kFileKind, name);
-  FileParser parser;
-  forEachLine<Line>(text, name, kFileKind, [&](Line& l) { parser.line(l); });
-  return std::move(parser).facts();
+  return parseLineFile(path, kFileKind, [](std::string_view text, const std::string& name) {
+    FileParser parser;
+    forEachLine<Line>(text, name, kFileKind, [&](Line& l) { parser.line(l); });
+    return std::move(parser).facts();
+  });
 }
 
 // ---------------------------------------------------------------------------------------

@@ -120,7 +120,9 @@ TableEngine::Geometry TableEngine::geometry(const RowLayout& layout, const Table
   // Every term below is at most 2^30 * 2^17; the sums stay far below 2^63.
   g.bucketsOffset = align(sizeof(TableHeader), 64);
   g.slotsOffset = align(g.bucketsOffset + uint64_t{g.bucketCount} * sizeof(Bucket), 64);
-  g.logOffset = align(g.slotsOffset + uint64_t{g.capacity} * g.slotSize, 64);
+  g.logOffset = align(slotRowsOffset(g.slotsOffset, g.capacity) +
+                          uint64_t{g.capacity} * (g.slotSize - sizeof(SlotHeader)),
+                      64);
   g.chunkClassOffset = g.logOffset + uint64_t{g.logEntries} * g.logEntrySize;
   g.heapOffset = align(g.chunkClassOffset + g.chunkCount, 4096);
   g.segmentSize = align(g.heapOffset + uint64_t{g.chunkCount} * g.chunkSize, 4096);
@@ -159,7 +161,7 @@ std::unique_ptr<TableEngine> TableEngine::attachWriter(GroupLink& group, const s
             where, h->capacity, h->logEntries, h->rowSize, h->chunkCount, g.capacity,
             g.logEntries, g.rowSize, g.chunkCount));
       }
-      e->rebuildWriterState();
+      e->rebuildWriterState(false);
       return e;
     }
     auto init = [&](uint8_t* base) {
@@ -191,7 +193,7 @@ std::unique_ptr<TableEngine> TableEngine::attachWriter(GroupLink& group, const s
       std::unique_ptr<TableEngine> e(
           new TableEngine(group, table, layout, std::move(*created), true));
       e->validate(layout);
-      e->rebuildWriterState();
+      e->rebuildWriterState(true);
       return e;
     }
     // Created by someone else between our open and create: look again.
@@ -270,7 +272,6 @@ void TableEngine::bind() {
   const TableHeader* h = header();
   capacity_ = h->capacity;
   bucketMask_ = h->bucketCount - 1;
-  slotSize_ = h->slotSize;
   keyBytes_ = static_cast<uint32_t>(roundUp8(h->keySize));
   rowBytes_ = h->variable ? 0 : static_cast<uint32_t>(roundUp8(h->rowSize));
   bufferSize_ = static_cast<uint32_t>(roundUp8(h->rowSize));
@@ -286,6 +287,8 @@ void TableEngine::bind() {
   uint8_t* base = segment_.base();
   buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
   slots_ = base + h->slotsOffset;
+  slotRows_ = base + slotRowsOffset(h->slotsOffset, h->capacity);
+  slotRowSize_ = h->slotSize - static_cast<uint32_t>(sizeof(SlotHeader));
   log_ = base + h->logOffset;
   chunkClass_ = base + h->chunkClassOffset;
   heap_ = base + h->heapOffset;
@@ -574,6 +577,41 @@ TableEngine::LogRead TableEngine::readLog(uint64_t seq, void* keyOut, uint32_t* 
 
 // ---------------------------------------------------------------------------------------
 // The writer.
+
+void TableEngine::populate(uint32_t rows, uint64_t recordBytes) const {
+  const TableHeader* h = header();
+  uint8_t* base = segment_.base();
+  // relaxed: the mark moves under the writer's own thread meanwhile; where the pages
+  // start matters only to how many of them are backed.
+  const uint32_t from = std::min(loadRelaxed(&h->slotHighWater), capacity_);
+  const uint32_t to = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{from} + rows, capacity_));
+  // Every chunk of a size class fills before the next is taken: the records need their
+  // bytes in whole chunks, and a chunk more per class for those begun.
+  uint64_t heapTo = 0;
+  if (chunkSize_ != 0) {
+    const uint64_t chunks = (recordBytes + chunkSize_ - 1) / chunkSize_ + classSize_.size();
+    heapTo = std::min(heapBytes_, chunks * chunkSize_);
+  }
+  // In the order the writer needs them: the chains' heads at once, the slots and the
+  // records from the first free on.
+  const std::pair<uint64_t, uint64_t> ranges[] = {
+      {h->bucketsOffset, h->slotsOffset},
+      {slotHeaderOffset(*h, from), slotHeaderOffset(*h, to)},
+      {slotRowOffset(*h, from), slotRowOffset(*h, to)},
+      {h->logOffset, h->heapOffset},
+      {h->heapOffset, h->heapOffset + heapTo},
+  };
+  const uint64_t page = 4096;
+  for (auto [begin, end] : ranges) {
+    begin = begin / page * page;
+    end = std::min((end + page - 1) / page * page, segment_.size());
+    // A failure leaves the pages to be faulted in as they are written, as without it.
+    if (end > begin) {
+      ::madvise(base + begin, end - begin, MADV_POPULATE_WRITE);
+    }
+  }
+}
+
 
 uint32_t TableEngine::findSlot(const void* key, uint32_t hash, uint32_t* prev) const {
   *prev = kNoSlot;
@@ -891,7 +929,7 @@ struct TableEngine::Repair {
   uint32_t rows = 0;
 };
 
-void TableEngine::rebuildWriterState() {
+void TableEngine::rebuildWriterState(bool created) {
   if (layout_.variable) {
     initHeapClasses();
   }
@@ -901,7 +939,8 @@ void TableEngine::rebuildWriterState() {
   storeRelease(&header()->slotHighWater, repair.highWater);
   repair.linked.assign(repair.highWater, 0);
   repair.usedBlocks.resize(layout_.variable ? chunkCount_ : 0);
-  for (uint32_t bi = 0; bi <= bucketMask_; ++bi) {
+  // A table this writer has just created holds empty chains: nothing to walk.
+  for (uint32_t bi = 0; !created && bi <= bucketMask_; ++bi) {
     repairChain(bi, repair);
   }
   rebuildFreeSlots(repair);

@@ -142,6 +142,9 @@ class TableEngine {
   // holds, each in a block of its size class. True for fixed rows, which need no heap.
   bool heapHolds(const std::vector<uint32_t>& recordLengths) const;
   uint64_t heapBytes() const noexcept { return heapBytes_; }
+  // Writer: backs the pages that `rows` more rows with `recordBytes` bytes of records will
+  // be written to (see TableCore::populate).
+  void populate(uint32_t rows, uint64_t recordBytes) const;
 
   enum class LogRead { entry, overrun };
   uint64_t logHead() const noexcept;
@@ -158,9 +161,10 @@ class TableEngine {
                            const std::string& where);
   void bind();
   void validate(const RowLayout& layout) const;
-  // A writer's repair: rebuildWriterState and the steps it takes.
+  // A writer's repair: rebuildWriterState and the steps it takes (`created`: a table this
+  // writer has just created, whose chains are all empty).
   struct Repair;
-  void rebuildWriterState();
+  void rebuildWriterState(bool created);
   void repairChain(uint32_t bucketIndex, Repair& repair);
   bool keepChained(uint32_t index, uint32_t bucketIndex, Repair& repair);
   bool claimRecord(HeapRef ref, Repair& repair) const;
@@ -171,10 +175,10 @@ class TableEngine {
   TableHeader* header() const noexcept { return reinterpret_cast<TableHeader*>(segment_.base()); }
   Bucket* bucket(uint32_t hash) const noexcept { return buckets_ + (hash & bucketMask_); }
   SlotHeader* slot(uint32_t index) const noexcept {
-    return reinterpret_cast<SlotHeader*>(slots_ + uint64_t{index} * slotSize_);
+    return reinterpret_cast<SlotHeader*>(slots_ + uint64_t{index} * sizeof(SlotHeader));
   }
   uint8_t* slotData(uint32_t index) const noexcept {
-    return slots_ + uint64_t{index} * slotSize_ + sizeof(SlotHeader);
+    return slotRows_ + uint64_t{index} * slotRowSize_;
   }
 
   // Whether slot data (or a copy of it: a fixed row) holds `key`. Keys that compare
@@ -219,7 +223,7 @@ class TableEngine {
     std::memcpy(&ref, slotData, sizeof(ref));
     if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
         uint64_t{ref.offset} + ((ref.length + 7) & ~7u) > heapBytes_) [[unlikely]] {
-      checkRecord(ref, static_cast<uint32_t>((slotData - slots_) / slotSize_));
+      checkRecord(ref, static_cast<uint32_t>((slotData - slotRows_) / slotRowSize_));
     }
     *recordLen = ref.length;
     return heap_ + ref.offset;
@@ -281,7 +285,6 @@ class TableEngine {
   // Cached from the validated header.
   uint32_t capacity_ = 0;
   uint32_t bucketMask_ = 0;
-  uint32_t slotSize_ = 0;
   uint32_t keyBytes_ = 0;   // key size rounded up to 8
   uint32_t keyOffset_ = RowLayout::kKeyNotBytewise;  // of the key in slot data, if bytewise
   uint32_t rowBytes_ = 0;   // fixed: row size rounded up to 8
@@ -292,7 +295,9 @@ class TableEngine {
   uint32_t chunkCount_ = 0;
   uint64_t heapBytes_ = 0;
   Bucket* buckets_ = nullptr;
-  uint8_t* slots_ = nullptr;
+  uint8_t* slots_ = nullptr;     // the slots' headers
+  uint8_t* slotRows_ = nullptr;  // and their rows
+  uint32_t slotRowSize_ = 0;
   uint8_t* log_ = nullptr;
   uint8_t* chunkClass_ = nullptr;
   uint8_t* heap_ = nullptr;

@@ -16,7 +16,9 @@
 #include <fstream>
 #include <functional>
 #include <set>
+#include <thread>
 
+#include "Pond/MappedFile.h"
 #include "Pond/internal/Layout.h"
 #include "Pond/internal/Segment.h"
 #include "PondTestTypes.h"
@@ -319,8 +321,7 @@ TEST(PondMap, DeadWritersHalfWrittenRowIsReportedThenRepaired) {
     auto raw = rawTable(*g, table);
     ASSERT_TRUE(raw);
     const auto* h = reinterpret_cast<const Pond::internal::TableHeader*>(raw->base());
-    reinterpret_cast<SlotHeader*>(raw->base() + h->slotsOffset + uint64_t{slotIndex} * h->slotSize)
-        ->*change ^= 1;
+    reinterpret_cast<SlotHeader*>(raw->base() + slotHeaderOffset(*h, slotIndex))->*change ^= 1;
   }
   auto reader = MountGroup::reader(*g);
   PondMap<Key, Row> r(reader, "rows");
@@ -592,8 +593,7 @@ TEST(PondMap, ReaderGivesUpOnAStuckWriter) {
     reinterpret_cast<Pond::internal::Bucket*>(raw->base() + h->bucketsOffset)[i].seq |= 1;
   }
   for (uint32_t i = 0; i < h->capacity; ++i) {
-    reinterpret_cast<Pond::internal::SlotHeader*>(raw->base() + h->slotsOffset +
-                                                  uint64_t{i} * h->slotSize)->seq |= 1;
+    reinterpret_cast<Pond::internal::SlotHeader*>(raw->base() + slotHeaderOffset(*h, i))->seq |= 1;
   }
   auto reader = MountGroup::reader(*g);
   PondMap<Key, Row> r(reader, "rows");
@@ -637,6 +637,56 @@ TEST(PondMap, TruncatedSegmentIsCorruptionNotASignal) {
               ::testing::ThrowsMessage<Pond::CorruptionError>(HasSubstr("under the writer")));
 }
 
+// A mapped file cut short under its reader: the read past the new end gets zeros instead
+// of a SIGBUS, and the mapping says so.
+TEST(MappedFile, FileCutShortReadsAsZerosAndSaysSo) {
+  const std::string path = fmt::format("/tmp/pond-mapped-{}.txt", ::getpid());
+  const std::string text(3 * 4096 + 100, 'x');
+  std::ofstream(path) << text;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  auto mapped = Pond::MappedFile::map(fd, text.size());
+  ::close(fd);  // the mapping keeps its own
+  ASSERT_TRUE(mapped);
+  EXPECT_EQ(mapped->bytes(), text);
+  EXPECT_FALSE(mapped->cutShort());
+  ASSERT_EQ(::truncate(path.c_str(), 4096), 0);
+  const std::string_view bytes = mapped->bytes();
+  EXPECT_EQ(bytes[100], 'x');
+  EXPECT_EQ(bytes[2 * 4096], '\0');
+  EXPECT_TRUE(mapped->cutShort());
+  Pond::MappedFile moved = std::move(*mapped);
+  EXPECT_TRUE(moved.cutShort());
+  ::unlink(path.c_str());
+  EXPECT_FALSE(Pond::MappedFile::map(-1, 10));
+}
+
+// Pages backed ahead of a writer, on another thread while it writes: they become resident,
+// and the rows are those written.
+TEST(PondMap, PopulatedPagesComeAheadOfTheWriter) {
+  ScopedGroupName g("populate");
+  auto writer = MountGroup::writer(*g);
+  PondMap<Key, Row> w(writer, "rows", sized(1 << 16));
+  const uint64_t before = w.residentBytes();
+  std::thread populating([&] { w.populate(1 << 15, 0); });
+  for (uint32_t i = 0; i < 1000; ++i) {
+    w.upsert(Row::of(i, i * 3));
+  }
+  populating.join();
+  EXPECT_GE(w.residentBytes(), before + (uint64_t{1} << 15) * sizeof(Row));
+  writer->publish();
+  auto reader = MountGroup::reader(*g);
+  PondMap<Key, Row> r(reader, "rows");
+  uint32_t rows = 0;
+  r.forEach([&](const Row& row) {
+    EXPECT_EQ(row, Row::of(row.key().id(), row.key().id() * 3));
+    ++rows;
+  });
+  EXPECT_EQ(rows, 1000u);
+  PondMap<Key, Row> other(reader, "rows");
+  EXPECT_THROW(other.populate(1, 0), Pond::NotWriterError);
+}
+
 // A row that does not decode, or whose values break their types' invariants, is
 // corruption naming the table: a record claiming 1000 words, a bool holding 2, a level
 // out of its range.
@@ -655,10 +705,9 @@ TEST(PondMap, DamagedRowsAreCorruption) {
     return raw->base() + h->*field;
   };
   reinterpret_cast<uint32_t*>(at(rawVar, &Pond::internal::TableHeader::heapOffset))[1] = 1000;
-  uint8_t* slots = at(rawChecked, &Pond::internal::TableHeader::slotsOffset);
-  const uint32_t slotSize = 16 + 16;
-  slots[16 + 4] = 2;                                    // slot 0: key 1's bool
-  slots[slotSize + 16 + 8] = 77;                        // slot 1: key 2's level
+  const auto* checked = reinterpret_cast<const Pond::internal::TableHeader*>(rawChecked->base());
+  rawChecked->base()[slotRowOffset(*checked, 0) + 4] = 2;   // slot 0: key 1's bool
+  rawChecked->base()[slotRowOffset(*checked, 1) + 8] = 77;  // slot 1: key 2's level
   auto reader = MountGroup::reader(*g);
   PondMap<Key, VarRow> rv(reader, "var");
   PondMap<Key, CheckedRow> rc(reader, "checked");
