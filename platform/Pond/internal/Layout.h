@@ -16,8 +16,7 @@ constexpr uint64_t kGroupMagic = 0x31505247444e4f50ull;  // "PONDGRP1"
 constexpr uint64_t kTableMagic = 0x31424154444e4f50ull;  // "PONDTAB1"
 // 2: keys of up to 16 bytes hash with Kel's short-key mix.
 // 3: group names are paths of up to 255 bytes (group headers of 320 bytes, tables' of 512).
-// 4: the slots' headers in an array of their own, before their rows (see slotRowsOffset).
-constexpr uint32_t kLayoutVersion = 4;
+constexpr uint32_t kLayoutVersion = 3;
 constexpr uint32_t kNameMax = 64;        // bytes of a table name or of one component of a
                                          // group's path, without its zero
 constexpr uint32_t kGroupNameMax = 255;  // bytes of a group's path, without its zero
@@ -56,7 +55,7 @@ struct alignas(64) TableHeader {
   uint8_t reserved0[7];
   uint32_t capacity;      // slots, the most rows the table holds
   uint32_t bucketCount;   // a power of two, at least capacity
-  uint32_t slotSize;      // bytes per slot (its header and its row), a multiple of 8
+  uint32_t slotSize;      // bytes per slot, a multiple of 8
   uint32_t keySize;       // bytes of a key
   uint32_t rowSize;       // fixed rows: bytes of a row; variable rows: the largest record
   uint32_t variable;      // 0: rows stored as they are; 1: serialised records in the heap
@@ -65,7 +64,7 @@ struct alignas(64) TableHeader {
   uint32_t chunkSize;     // heap chunk bytes (a power of two); 0 without a heap
   uint32_t chunkCount;
   uint64_t bucketsOffset;
-  uint64_t slotsOffset;  // the slots' headers, then their rows (see slotRowsOffset)
+  uint64_t slotsOffset;
   uint64_t logOffset;
   uint64_t chunkClassOffset;  // one byte per heap chunk: its size class + 1, 0 when unused
                               // (the classes follow from rowSize; a new rule for them
@@ -88,9 +87,8 @@ struct Bucket {
 };
 static_assert(std::is_standard_layout_v<Bucket> && sizeof(Bucket) == 8);
 
-// The head of every slot; the slot's row (fixed rows) or a HeapRef and the key (variable
-// rows) are in the rows' array (see slotRowsOffset). seq is odd while the writer changes
-// the slot, its row included.
+// The head of every slot; the row (fixed rows) or a HeapRef and the key (variable rows)
+// follow. seq is odd while the writer changes the slot.
 struct SlotHeader {
   uint32_t seq;
   uint32_t hash;
@@ -100,19 +98,12 @@ struct SlotHeader {
 static_assert(std::is_standard_layout_v<SlotHeader> && sizeof(SlotHeader) == 16);
 constexpr uint32_t kSlotLive = 1;
 
-// Where a table's slots are: `capacity` headers from slotsOffset on, then, from the next
-// 64-byte boundary, a row (fixed rows) or a HeapRef and the key (variable rows) of
-// slotSize - sizeof(SlotHeader) bytes per slot. A lookup walks its chain in the headers
-// alone, which stay in cache far longer than the rows, and reads only the row it finds.
-constexpr uint64_t slotRowsOffset(uint64_t slotsOffset, uint32_t capacity) {
-  return (slotsOffset + uint64_t{capacity} * sizeof(SlotHeader) + 63) / 64 * 64;
-}
+// Where slot `index` of a table is: its header, and its row right after it.
 constexpr uint64_t slotHeaderOffset(const TableHeader& h, uint32_t index) {
-  return h.slotsOffset + uint64_t{index} * sizeof(SlotHeader);
+  return h.slotsOffset + uint64_t{index} * h.slotSize;
 }
 constexpr uint64_t slotRowOffset(const TableHeader& h, uint32_t index) {
-  return slotRowsOffset(h.slotsOffset, h.capacity) +
-         uint64_t{index} * (h.slotSize - sizeof(SlotHeader));
+  return slotHeaderOffset(h, index) + sizeof(SlotHeader);
 }
 
 // Where a variable row's record lives in the heap. Written as one 8-byte word.

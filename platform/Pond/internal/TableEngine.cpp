@@ -120,9 +120,7 @@ TableEngine::Geometry TableEngine::geometry(const RowLayout& layout, const Table
   // Every term below is at most 2^30 * 2^17; the sums stay far below 2^63.
   g.bucketsOffset = align(sizeof(TableHeader), 64);
   g.slotsOffset = align(g.bucketsOffset + uint64_t{g.bucketCount} * sizeof(Bucket), 64);
-  g.logOffset = align(slotRowsOffset(g.slotsOffset, g.capacity) +
-                          uint64_t{g.capacity} * (g.slotSize - sizeof(SlotHeader)),
-                      64);
+  g.logOffset = align(g.slotsOffset + uint64_t{g.capacity} * g.slotSize, 64);
   g.chunkClassOffset = g.logOffset + uint64_t{g.logEntries} * g.logEntrySize;
   g.heapOffset = align(g.chunkClassOffset + g.chunkCount, 4096);
   g.segmentSize = align(g.heapOffset + uint64_t{g.chunkCount} * g.chunkSize, 4096);
@@ -272,6 +270,7 @@ void TableEngine::bind() {
   const TableHeader* h = header();
   capacity_ = h->capacity;
   bucketMask_ = h->bucketCount - 1;
+  slotSize_ = h->slotSize;
   keyBytes_ = static_cast<uint32_t>(roundUp8(h->keySize));
   rowBytes_ = h->variable ? 0 : static_cast<uint32_t>(roundUp8(h->rowSize));
   bufferSize_ = static_cast<uint32_t>(roundUp8(h->rowSize));
@@ -287,8 +286,6 @@ void TableEngine::bind() {
   uint8_t* base = segment_.base();
   buckets_ = reinterpret_cast<Bucket*>(base + h->bucketsOffset);
   slots_ = base + h->slotsOffset;
-  slotRows_ = base + slotRowsOffset(h->slotsOffset, h->capacity);
-  slotRowSize_ = h->slotSize - static_cast<uint32_t>(sizeof(SlotHeader));
   log_ = base + h->logOffset;
   chunkClass_ = base + h->chunkClassOffset;
   heap_ = base + h->heapOffset;
@@ -597,7 +594,6 @@ void TableEngine::populate(uint32_t rows, uint64_t recordBytes) const {
   const std::pair<uint64_t, uint64_t> ranges[] = {
       {h->bucketsOffset, h->slotsOffset},
       {slotHeaderOffset(*h, from), slotHeaderOffset(*h, to)},
-      {slotRowOffset(*h, from), slotRowOffset(*h, to)},
       {h->logOffset, h->heapOffset},
       {h->heapOffset, h->heapOffset + heapTo},
   };

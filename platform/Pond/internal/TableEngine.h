@@ -175,10 +175,10 @@ class TableEngine {
   TableHeader* header() const noexcept { return reinterpret_cast<TableHeader*>(segment_.base()); }
   Bucket* bucket(uint32_t hash) const noexcept { return buckets_ + (hash & bucketMask_); }
   SlotHeader* slot(uint32_t index) const noexcept {
-    return reinterpret_cast<SlotHeader*>(slots_ + uint64_t{index} * sizeof(SlotHeader));
+    return reinterpret_cast<SlotHeader*>(slots_ + uint64_t{index} * slotSize_);
   }
   uint8_t* slotData(uint32_t index) const noexcept {
-    return slotRows_ + uint64_t{index} * slotRowSize_;
+    return slots_ + uint64_t{index} * slotSize_ + sizeof(SlotHeader);
   }
 
   // Whether slot data (or a copy of it: a fixed row) holds `key`. Keys that compare
@@ -223,7 +223,7 @@ class TableEngine {
     std::memcpy(&ref, slotData, sizeof(ref));
     if (ref.length == 0 || ref.length > bufferSize_ || (ref.offset & 7) != 0 ||
         uint64_t{ref.offset} + ((ref.length + 7) & ~7u) > heapBytes_) [[unlikely]] {
-      checkRecord(ref, static_cast<uint32_t>((slotData - slotRows_) / slotRowSize_));
+      checkRecord(ref, static_cast<uint32_t>((slotData - slots_) / slotSize_));
     }
     *recordLen = ref.length;
     return heap_ + ref.offset;
@@ -285,6 +285,7 @@ class TableEngine {
   // Cached from the validated header.
   uint32_t capacity_ = 0;
   uint32_t bucketMask_ = 0;
+  uint32_t slotSize_ = 0;
   uint32_t keyBytes_ = 0;   // key size rounded up to 8
   uint32_t keyOffset_ = RowLayout::kKeyNotBytewise;  // of the key in slot data, if bytewise
   uint32_t rowBytes_ = 0;   // fixed: row size rounded up to 8
@@ -295,9 +296,7 @@ class TableEngine {
   uint32_t chunkCount_ = 0;
   uint64_t heapBytes_ = 0;
   Bucket* buckets_ = nullptr;
-  uint8_t* slots_ = nullptr;     // the slots' headers
-  uint8_t* slotRows_ = nullptr;  // and their rows
-  uint32_t slotRowSize_ = 0;
+  uint8_t* slots_ = nullptr;
   uint8_t* log_ = nullptr;
   uint8_t* chunkClass_ = nullptr;
   uint8_t* heap_ = nullptr;
