@@ -50,6 +50,7 @@ TableCore::~TableCore() = default;
 uint32_t TableCore::size() const noexcept { return engine_ ? engine_->rowCount() : 0; }
 uint32_t TableCore::capacity() const noexcept { return engine_ ? engine_->capacity() : 0; }
 uint64_t TableCore::version() const noexcept { return engine_ ? engine_->version() : 0; }
+
 void TableCore::populate(uint32_t rows, uint64_t recordBytes) const {
   requireWriter();
   if (engine_) {

@@ -78,7 +78,7 @@ LineFileText readLineFile(const std::string& path, std::string_view kind) {
       static_cast<size_t>(st.st_size) <= kMaxFileBytes) {
     if (auto mapped = Pond::MappedFile::map(fd, static_cast<size_t>(st.st_size))) {
       auto shared = std::make_shared<Pond::MappedFile>(std::move(*mapped));
-      file.text_ = shared->bytes();
+      file.mapped_ = shared->bytes();
       file.mapping_ = std::move(shared);
       return file;
     }
@@ -114,7 +114,6 @@ LineFileText readLineFile(const std::string& path, std::string_view kind) {
     }
   }
   text.resize(have);
-  file.text_ = text;
   return file;
 }
 

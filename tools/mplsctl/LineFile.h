@@ -46,7 +46,7 @@ inline constexpr size_t kMaxLineBytes = size_t{64} << 10;
 // The text of a line file, read or mapped (see parseLineFile).
 class LineFileText {
  public:
-  std::string_view text() const noexcept { return text_; }
+  std::string_view text() const noexcept { return mapping_ ? mapped_ : std::string_view(read_); }
   // The file's name in errors: its path, or "<stdin>".
   const std::string& name() const noexcept { return name_; }
   // Throws LineFileError "<file>: cut short while being read" when the mapped file was
@@ -58,7 +58,7 @@ class LineFileText {
   std::string name_;
   std::string read_;                     // a file that was read
   std::shared_ptr<const void> mapping_;  // or the mapping of a regular file
-  std::string_view text_;
+  std::string_view mapped_;              // and its bytes
 };
 
 // The text of the file at `path`; "-" reads standard input (named "<stdin>" in errors).

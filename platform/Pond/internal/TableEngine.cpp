@@ -608,7 +608,6 @@ void TableEngine::populate(uint32_t rows, uint64_t recordBytes) const {
   }
 }
 
-
 uint32_t TableEngine::findSlot(const void* key, uint32_t hash, uint32_t* prev) const {
   *prev = kNoSlot;
   uint32_t link = bucket(hash)->head;
